@@ -1,0 +1,42 @@
+# Helpers shared by every folder's CMakeLists.txt.
+include(GoogleTest)
+
+# tavrel_library(name SOURCES ... [DEPS ...])
+#   A static library whose headers are included as "folder/header.h" from src/ (or the repo root).
+function(tavrel_library name)
+  cmake_parse_arguments(A "" "" "SOURCES;DEPS" ${ARGN})
+  add_library(${name} STATIC ${A_SOURCES})
+  target_include_directories(${name} PUBLIC ${PROJECT_SOURCE_DIR}/src ${PROJECT_SOURCE_DIR})
+  target_link_libraries(${name} PUBLIC ${A_DEPS} Threads::Threads)
+endfunction()
+
+# tavrel_unit_test(name SOURCES ... [DEPS ...])
+#   A GoogleTest executable; its cases are registered with ctest under the label "unit",
+#   which the sanitizer build runs.
+function(tavrel_unit_test name)
+  cmake_parse_arguments(A "" "TIMEOUT" "SOURCES;DEPS" ${ARGN})
+  if(NOT A_TIMEOUT)
+    set(A_TIMEOUT 300)
+  endif()
+  add_executable(${name} ${A_SOURCES})
+  target_include_directories(${name} PRIVATE ${PROJECT_SOURCE_DIR}/src ${PROJECT_SOURCE_DIR})
+  target_link_libraries(${name} PRIVATE ${A_DEPS} GTest::gtest GTest::gtest_main GTest::gmock Threads::Threads)
+  gtest_discover_tests(${name} PROPERTIES LABELS unit TIMEOUT ${A_TIMEOUT} DISCOVERY_TIMEOUT 60)
+endfunction()
+
+# tavrel_e2e_test(name SOURCES ... [DEPS ...])
+#   A GoogleTest executable that starts real programs; label "e2e". Program paths are passed
+#   through the environment (TAVREL_BIN_DIR).
+function(tavrel_e2e_test name)
+  cmake_parse_arguments(A "" "TIMEOUT" "SOURCES;DEPS" ${ARGN})
+  if(NOT A_TIMEOUT)
+    set(A_TIMEOUT 600)
+  endif()
+  add_executable(${name} ${A_SOURCES})
+  target_include_directories(${name} PRIVATE ${PROJECT_SOURCE_DIR}/src ${PROJECT_SOURCE_DIR})
+  target_link_libraries(${name} PRIVATE ${A_DEPS} GTest::gtest GTest::gtest_main GTest::gmock Threads::Threads)
+  gtest_discover_tests(${name} PROPERTIES LABELS e2e TIMEOUT ${A_TIMEOUT}
+    ENVIRONMENT "TAVREL_BIN_DIR=${PROJECT_BINARY_DIR}/bin" DISCOVERY_TIMEOUT 60)
+endfunction()
+
+
