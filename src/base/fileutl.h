@@ -1,0 +1,30 @@
+// fileutl: path and file helpers. Statuses: 0 success, -1 failure with errno kept.
+#pragma once
+
+#include <sys/stat.h>
+#include <sys/types.h>
+
+#include <string>
+
+// Makes every missing directory of `path` (the path itself included) with `mode`.
+int fileutl_mkpath(const std::string& path, mode_t mode);
+// stat(2) that follows links. 0 or -1.
+int fileutl_stat(const std::string& path, struct stat* st);
+bool fileutl_exists(const std::string& path);
+// Removes a file (not a directory); a missing file counts as success.
+int fileutl_rm(const std::string& path);
+int fileutl_rename(const std::string& from, const std::string& to);
+// Copies a regular file's bytes and mode; writes to a temporary then renames, so `to` is whole or absent.
+int fileutl_cp(const std::string& from, const std::string& to);
+// The path without its last component ("/a/b/c" -> "/a/b", "c" -> "", "/c" -> "/").
+std::string fileutl_strip_leaf(const std::string& path);
+// Makes a relative path absolute against the working directory, and removes "." components,
+// repeated and trailing slashes. ".." components are resolved textually.
+std::string fileutl_abspn(const std::string& path);
+// True when `parent` equals `path` or is one of its ancestor directories (component-wise).
+bool fileutl_pname_equal_or_parent(const std::string& parent, const std::string& path);
+// Writes `data` to `path` atomically: temporary file in the same directory, fsync, rename, fsync of
+// the directory. A crash leaves either the old or the new content. 0 or -1.
+int fileutl_write_atomic(const std::string& path, const std::string& data, mode_t mode);
+// Reads a whole file, refusing one larger than `limit` bytes (errno EFBIG). 0 or -1.
+int fileutl_read_file(const std::string& path, std::string* out, size_t limit);

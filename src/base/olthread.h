@@ -1,0 +1,24 @@
+// olthread: the base library's thread calls over POSIX threads.
+//
+// olthread_fork forks with the library in a sane state: in the child, the only thread is the caller,
+// and the signal dispatcher of pfm (if one was running) is started again so that handlers installed
+// with pfm_signal keep working there.
+#pragma once
+
+#include <pthread.h>
+#include <sys/types.h>
+
+typedef pthread_t olthread_t;
+
+int olthread_create(olthread_t* id, const pthread_attr_t* attr, void* (*fn)(void*), void* arg);
+// Joins; *status receives the value given to olthread_exit (or returned by the thread's function).
+int olthread_join(olthread_t id, int* status);
+[[noreturn]] void olthread_exit(int status);
+olthread_t olthread_self();
+// Kernel thread id of the caller.
+pid_t olthread_tid();
+bool olthread_is_main_thread();
+#define OLTHREAD_IS_MAIN_THREAD() olthread_is_main_thread()
+
+// fork(2); `nwait` is accepted for compatibility. Returns what fork returns.
+pid_t olthread_fork(int nwait);
