@@ -1,0 +1,34 @@
+// Tavrel_CMAPI_Request: one XML request of a client, queued in the foreground. Its operation is built
+// on the pool thread that takes it; the answer goes back through the client's request handler. While
+// the object lives it keeps its handler alive (the handler waits until all of its requests are gone).
+#pragma once
+
+#include <string>
+
+#include "core/tavrel_olthread.h"
+
+class Tavrel_AbstractOp;
+class Tavrel_Request_Handler_Base;
+
+class Tavrel_CMAPI_Request : public Tavrel_Request {
+ public:
+  // The message of a request that the ending view will not serve.
+  static constexpr const char* SHUTDOWN_MESSAGE = "tavrel_agent is shutting down; no new requests can be processed.\n";
+
+  Tavrel_CMAPI_Request(Tavrel_Request_Handler_Base* handler, const std::string& text);
+  ~Tavrel_CMAPI_Request() override;
+
+  int handle_request() override;
+  void cancel_request() override;
+  bool is_equivalent(const Tavrel_Request*) const override { return false; }
+  std::string toString() const override { return m_request; }
+
+  Tavrel_Request_Handler_Base* get_parent_request_handler() const { return m_handler; }
+
+ private:
+  int begin_request();
+
+  Tavrel_Request_Handler_Base* m_handler;
+  std::string m_request;
+  Tavrel_AbstractOp* m_op = nullptr;  // owned
+};

@@ -1,0 +1,57 @@
+// Tavrel_Request_Handler_Base: the thread that serves one client. It reads framed requests from the
+// client's request FIFO and queues each as a Tavrel_CMAPI_Request; pool threads answer on the
+// response FIFO. Several requests of one client may run at once; their answers leave in the order
+// they finish. The thread ends when the client closes its end or the agent stops, after all its
+// queued requests are gone.
+//
+// Request frame:  <decimal length, digits only>\n<length bytes of XML>
+// Response frame: <decimal length>\n<length bytes of XML>0\n   (the "0\n" is a closing zero length)
+//
+// Locks: the request channel mutex is held for a whole read_request (only this thread reads); the
+// response channel mutex is held for a whole send_response, so frames of parallel operations never
+// interleave.
+#pragma once
+
+#include <iosfwd>
+#include <mutex>
+#include <string>
+
+#include "core/tavrel_olthread.h"
+
+class Tavrel_Client;
+class Tavrel_View;
+
+class Tavrel_Request_Handler_Base : public Tavrel_Request_Thread {
+ public:
+  // Largest request body accepted; a longer declared length is dropped as malformed.
+  static constexpr size_t MAX_REQUEST_BYTES = 16u << 20;
+  // Line limit of the first request on standard input.
+  static constexpr size_t STREAM_LINE_LIMIT = 16000;
+
+  static Tavrel_Request_Handler_Base* get_request_handler(Tavrel_Client* client, Tavrel_View* view);
+  ~Tavrel_Request_Handler_Base() override;
+
+  int execute() override;
+  virtual int read_request(std::string& out) = 0;
+  virtual int send_response(const std::string& text) = 0;
+  virtual void close_pipes() = 0;
+
+  // The first request of the process: every line of the stream to its end (each at most
+  // STREAM_LINE_LIMIT - 1 characters); the first line, the length, is ignored; the others are
+  // trimmed and joined with no separator.
+  static int read_request(std::istream& in, std::string& out);
+  static int send_response(std::ostream& out, const std::string& text);
+  static std::string make_frame(const std::string& text);
+
+  Tavrel_View* get_view() const { return m_view; }
+  Tavrel_Client* get_client() const { return m_client; }
+
+ protected:
+  Tavrel_Request_Handler_Base(Tavrel_Client* client, Tavrel_View* view);
+
+  Tavrel_Client* m_client;  // owned
+  Tavrel_View* m_view;
+  std::string m_request;
+  std::mutex m_request_mutex;
+  std::mutex m_response_mutex;
+};
