@@ -107,7 +107,7 @@ void OlSaxHandler::to_native(const XMLCh* chars, std::size_t length, std::string
   OlUtil::ol_assert(false, __FILE__, __LINE__, "XML transcoding error");
   std::string shown = OlXmlUtil::xerces_to_native_lossy(chars, length);
   std::string message =
-      OlUtil::format(OlUtil::xml_messages(), OlUtil::kMsgUnsupportedChars, shown.c_str());
+      OlUtil::format(&_ol_xml_msg_table, OlUtil::kMsgUnsupportedChars, shown.c_str());
   std::u16string wide = OlXmlUtil::native_to_xerces_lossy(message);
   if (locator) throw OlXmlParser::OlXmlEncodingException(wide.c_str(), *locator);
   throw OlXmlParser::OlXmlEncodingException(wide.c_str(), nullptr, nullptr, 0, 0);

@@ -12,41 +12,28 @@ const char* const kXmlTexts[] = {
     "operating system: \"%s\".\n",
 };
 
-const OlMsgTable kXmlTable = {"xml_odfs", "ol_xml", kXmlTexts,
-                              sizeof(kXmlTexts) / sizeof(kXmlTexts[0])};
-
 std::atomic<OlTraceSink> g_trace_sink{nullptr};
 
-std::string vformat_message(const OlMsgTable& table, int number, va_list ap) {
+std::string vformat_message(const _imsg_message_table_t* table, int number, va_list ap) {
   char small[64];
-  if (number < 0 || static_cast<std::size_t>(number) >= table.count || !table.texts[number]) {
+  if (!table || number < 0 || number >= table->count || !table->texts[number]) {
     std::snprintf(small, sizeof small, "Internal error: could not load message %d", number);
     return small;
   }
-  // Measure first so that short messages do not pay for the whole buffer.
-  va_list measure;
-  va_copy(measure, ap);
-  int need = std::vsnprintf(nullptr, 0, table.texts[number], measure);
-  va_end(measure);
-  if (need < 0) {
-    std::snprintf(small, sizeof small, "Internal error: could not load message %d", number);
-    return small;
-  }
-  if (static_cast<std::size_t>(need) > OlUtil::kFormatBufferSize - 1) {
+  std::string out = imsg_vformat(table, number, ap);
+  if (out.size() > OlUtil::kFormatBufferSize - 1) {
     std::snprintf(small, sizeof small, "Internal error: message %d is too long", number);
     return small;
   }
-  std::string out(static_cast<std::size_t>(need) + 1, '\0');
-  std::vsnprintf(out.data(), out.size(), table.texts[number], ap);
-  out.resize(static_cast<std::size_t>(need));
   return out;
 }
 
 }  // namespace
 
-const OlMsgTable& OlUtil::xml_messages() { return kXmlTable; }
+const _imsg_message_table_t _ol_xml_msg_table = {
+    "ol_xml", "xml_odfs", static_cast<int>(sizeof(kXmlTexts) / sizeof(kXmlTexts[0])), kXmlTexts};
 
-std::string OlUtil::format(const OlMsgTable& table, int number, ...) {
+std::string OlUtil::format(const _imsg_message_table_t* table, int number, ...) {
   va_list ap;
   va_start(ap, number);
   std::string out = vformat_message(table, number, ap);

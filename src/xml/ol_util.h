@@ -11,31 +11,27 @@
 #include <cstddef>
 #include <string>
 
+#include "base/imsg.h"
+
 // Trace levels used by the layer: 2 problems, 3 entry and exit, 4 steps, 5 detail.
 // `scope` names the place, e.g. "XML:OlXmlParser:parse_impl"; `text` is one finished line.
 using OlTraceSink = void (*)(int level, const char* scope, const char* text);
 
-// One numbered message catalogue: texts addressed by index from 0.
-struct OlMsgTable {
-  const char* group;         // catalogue group, e.g. "xml_odfs"
-  const char* section;       // section within the group, e.g. "ol_xml"
-  const char* const* texts;  // printf formats
-  std::size_t count;
-};
+// The XML layer's message catalogue (section "ol_xml", prefix "xml_odfs"). Message 0 takes the
+// text that could not be converted to the native character set.
+extern const _imsg_message_table_t _ol_xml_msg_table;
 
 class OlUtil {
  public:
   // Size of the expansion buffer of format(), terminator included.
   static constexpr std::size_t kFormatBufferSize = 153600;
 
-  // The XML layer's catalogue. Message 0 takes the text that could not be converted.
-  static const OlMsgTable& xml_messages();
-  static constexpr int kMsgUnsupportedChars = 0;
+  static constexpr int kMsgUnsupportedChars = 0;  // index in _ol_xml_msg_table
 
   // Expands message `number` of `table` with the printf arguments that follow.
   // An unknown number gives "Internal error: could not load message N"; an expansion of
   // more than kFormatBufferSize - 1 bytes gives "Internal error: message N is too long".
-  static std::string format(const OlMsgTable& table, int number, ...);
+  static std::string format(const _imsg_message_table_t* table, int number, ...);
 
   // Consistency check. Does nothing when `condition` holds; otherwise sends
   // "<message> (<file>:<line>)" to the trace sink at level 2 and returns.
