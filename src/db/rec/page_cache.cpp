@@ -1,0 +1,342 @@
+#include "db/rec/page_cache.h"
+
+#include <algorithm>
+#include <cstdlib>
+#include <cstring>
+#include <new>
+
+#include "db/rec/io.h"
+
+namespace tavrel::rec {
+namespace {
+size_t g_alloc_cap = 0;
+}
+
+void PageCache::set_alloc_cap(size_t bytes) { g_alloc_cap = bytes; }
+
+PageRef& PageRef::operator=(PageRef&& o) noexcept {
+  if (this != &o) {
+    release();
+    c_ = o.c_;
+    frame_ = o.frame_;
+    p_ = o.p_;
+    o.c_ = nullptr;
+  }
+  return *this;
+}
+
+void PageRef::release() {
+  if (c_) c_->frames_[frame_].pins--;
+  c_ = nullptr;
+}
+
+int PageRef::dirty() { return c_->mark_dirty(frame_); }
+
+PageCache::~PageCache() {
+  for (uint8_t* b : blocks_) std::free(b);
+  for (Frame& f : frames_) std::free(f.before);
+  for (uint8_t* b : spare_befores_) std::free(b);
+}
+
+int PageCache::allocate(size_t n) {
+  if (n == 0) return S_NOMEMORY;
+  if (g_alloc_cap && n * ps_ > g_alloc_cap) return S_NOMEMORY;
+  auto* block = static_cast<uint8_t*>(std::malloc(n * ps_));
+  if (!block) return S_NOMEMORY;
+  blocks_.push_back(block);
+  size_t base = frames_.size();
+  frames_.resize(base + n);
+  for (size_t i = 0; i < n; i++) frames_[base + i].data = block + i * ps_;
+  map_.reserve(frames_.size() * 2);
+  return 0;
+}
+
+int PageCache::add_frame() {
+  auto* block = static_cast<uint8_t*>(std::malloc(ps_));
+  if (!block) return S_NOMEMORY;
+  blocks_.push_back(block);
+  frames_.emplace_back();
+  frames_.back().data = block;
+  return 0;
+}
+
+uint8_t* PageCache::new_before() {
+  if (!spare_befores_.empty()) {
+    uint8_t* b = spare_befores_.back();
+    spare_befores_.pop_back();
+    return b;
+  }
+  return static_cast<uint8_t*>(std::malloc(ps_));
+}
+
+void PageCache::free_before(Frame& fr) {
+  if (fr.before) {
+    if (spare_befores_.size() < 256)
+      spare_befores_.push_back(fr.before);
+    else
+      std::free(fr.before);
+  }
+  fr.before = nullptr;
+}
+
+int PageCache::write_frame(int f) {
+  Frame& fr = frames_[f];
+  int file = (int)(fr.key >> 32);
+  uint32_t page = (uint32_t)fr.key;
+  CacheFile& cf = (*files_)[file];
+  int st = io_write(cf.fd, fr.data, ps_, (uint64_t)page * ps_);
+  if (st != 0) return st;
+  cf.unsynced = true;
+  if (page + 1ull > cf.pages) cf.pages = page + 1ull;
+  return 0;
+}
+
+// Make frame f free for reuse: spill or write back a dirty page, then unmap it.
+int PageCache::evict(int f) {
+  Frame& fr = frames_[f];
+  if (fr.key == ~0ull) return 0;
+  if (fr.dirty) {
+    if (journaled_) {
+      int file = (int)(fr.key >> 32);
+      uint32_t page = (uint32_t)fr.key;
+      uint64_t at = 0;
+      int st = journal_->spill((uint16_t)file, (uint64_t)page * ps_, fr.data, ps_, &at);
+      if (st != 0) return st;
+      spill_[fr.key] = at;
+      stats_.spills++;
+    } else {
+      int st = write_frame(f);
+      if (st != 0) return st;
+      stats_.writebacks++;
+    }
+    fr.dirty = false;
+    free_before(fr);
+  }
+  map_.erase(fr.key);
+  fr.key = ~0ull;
+  fr.from_spill = false;
+  return 0;
+}
+
+int PageCache::victim(int* out) {
+  size_t n = frames_.size();
+  // Clock over clean, unpinned frames first (two sweeps clear the reference bits); then any unpinned frame.
+  for (size_t step = 0; step < 2 * n; step++) {
+    size_t i = hand_;
+    hand_ = (hand_ + 1) % n;
+    Frame& fr = frames_[i];
+    if (fr.pins > 0 || fr.dirty) continue;
+    if (fr.key == ~0ull || !fr.ref) {
+      *out = (int)i;
+      return 0;
+    }
+    fr.ref = false;
+  }
+  for (size_t step = 0; step < n; step++) {
+    size_t i = hand_;
+    hand_ = (hand_ + 1) % n;
+    if (frames_[i].pins == 0) {
+      *out = (int)i;
+      return 0;
+    }
+  }
+  int st = add_frame();
+  if (st != 0) return st;
+  *out = (int)frames_.size() - 1;
+  return 0;
+}
+
+int PageCache::get(int file, uint32_t page, PageRef* out) {
+  uint64_t key = mk(file, page);
+  auto it = map_.find(key);
+  if (it != map_.end()) {
+    Frame& fr = frames_[it->second];
+    fr.pins++;
+    fr.ref = true;
+    stats_.hits++;
+    *out = PageRef(this, it->second, fr.data);
+    return 0;
+  }
+  stats_.misses++;
+  int f;
+  int st = victim(&f);
+  if (st == 0) st = evict(f);
+  if (st != 0) return st;
+  Frame& fr = frames_[f];
+  auto sp = in_tx_ ? spill_.find(key) : spill_.end();
+  if (sp != spill_.end()) {
+    st = journal_->read(sp->second, fr.data, ps_);
+    fr.from_spill = true;
+  } else {
+    CacheFile& cf = (*files_)[file];
+    if (page < cf.pages)
+      st = io_read(cf.fd, fr.data, ps_, (uint64_t)page * ps_);
+    else
+      std::memset(fr.data, 0, ps_);
+  }
+  if (st != 0) return st;
+  fr.key = key;
+  fr.pins = 1;
+  fr.ref = true;
+  map_[key] = f;
+  *out = PageRef(this, f, fr.data);
+  return 0;
+}
+
+int PageCache::mark_dirty(int f) {
+  Frame& fr = frames_[f];
+  if (fr.dirty) return 0;
+  if (!in_tx_) return -31;
+  if (journaled_) {
+    if (!journal_->active()) journal_->begin();
+    fr.before = new_before();
+    if (!fr.before) return S_NOMEMORY;
+    std::memcpy(fr.before, fr.data, ps_);
+  }
+  fr.dirty = true;
+  tx_changed_ = true;
+  if (!fr.listed) {
+    fr.listed = true;
+    dirty_list_.push_back(f);
+  }
+  return 0;
+}
+
+void PageCache::tx_begin(bool journaled) {
+  in_tx_ = true;
+  journaled_ = journaled;
+  tx_changed_ = false;
+}
+
+int PageCache::tx_commit(bool sync_files_now, bool* applying) {
+  *applying = false;
+  if (!tx_changed_) {
+    in_tx_ = false;
+    return 0;
+  }
+  std::sort(dirty_list_.begin(), dirty_list_.end(),
+            [&](int a, int b) { return frames_[a].key < frames_[b].key; });
+  int st = 0;
+  if (journaled_) {
+    // Journal the changed byte ranges of every dirty page, merging ranges closer than an entry header.
+    uint64_t before_len = journal_->length();
+    for (int f : dirty_list_) {
+      Frame& fr = frames_[f];
+      if (!fr.dirty) continue;
+      int file = (int)(fr.key >> 32);
+      uint64_t base = (uint64_t)(uint32_t)fr.key * ps_;
+      uint32_t i = 0;
+      while (i < ps_ && st == 0) {
+        while (i < ps_ && fr.data[i] == fr.before[i]) i++;
+        if (i >= ps_) break;
+        uint32_t start = i, end = i, gap = 0;
+        for (; i < ps_; i++) {
+          if (fr.data[i] != fr.before[i]) {
+            end = i + 1;
+            gap = 0;
+          } else if (++gap > 24) {
+            break;
+          }
+        }
+        st = journal_->change((uint16_t)file, base + start, fr.data + start, end - start);
+      }
+      if (st != 0) return st;
+    }
+    st = journal_->commit();
+    if (st != 0) return st;
+    stats_.syncs++;
+    stats_.journal_bytes += journal_->length() - before_len;
+    *applying = true;
+    failpoint("commit.before_apply");
+    // Pages that were spilled and are not dirty in the cache now: copy their image to the file.
+    std::vector<uint8_t> tmp(ps_);
+    for (auto& [key, at] : spill_) {
+      auto it = map_.find(key);
+      const uint8_t* img = nullptr;
+      if (it != map_.end()) {
+        if (frames_[it->second].dirty) continue;
+        img = frames_[it->second].data;
+      } else {
+        st = journal_->read(at, tmp.data(), ps_);
+        if (st != 0) return st;
+        img = tmp.data();
+      }
+      int file = (int)(key >> 32);
+      uint32_t page = (uint32_t)key;
+      CacheFile& cf = (*files_)[file];
+      st = io_write(cf.fd, img, ps_, (uint64_t)page * ps_);
+      if (st != 0) return st;
+      cf.unsynced = true;
+      if (page + 1ull > cf.pages) cf.pages = page + 1ull;
+    }
+  } else {
+    *applying = true;
+  }
+  int n = 0;
+  for (int f : dirty_list_) {
+    Frame& fr = frames_[f];
+    fr.listed = false;
+    if (!fr.dirty) continue;
+    st = write_frame(f);
+    if (st != 0) return st;
+    if (++n == 3) failpoint("commit.mid_apply");
+    fr.dirty = false;
+    free_before(fr);
+  }
+  dirty_list_.clear();
+  spill_.clear();
+  for (Frame& fr : frames_) fr.from_spill = false;
+  if (sync_files_now) {
+    st = sync_files();
+    if (st != 0) return st;
+  }
+  in_tx_ = false;
+  tx_changed_ = false;
+  stats_.commits++;
+  return 0;
+}
+
+int PageCache::tx_abort() {
+  int st = 0;
+  if (journaled_ && journal_->active()) st = journal_->abort();
+  for (Frame& fr : frames_) {
+    if (fr.dirty || fr.from_spill) {
+      if (fr.key != ~0ull) map_.erase(fr.key);
+      fr.key = ~0ull;
+      fr.dirty = false;
+      fr.from_spill = false;
+      free_before(fr);
+    }
+    fr.listed = false;
+  }
+  dirty_list_.clear();
+  spill_.clear();
+  in_tx_ = false;
+  tx_changed_ = false;
+  return st;
+}
+
+int PageCache::sync_files() {
+  for (CacheFile& cf : *files_) {
+    if (!cf.unsynced) continue;
+    int st = io_sync(cf.fd);
+    if (st != 0) return st;
+    cf.unsynced = false;
+  }
+  return 0;
+}
+
+void PageCache::drop_all() {
+  for (Frame& fr : frames_) {
+    fr.key = ~0ull;
+    fr.dirty = false;
+    fr.from_spill = false;
+    fr.listed = false;
+    free_before(fr);
+  }
+  map_.clear();
+  spill_.clear();
+  dirty_list_.clear();
+}
+
+}  // namespace tavrel::rec

@@ -1,0 +1,139 @@
+// page_cache.h: the engine's page cache over the data and key files.
+//
+// A fixed array of frames (d_setpages: data + overflow pages), a hash map (file, page) -> frame, and clock
+// eviction. A page is pinned while a PageRef holds it; a pinned frame is never evicted, and if every frame
+// is pinned the cache grows by one frame rather than fail (only a single call's working set can do that).
+//
+// Transactions (one at a time):
+// - No-steal: a page changed by the open transaction ("txn-dirty") never reaches its data or key file before
+//   the transaction commits, so the files always hold the last committed state.
+// - When the frame of a txn-dirty page must be reused, its whole image is appended to the journal ("spill")
+//   and a later read of that page comes back from the journal. Transactions may therefore be far larger
+//   than the cache.
+// - Commit journals the changed byte ranges of every txn-dirty page (against a before-image taken when the
+//   page was first changed), makes the journal durable with one sync, and then writes the pages (and the
+//   spilled ones) to their files. Abort drops txn-dirty frames and the spill map.
+// - With the journal off (a bulk load), dirty pages are written back when evicted and at commit, and abort
+//   is refused (-925).
+// Single-threaded: the engine's caller serialises all calls.
+#pragma once
+
+#include <cstdint>
+#include <string>
+#include <unordered_map>
+#include <vector>
+
+#include "db/rec/journal.h"
+
+namespace tavrel::rec {
+
+struct CacheFile {
+  int fd = -1;
+  std::string name;  // base name
+  std::string path;
+  uint64_t pages = 0;      // pages present in the file
+  bool unsynced = false;   // written since the last checkpoint
+};
+
+class PageCache;
+
+// A pinned page. Movable, not copyable.
+class PageRef {
+ public:
+  PageRef() = default;
+  PageRef(PageCache* c, int frame, uint8_t* p) : c_(c), frame_(frame), p_(p) {}
+  PageRef(PageRef&& o) noexcept : c_(o.c_), frame_(o.frame_), p_(o.p_) { o.c_ = nullptr; }
+  PageRef& operator=(PageRef&& o) noexcept;
+  PageRef(const PageRef&) = delete;
+  PageRef& operator=(const PageRef&) = delete;
+  ~PageRef() { release(); }
+  void release();
+  uint8_t* data() const { return p_; }
+  int frame() const { return frame_; }
+  explicit operator bool() const { return c_ != nullptr; }
+  // Mark the page changed by the current transaction; call before writing to data().
+  int dirty();
+
+ private:
+  PageCache* c_ = nullptr;
+  int frame_ = -1;
+  uint8_t* p_ = nullptr;
+};
+
+struct CacheStats {
+  uint64_t hits = 0, misses = 0, spills = 0, writebacks = 0, commits = 0, journal_bytes = 0, syncs = 0;
+};
+
+class PageCache {
+ public:
+  explicit PageCache(uint32_t page_size) : ps_(page_size) {}
+  ~PageCache();
+  // Allocate `frames` frames; -904 if the memory cannot be had (or exceeds the test cap).
+  int allocate(size_t frames);
+  void attach(std::vector<CacheFile>* files, Journal* journal) {
+    files_ = files;
+    journal_ = journal;
+  }
+  uint32_t page_size() const { return ps_; }
+
+  // Pin page `page` of file `file` into *out. Pages beyond the end of the file read as zeros.
+  int get(int file, uint32_t page, PageRef* out);
+
+  // Transactions.
+  void tx_begin(bool journaled);
+  bool in_tx() const { return in_tx_; }
+  bool journaled() const { return journaled_; }
+  bool tx_changed() const { return tx_changed_; }
+  // Journal, sync, apply. An error before the journal sync leaves the transaction open (the caller aborts);
+  // *applying is set once the journal is durable, after which errors are fatal to the process.
+  int tx_commit(bool sync_files, bool* applying);
+  int tx_abort();
+  // Sync every file written since the last checkpoint.
+  int sync_files();
+  // Forget every cached page (after the files were changed underneath, e.g. by dt_initialize).
+  void drop_all();
+
+  const CacheStats& stats() const { return stats_; }
+  size_t frames() const { return frames_.size(); }
+
+  // Test hook: refuse allocations of more than `bytes` (0 = no cap).
+  static void set_alloc_cap(size_t bytes);
+
+ private:
+  friend class PageRef;
+  struct Frame {
+    uint8_t* data = nullptr;
+    uint8_t* before = nullptr;  // before-image while txn-dirty (journaled mode)
+    uint64_t key = ~0ull;       // file << 32 | page; ~0 when the frame holds nothing
+    int pins = 0;
+    bool ref = false;
+    bool dirty = false;
+    bool from_spill = false;  // content came from the journal (uncommitted)
+    bool listed = false;      // in dirty_list_
+  };
+  static uint64_t mk(int file, uint32_t page) { return (uint64_t)file << 32 | page; }
+  int victim(int* out);
+  int evict(int f);
+  int write_frame(int f);
+  int mark_dirty(int f);
+  void free_before(Frame& fr);
+  uint8_t* new_before();
+  int add_frame();
+
+  uint32_t ps_;
+  std::vector<Frame> frames_;
+  std::vector<uint8_t*> blocks_;  // allocations backing frames
+  std::vector<uint8_t*> spare_befores_;
+  std::unordered_map<uint64_t, int> map_;
+  std::unordered_map<uint64_t, uint64_t> spill_;  // page key -> offset of its image in the journal
+  std::vector<int> dirty_list_;
+  std::vector<CacheFile>* files_ = nullptr;
+  Journal* journal_ = nullptr;
+  size_t hand_ = 0;
+  bool in_tx_ = false;
+  bool journaled_ = true;
+  bool tx_changed_ = false;
+  CacheStats stats_;
+};
+
+}  // namespace tavrel::rec

@@ -1,0 +1,145 @@
+#include "db/rec/test_util.h"
+
+#include <dirent.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <fstream>
+#include <sstream>
+
+#include "db/rec/schema.h"
+
+namespace rectest {
+
+TempDir::TempDir() {
+  const char* base = getenv("TMPDIR");
+  std::string tmpl = std::string(base && *base ? base : "/tmp") + "/tavrel_rec_XXXXXX";
+  std::vector<char> buf(tmpl.begin(), tmpl.end());
+  buf.push_back(0);
+  if (!mkdtemp(buf.data())) abort();
+  path_ = buf.data();
+}
+
+TempDir::~TempDir() {
+  DIR* d = opendir(path_.c_str());
+  if (d) {
+    while (dirent* e = readdir(d)) {
+      if (strcmp(e->d_name, ".") == 0 || strcmp(e->d_name, "..") == 0) continue;
+      unlink((path_ + "/" + e->d_name).c_str());
+    }
+    closedir(d);
+  }
+  rmdir(path_.c_str());
+}
+
+static void sink(int, const char* text, void* ctx) { static_cast<Capture*>(ctx)->lines.push_back(text); }
+
+Capture::Capture() { dt_set_msg_sink(sink, this); }
+Capture::~Capture() { dt_set_msg_sink(nullptr, nullptr); }
+
+bool Capture::contains(const std::string& needle) const {
+  for (const auto& l : lines)
+    if (l.find(needle) != std::string::npos) return true;
+  return false;
+}
+
+int open_db(DB_TASK* task, const std::string& dir, int page_size, int frames) {
+  dt_write_dictionary((dir + "/tavrel_db.dbd").c_str());
+  d_setpagesize(page_size);
+  d_setpages(frames, 0);
+  dt_dbwdir(dir.c_str(), task);
+  return dt_open("tavrel_db", "o", task);
+}
+
+static std::string hex(const void* p, size_t n) {
+  static const char* d = "0123456789abcdef";
+  std::string s;
+  for (size_t i = 0; i < n; i++) {
+    uint8_t b = static_cast<const uint8_t*>(p)[i];
+    s += d[b >> 4];
+    s += d[b & 15];
+  }
+  return s;
+}
+
+std::string dump(DB_TASK* task) {
+  const auto& s = tavrel::rec::schema();
+  DB_ADDR* saved;
+  int size;
+  dt_rdcurr(&saved, &size, task);
+  std::ostringstream out;
+  uint8_t buf[512];
+  for (const auto& rd : s.recs) {
+    for (int st = dt_recfrst(rd.number, task, -1); st == 0; st = dt_recnext(task, -1)) {
+      DB_ADDR dba;
+      dt_crget(&dba, task, -1);
+      dt_recread(buf, task, -1);
+      out << rd.name << " " << std::hex << dba << std::dec << " " << hex(buf, rd.size) << "\n";
+      for (int set : rd.owned_sets) {
+        int sn = 20000 + set;
+        dt_setor(sn, task, -1);
+        long n = -1;
+        dt_members(sn, &n, task, -1);
+        out << "  set " << s.sets[set].name << " n=" << n << ":";
+        for (int m = dt_findfm(sn, task, -1); m == 0; m = dt_findnm(sn, task, -1)) {
+          DB_ADDR md;
+          dt_crget(&md, task, -1);
+          out << " " << std::hex << md << std::dec;
+        }
+        out << "\n";
+        dt_crset(&dba, task, -1);
+      }
+    }
+  }
+  // Keys: a keyfind of the lowest value either hits the first entry or stands before it.
+  for (const auto& kd : s.keys) {
+    DB_ADDR* here;
+    dt_rdcurr(&here, &size, task);
+    uint8_t low[32] = {};
+    int st = dt_keyfind(kd.field, low, task, -1);
+    out << "key " << kd.field << ":";
+    if (st == 0) {
+      DB_ADDR dba;
+      dt_crget(&dba, task, -1);
+      dt_keyread(buf, task);
+      out << " " << hex(buf, kd.buf_len) << "@" << std::hex << dba << std::dec;
+    }
+    while (dt_keynext(kd.field, task, -1) == 0) {
+      DB_ADDR dba;
+      dt_crget(&dba, task, -1);
+      dt_keyread(buf, task);
+      out << " " << hex(buf, kd.buf_len) << "@" << std::hex << dba << std::dec;
+    }
+    out << "\n";
+    dt_wrcurr(here, task);
+  }
+  dt_wrcurr(saved, task);
+  return out.str();
+}
+
+void copy_dir(const std::string& from, const std::string& to) {
+  DIR* d = opendir(from.c_str());
+  if (!d) return;
+  while (dirent* e = readdir(d)) {
+    if (e->d_name[0] == '.') continue;
+    write_file(to + "/" + e->d_name, read_file(from + "/" + e->d_name));
+  }
+  closedir(d);
+}
+
+std::string read_file(const std::string& path) {
+  std::ifstream in(path, std::ios::binary);
+  std::stringstream ss;
+  ss << in.rdbuf();
+  return ss.str();
+}
+
+void write_file(const std::string& path, const std::string& data) {
+  std::ofstream out(path, std::ios::binary | std::ios::trunc);
+  out << data;
+}
+
+}  // namespace rectest
