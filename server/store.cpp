@@ -559,6 +559,10 @@ void Repo::remove_checkout(int64_t view, int64_t elem) {
   db_.stmt("DELETE FROM checkout WHERE view=? AND elem=?").bind(1, view).bind(2, elem).run();
 }
 
+void Repo::set_checkout_version(int64_t view, int64_t elem, int64_t co_version) {
+  db_.stmt("UPDATE checkout SET co_version=? WHERE view=? AND elem=?").bind(1, co_version).bind(2, view).bind(3, elem).run();
+}
+
 std::vector<Checkout> Repo::checkouts(int64_t view) {
   std::vector<Checkout> out;
   auto s = db_.stmt("SELECT elem, co_version, base_version FROM checkout WHERE view=?");

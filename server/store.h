@@ -191,6 +191,7 @@ class Repo {
   std::optional<Checkout> checkout_of(int64_t view, int64_t elem);
   void add_checkout(const Checkout& c);
   void remove_checkout(int64_t view, int64_t elem);
+  void set_checkout_version(int64_t view, int64_t elem, int64_t co_version);
   std::vector<Checkout> checkouts(int64_t view);
 
   // Served set.

@@ -1,0 +1,195 @@
+// tavrel_server: the reference WAN server.
+//
+//   tavrel_server serve  [--store FILE] [--host ADDR] [--port N] [--base PATH] [--cert FILE --key FILE]
+//                        [--users FILE | --open-login] [--admin-token-file FILE] [--request-log FILE]
+//                        [--threads N] [--max-body BYTES] [--session-idle SECONDS] [--port-file FILE]
+//   tavrel_server import [--store FILE] --silo /TAG DIR [--public] [--project]
+//
+// The store defaults to $TAVREL_SERVER_STORE, else ./tavrel_server.db. "serve" prints one line
+// "listening on <url>" on standard output when it is ready and runs until SIGINT or SIGTERM.
+// Passwords and the admin token are read from files (or $TAVREL_ADMIN_TOKEN), never from arguments.
+// Without a token the server makes one and writes it to <store>.admin-token (mode 0600).
+#include <signal.h>
+#include <sys/stat.h>
+
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <fstream>
+#include <iostream>
+#include <string>
+
+#include "server/importer.h"
+#include "server/sessions.h"
+#include "server/wan_server.h"
+
+using namespace tavrel_server;
+
+namespace {
+
+int usage(const char* why) {
+  if (why) std::cerr << "tavrel_server: " << why << "\n";
+  std::cerr << "usage: tavrel_server serve [--store FILE] [--host ADDR] [--port N] [--base PATH]\n"
+               "                           [--cert FILE --key FILE] [--users FILE | --open-login]\n"
+               "                           [--admin-token-file FILE] [--request-log FILE] [--threads N]\n"
+               "                           [--max-body BYTES] [--session-idle SECONDS] [--port-file FILE]\n"
+               "       tavrel_server import [--store FILE] --silo /TAG DIR [--public] [--project]\n";
+  return 2;
+}
+
+bool read_first_line(const std::string& path, std::string* out) {
+  std::ifstream in(path);
+  if (!in) return false;
+  std::getline(in, *out);
+  while (!out->empty() && (out->back() == '\r' || out->back() == ' ')) out->pop_back();
+  return true;
+}
+
+bool load_users(const std::string& path, std::map<std::string, std::string>* users) {
+  std::ifstream in(path);
+  if (!in) return false;
+  struct stat st;
+  if (::stat(path.c_str(), &st) == 0 && (st.st_mode & 077))
+    std::cerr << "tavrel_server: warning: " << path << " is readable by others\n";
+  std::string line;
+  while (std::getline(in, line)) {
+    if (!line.empty() && line.back() == '\r') line.pop_back();
+    if (line.empty() || line[0] == '#') continue;
+    size_t colon = line.find(':');
+    if (colon == std::string::npos || colon == 0) {
+      std::cerr << "tavrel_server: ignoring a malformed line of " << path << "\n";
+      continue;
+    }
+    (*users)[line.substr(0, colon)] = line.substr(colon + 1);
+  }
+  return true;
+}
+
+bool parse_int(const char* s, long long lo, long long hi, long long* out) {
+  char* end = nullptr;
+  errno = 0;
+  long long v = std::strtoll(s, &end, 10);
+  if (errno || end == s || *end || v < lo || v > hi) return false;
+  *out = v;
+  return true;
+}
+
+std::string default_store() {
+  const char* e = std::getenv("TAVREL_SERVER_STORE");
+  return e && *e ? e : "tavrel_server.db";
+}
+
+int run_import(int argc, char** argv) {
+  std::string store = default_store(), tag, dir;
+  ImportOptions opt;
+  for (int i = 2; i < argc; ++i) {
+    std::string a = argv[i];
+    if (a == "--store" && i + 1 < argc) store = argv[++i];
+    else if (a == "--silo" && i + 1 < argc) tag = argv[++i];
+    else if (a == "--public") opt.is_public = true;
+    else if (a == "--project") opt.is_project = true;
+    else if (!a.empty() && a[0] != '-' && dir.empty()) dir = a;
+    else return usage(("unexpected argument " + a).c_str());
+  }
+  if (tag.empty() || dir.empty()) return usage("import needs --silo /TAG and a directory");
+  try {
+    Store s(store);
+    ImportStats st = import_tree(s, tag, dir, opt);
+    for (const auto& sk : st.skipped) std::cerr << "tavrel_server: skipped " << sk << "\n";
+    std::cout << "imported " << tag << ": " << st.files << " files, " << st.dirs << " directories, " << st.links
+              << " links, " << st.bytes << " bytes, " << st.skipped.size() << " skipped; replica "
+              << tbs_uuid_to_str(st.silo.replica) << "\n";
+    return 0;
+  } catch (const std::exception& e) {
+    std::cerr << "tavrel_server: import failed: " << e.what() << "\n";
+    return 1;
+  }
+}
+
+int run_serve(int argc, char** argv) {
+  ServerConfig cfg;
+  cfg.store_path = default_store();
+  std::string users_file, token_file, port_file;
+  for (int i = 2; i < argc; ++i) {
+    std::string a = argv[i];
+    auto next = [&]() -> const char* { return i + 1 < argc ? argv[++i] : nullptr; };
+    long long n = 0;
+    const char* v = nullptr;
+    if (a == "--open-login") { cfg.open_login = true; continue; }
+    if (!(v = next())) return usage(("missing value for " + a).c_str());
+    if (a == "--store") cfg.store_path = v;
+    else if (a == "--host") cfg.host = v;
+    else if (a == "--port" && parse_int(v, 0, 65535, &n)) cfg.port = int(n);
+    else if (a == "--base") cfg.base_path = v;
+    else if (a == "--cert") cfg.cert_file = v;
+    else if (a == "--key") cfg.key_file = v;
+    else if (a == "--users") users_file = v;
+    else if (a == "--admin-token-file") token_file = v;
+    else if (a == "--request-log") cfg.request_log_file = v;
+    else if (a == "--port-file") port_file = v;
+    else if (a == "--threads" && parse_int(v, 1, 256, &n)) cfg.threads = int(n);
+    else if (a == "--max-body" && parse_int(v, 1024, 1ll << 31, &n)) cfg.max_body = size_t(n);
+    else if (a == "--session-idle" && parse_int(v, 1, 1ll << 31, &n)) cfg.session_idle_seconds = int(n);
+    else return usage(("bad argument " + a + " " + v).c_str());
+  }
+  if (cfg.base_path.empty() || cfg.base_path[0] != '/' || cfg.base_path.back() == '/')
+    return usage("--base must start with / and not end with /");
+  if (cfg.cert_file.empty() != cfg.key_file.empty()) return usage("--cert and --key go together");
+  if (!users_file.empty() && !load_users(users_file, &cfg.users)) return usage("cannot read --users file");
+  if (users_file.empty() && !cfg.open_login) return usage("give --users FILE (or --open-login for any login)");
+  if (!token_file.empty()) {
+    if (!read_first_line(token_file, &cfg.admin_token) || cfg.admin_token.empty())
+      return usage("cannot read --admin-token-file");
+  } else if (const char* t = std::getenv("TAVREL_ADMIN_TOKEN"); t && *t) {
+    cfg.admin_token = t;
+  } else {
+    cfg.admin_token = Sessions::random_token();
+    std::string path = cfg.store_path + ".admin-token";
+    mode_t old = ::umask(077);
+    std::ofstream(path, std::ios::trunc) << cfg.admin_token << "\n";
+    ::umask(old);
+    std::cerr << "tavrel_server: admin token written to " << path << "\n";
+  }
+
+  sigset_t set;
+  sigemptyset(&set);
+  sigaddset(&set, SIGINT);
+  sigaddset(&set, SIGTERM);
+  pthread_sigmask(SIG_BLOCK, &set, nullptr);
+  signal(SIGPIPE, SIG_IGN);
+  try {
+    WanServer srv(cfg);
+    int port = srv.start();
+    if (port < 0) {
+      std::cerr << "tavrel_server: cannot listen on " << cfg.host << ":" << cfg.port
+                << (srv.tls() ? " (or the certificate/key cannot be loaded)" : "") << "\n";
+      return 1;
+    }
+    if (!port_file.empty()) std::ofstream(port_file, std::ios::trunc) << port << "\n";
+    std::string host = cfg.host.find(':') != std::string::npos ? "[" + cfg.host + "]" : cfg.host;
+    std::cout << "listening on " << (srv.tls() ? "https" : "http") << "://" << host << ":" << port << cfg.base_path
+              << std::endl;
+    int sig = 0;
+    sigwait(&set, &sig);
+    std::cerr << "tavrel_server: stopping on signal " << sig << "\n";
+    srv.stop();
+    return 0;
+  } catch (const std::exception& e) {
+    std::cerr << "tavrel_server: " << e.what() << "\n";
+    return 1;
+  }
+}
+
+}  // namespace
+
+int main(int argc, char** argv) {
+  if (argc < 2) return usage(nullptr);
+  std::string cmd = argv[1];
+  if (cmd == "serve") return run_serve(argc, argv);
+  if (cmd == "import") return run_import(argc, argv);
+  if (cmd == "--help" || cmd == "-h" || cmd == "help") {
+    usage(nullptr);
+    return 0;
+  }
+  return usage(("unknown command " + cmd).c_str());
+}
