@@ -198,9 +198,22 @@ std::string repeat(const std::string& s, std::size_t n) {
   return out;
 }
 
+// Leak checking is paused around the unprotected reader below: the library leaks a little on
+// the failure paths of its own entity loading, which our parser never takes.
+extern "C" void __lsan_disable() __attribute__((weak));
+extern "C" void __lsan_enable() __attribute__((weak));
+
 // Parses with a library reader in its default configuration (no refusals): what an
 // unprotected parser would do with the same input.
 void parse_unprotected(const std::string& xml) {
+  struct PauseLeakCheck {
+    PauseLeakCheck() {
+      if (__lsan_disable) __lsan_disable();
+    }
+    ~PauseLeakCheck() {
+      if (__lsan_enable) __lsan_enable();
+    }
+  } pause;
   ol_test::ScopedCtype ctype("C.UTF-8");
   OlXmlUtil::platform_init();
   std::unique_ptr<xercesc::SAX2XMLReader> reader(xercesc::XMLReaderFactory::createXMLReader());
@@ -438,9 +451,15 @@ TEST_P(OlXmlHostile, ExactOutcomeNothingReadMemoryBounded) {
   }
 
   EXPECT_EQ(static_cast<int>(got), static_cast<int>(c.outcome)) << message;
-  if (c.message) EXPECT_EQ(message, c.message);
-  if (c.line >= 0) EXPECT_EQ(line, c.line);
-  if (c.column >= 0) EXPECT_EQ(column, c.column);
+  if (c.message) {
+    EXPECT_EQ(message, c.message);
+  }
+  if (c.line >= 0) {
+    EXPECT_EQ(line, c.line);
+  }
+  if (c.column >= 0) {
+    EXPECT_EQ(column, c.column);
+  }
   if (c.outcome == Outcome::kOk) {
     ASSERT_TRUE(doc && doc->get_root());
     if (c.check) c.check(doc->get_root());

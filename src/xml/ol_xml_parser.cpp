@@ -11,6 +11,10 @@
 #include <xercesc/util/XMLString.hpp>
 #include <xercesc/util/XMLUni.hpp>
 
+#include <sys/stat.h>
+
+#include <cerrno>
+#include <cstring>
 #include <new>
 
 #include "xml/ol_bounded_input_source.h"
@@ -86,6 +90,20 @@ OlAutoPtr<OlXmlDoc>* OlXmlParser::parse_string(const std::string& text) {
 }
 
 OlAutoPtr<OlXmlDoc>* OlXmlParser::parse_file(const std::string& path) {
+  // Only regular files: a directory, FIFO or device is refused before the library sees it
+  // (a FIFO would block, a device never end, and the library leaks on a directory).
+  struct stat st;
+  if (stat(path.c_str(), &st) != 0) {
+    int err = errno;
+    std::u16string msg = OlXmlUtil::native_to_xerces_lossy(
+        "XML parse error: cannot open \"" + path + "\": " + std::strerror(err));
+    throw SAXParseException(msg.c_str(), nullptr, nullptr, 0, 0);
+  }
+  if (!S_ISREG(st.st_mode)) {
+    std::u16string msg =
+        OlXmlUtil::native_to_xerces_lossy("XML parse error: not a regular file: \"" + path + "\"");
+    throw SAXParseException(msg.c_str(), nullptr, nullptr, 0, 0);
+  }
   XMLCh* wide = OlXmlUtil::native_to_xerces(path);
   try {
     LocalFileInputSource source(wide);
@@ -96,7 +114,8 @@ OlAutoPtr<OlXmlDoc>* OlXmlParser::parse_file(const std::string& path) {
     throw;
   } catch (const XMLException& e) {  // e.g. a path the library cannot make absolute
     if (wide) XMLString::release(&wide);
-    std::u16string msg = OlXmlUtil::native_to_xerces_lossy("XML parse error: " + native_message(e.getMessage()));
+    std::u16string msg =
+        OlXmlUtil::native_to_xerces_lossy("XML parse error: " + native_message(e.getMessage()));
     throw SAXParseException(msg.c_str(), nullptr, nullptr, 0, 0);
   }
 }
