@@ -66,8 +66,9 @@ AgentStarted start_agent(const AgentStart& how) {
   out.watchdog_pid = pid;
 
   std::string doc = how.first_request;
-  for (char& c : doc)
-    if (c == '\n' || c == '\r') c = ' ';
+  if (!how.raw_first_request)
+    for (char& c : doc)
+      if (c == '\n' || c == '\r') c = ' ';
   std::string frame = encode_request_frame(doc) + "\n";
   signal(SIGPIPE, SIG_IGN);
   size_t done = 0;

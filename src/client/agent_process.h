@@ -20,6 +20,7 @@ struct AgentStart {
   std::vector<std::string> extra_args; // e.g. -trace_level 5 -trace_subsystem TAVREL
   std::string first_request;           // the XML document (MkView or StartView)
   int timeout_ms = 30000;              // for the first answer
+  bool raw_first_request = false;      // send the document as it is (tests); otherwise on one line
 };
 
 struct AgentStarted {

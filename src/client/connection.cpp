@@ -59,18 +59,24 @@ Connection::Status Connection::connect(const std::string& storage, int timeout_m
   std::string resp = ipc + "response_" + m_id;
 
   int lfd = -1;
-  while (lfd < 0) {
-    lfd = open(listener.c_str(), O_WRONLY | O_NONBLOCK | O_CLOEXEC);
-    if (lfd >= 0) break;
-    if (errno != ENOENT && errno != ENXIO) return fail(kSystem, "cannot open " + listener + ": " + strerror(errno));
-    if (ms_left(deadline) == 0) return fail(kTimeout, "the agent is not listening on " + listener);
-    pause_a_little();
-  }
   std::string line = m_id + "\n";
-  if (write(lfd, line.data(), line.size()) != static_cast<ssize_t>(line.size())) {
+  for (;;) {
+    lfd = open(listener.c_str(), O_WRONLY | O_NONBLOCK | O_CLOEXEC);
+    if (lfd < 0) {
+      if (errno != ENOENT && errno != ENXIO) return fail(kSystem, "cannot open " + listener + ": " + strerror(errno));
+      if (ms_left(deadline) == 0) return fail(kTimeout, "the agent is not listening on " + listener);
+      pause_a_little();
+      continue;
+    }
+    if (write(lfd, line.data(), line.size()) == static_cast<ssize_t>(line.size())) break;
+    // EPIPE: the agent closed the listener between our open and our write (it reopens it for the
+    // next connection). Announce again.
     int e = errno;
     ::close(lfd);
-    return fail(kSystem, std::string("cannot announce the connection: ") + strerror(e));
+    lfd = -1;
+    if (e != EPIPE && e != EAGAIN) return fail(kSystem, std::string("cannot announce the connection: ") + strerror(e));
+    if (ms_left(deadline) == 0) return fail(kTimeout, "the agent is not listening on " + listener);
+    pause_a_little();
   }
   while (!(is_our_fifo(req) && is_our_fifo(resp))) {
     if (ms_left(deadline) == 0) {

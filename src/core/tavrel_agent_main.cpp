@@ -1,5 +1,6 @@
 #include "core/tavrel_agent_main.h"
 
+#include <fcntl.h>
 #include <signal.h>
 #include <sys/stat.h>
 #include <sys/wait.h>
@@ -208,6 +209,14 @@ int tavrel_agent_main(int argc, char** argv) {
   pid_t child = olthread_fork(2);
   if (child < 0) pfm_exit(2);
   if (child > 0) {
+    // The watchdog never reads or writes the starter's pipes: let go of them, so that only the agent
+    // holds them (and it releases them after its first answer).
+    int devnull = open("/dev/null", O_RDWR | O_CLOEXEC);
+    if (devnull >= 0) {
+      dup2(devnull, 0);
+      dup2(devnull, 1);
+      if (devnull > 2) close(devnull);
+    }
     int st = 0;
     for (;;) {
       pid_t r = waitpid(child, &st, 0);
