@@ -54,7 +54,7 @@ int open_db(DB_TASK* task, const std::string& dir, int page_size, int frames) {
   return dt_open("tavrel_db", "o", task);
 }
 
-static std::string hex(const void* p, size_t n) {
+std::string hex(const void* p, size_t n) {
   static const char* d = "0123456789abcdef";
   std::string s;
   for (size_t i = 0; i < n; i++) {
@@ -94,27 +94,20 @@ std::string dump(DB_TASK* task) {
       }
     }
   }
-  // Keys: a keyfind of the lowest value either hits the first entry or stands before it.
+  // Keys: walk each one backwards from its last entry (independent of any key position).
   for (const auto& kd : s.keys) {
-    DB_ADDR* here;
-    dt_rdcurr(&here, &size, task);
-    uint8_t low[32] = {};
-    int st = dt_keyfind(kd.field, low, task, -1);
+    std::vector<std::string> entries;
+    for (int st = dt_keylast(kd.field, task, -1); st == 0; st = dt_keyprev(kd.field, task, -1)) {
+      DB_ADDR dba;
+      dt_crget(&dba, task, -1);
+      dt_keyread(buf, task);
+      std::ostringstream e;
+      e << " " << hex(buf, kd.buf_len) << "@" << std::hex << dba;
+      entries.push_back(e.str());
+    }
     out << "key " << kd.field << ":";
-    if (st == 0) {
-      DB_ADDR dba;
-      dt_crget(&dba, task, -1);
-      dt_keyread(buf, task);
-      out << " " << hex(buf, kd.buf_len) << "@" << std::hex << dba << std::dec;
-    }
-    while (dt_keynext(kd.field, task, -1) == 0) {
-      DB_ADDR dba;
-      dt_crget(&dba, task, -1);
-      dt_keyread(buf, task);
-      out << " " << hex(buf, kd.buf_len) << "@" << std::hex << dba << std::dec;
-    }
+    for (auto it = entries.rbegin(); it != entries.rend(); ++it) out << *it;
     out << "\n";
-    dt_wrcurr(here, task);
   }
   dt_wrcurr(saved, task);
   return out.str();

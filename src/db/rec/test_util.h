@@ -38,6 +38,8 @@ int open_db(DB_TASK* task, const std::string& dir, int page_size = 512, int fram
 // restored around the walk.
 std::string dump(DB_TASK* task);
 
+std::string hex(const void* p, size_t n);
+
 // Copy every regular file of `from` into `to` (which must exist).
 void copy_dir(const std::string& from, const std::string& to);
 std::string read_file(const std::string& path);
