@@ -48,6 +48,17 @@ Tavrel_Log* Tavrel_Log::get_instance(const std::string& location) {
   return g_instance;
 }
 
+Tavrel_Log* Tavrel_Log::peek_instance() {
+  std::lock_guard<std::mutex> g(g_instance_mutex);
+  return g_instance;
+}
+
+void Tavrel_Log::reset_for_test() {
+  std::lock_guard<std::mutex> g(g_instance_mutex);
+  delete g_instance;
+  g_instance = nullptr;
+}
+
 const char* Tavrel_Log::type_text(int type) {
   switch (type) {
     case TAVREL_LOG_INFO:

@@ -44,6 +44,10 @@ class Tavrel_Log : public Tavrel_Log_Base {
 
   // The singleton for the storage. A later call with another location returns the first one.
   static Tavrel_Log* get_instance(const std::string& location);
+  // The singleton if it has been made, else null.
+  static Tavrel_Log* peek_instance();
+  // Drops the singleton (tests only: no other thread may be logging).
+  static void reset_for_test();
 
   void write_log(TAVREL_LOG_TYPE type, const char* format, ...) override __attribute__((format(printf, 3, 4)));
   void write_log(TAVREL_LOG_TYPE type, const _imsg_message_table_t* table, int number, ...);

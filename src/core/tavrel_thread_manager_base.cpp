@@ -95,8 +95,8 @@ int Tavrel_Thread_Manager_Base::initialize() {
   if (wanted < 2) {
     trace.writeTrace(TRACE_LEVEL_1, "A pool of %d threads cannot run low-priority work beside requests",
                      static_cast<int>(wanted));
-    Tavrel_Log* log = Tavrel_Log::get_instance("");
-    log->write_log(TAVREL_LOG_WARN, "tavrelNumCmapi is %ld: with fewer than 2 pool threads background work waits until the view ends.\n",
+    if (Tavrel_Log* log = Tavrel_Log::peek_instance())
+      log->write_log(TAVREL_LOG_WARN, "tavrelNumCmapi is %ld: with fewer than 2 pool threads background work waits until the view ends.\n",
                    wanted);
   }
   for (long i = 0; i < config->get_int_param(Tavrel_Config::NUM_CMAPI_THREADS, 7); i++) {

@@ -1,0 +1,98 @@
+// Pieces of the pipe transport that can be checked without a running agent: the first-request
+// stream form, client ids, FIFO creation over what is already on disk, and the reply envelope.
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <fstream>
+#include <sstream>
+
+#include <gtest/gtest.h>
+
+#include "core/tavrel_status.h"
+#include "ops/tavrel_abstract_op.h"
+#include "ops/tavrel_conn_handler_base.h"
+#include "ops/tavrel_request_handler_base.h"
+
+namespace {
+
+TEST(Transport, FirstRequestStreamForm) {
+  const std::string limit_line(Tavrel_Request_Handler_Base::STREAM_LINE_LIMIT - 1, 'a');
+  const std::string over_line(Tavrel_Request_Handler_Base::STREAM_LINE_LIMIT, 'b');
+  struct {
+    std::string in;
+    std::string out;
+  } cases[] = {
+      {"24\n<StartView version=\"1\"/>", "<StartView version=\"1\"/>"},
+      {"999\n<StartView version=\"1\"/>\n", "<StartView version=\"1\"/>"},  // the length is ignored
+      {"5\n  <a>  \n\t<b/>\r\n</a>", "<a><b/></a>"},                      // trimmed, joined with nothing
+      {"5\n<a\nb=\"c\"/>", "<ab=\"c\"/>"},                               // the damage a newline does
+      {"no length line only", ""},
+      {"", ""},
+      {"1\n" + limit_line + "\nz", limit_line + "z"},  // the longest line that is still read whole
+      {"1\nx\n" + over_line + "\ny", "x"},              // a longer line ends the reading
+  };
+  for (auto& c : cases) {
+    std::istringstream in(c.in);
+    std::string out;
+    EXPECT_EQ(Tavrel_Request_Handler_Base::read_request(in, out), 0);
+    EXPECT_EQ(out, c.out) << c.in.substr(0, 60);
+  }
+  std::ostringstream os;
+  EXPECT_EQ(Tavrel_Request_Handler_Base::send_response(os, "<r/>"), 0);
+  EXPECT_EQ(os.str(), "4\n<r/>0\n");
+}
+
+TEST(Transport, ClientIds) {
+  struct {
+    std::string id;
+    bool ok;
+  } cases[] = {
+      {"c123-abcdef", true}, {"A.b_c-9", true},        {std::string(64, 'x'), true},
+      {"", false},           {std::string(65, 'x'), false}, {".hidden", false},
+      {"..", false},         {"a/b", false},         {"../x", false},
+      {"sp ace", false},     {"tab\t", false},       {std::string("nul\0x", 5), false},
+  };
+  for (auto& c : cases) EXPECT_EQ(Tavrel_Conn_Handler_Base::valid_client_id(c.id), c.ok) << c.id;
+}
+
+TEST(Transport, CreatePipeOverWhatIsThere) {
+  char tmpl[] = "/tmp/tavrel-pipe-XXXXXX";
+  std::string dir = mkdtemp(tmpl);
+  std::string ipc = dir + "/.ipc/";
+  // Fresh path, parents made 0700.
+  ASSERT_EQ(Tavrel_Conn_Handler_Base::create_pipe(ipc + "request_a", false), 0);
+  struct stat st;
+  ASSERT_EQ(stat((ipc + "request_a").c_str(), &st), 0);
+  EXPECT_TRUE(S_ISFIFO(st.st_mode));
+  EXPECT_EQ(st.st_mode & 0077, 0u);  // nobody but the owner
+  ASSERT_EQ(stat(ipc.c_str(), &st), 0);
+  EXPECT_EQ(st.st_mode & 0077, 0u);
+  // Our own FIFO is reused, unless exclusivity is asked for.
+  EXPECT_EQ(Tavrel_Conn_Handler_Base::create_pipe(ipc + "request_a", false), 0);
+  EXPECT_EQ(Tavrel_Conn_Handler_Base::create_pipe(ipc + "request_a", true), TAVREL_ST_MKFIFO);
+  // A regular file, a directory or a symbolic link to a FIFO in the way: refused.
+  std::ofstream(ipc + "request_file") << "x";
+  EXPECT_EQ(Tavrel_Conn_Handler_Base::create_pipe(ipc + "request_file", false), TAVREL_ST_MKFIFO);
+  ASSERT_EQ(mkdir((ipc + "request_dir").c_str(), 0700), 0);
+  EXPECT_EQ(Tavrel_Conn_Handler_Base::create_pipe(ipc + "request_dir", false), TAVREL_ST_MKFIFO);
+  ASSERT_EQ(symlink((ipc + "request_a").c_str(), (ipc + "request_link").c_str()), 0);
+  EXPECT_EQ(Tavrel_Conn_Handler_Base::create_pipe(ipc + "request_link", false), TAVREL_ST_MKFIFO);
+  // A parent that cannot be made.
+  EXPECT_EQ(Tavrel_Conn_Handler_Base::create_pipe(ipc + "request_file/sub", false), TAVREL_ST_MKPATH);
+  std::string cmd = "rm -rf " + dir;
+  EXPECT_EQ(system(cmd.c_str()), 0);
+}
+
+TEST(Transport, ReplyEnvelopeEscapes) {
+  EXPECT_EQ(Tavrel_AbstractOp::make_status_response("Op", "t-1", 0, ""),
+            "<?xml version=\"1.0\" encoding=\"UTF-8\"?><Op tx-id=\"t-1\" status-code=\"0\"/>");
+  EXPECT_EQ(Tavrel_AbstractOp::make_status_response("Op", "a\"<&", 20026, "x < y & \"z\"\n"),
+            "<?xml version=\"1.0\" encoding=\"UTF-8\"?><Op tx-id=\"a&quot;&lt;&amp;\" status-code=\"20026\">"
+            "<status-message>x &lt; y &amp; \"z\"\n</status-message></Op>");
+  std::string r;
+  Tavrel_AbstractOp::get_error_response(20020, "<bad", r);
+  EXPECT_EQ(r, "<?xml version=\"1.0\" encoding=\"UTF-8\"?><Unknown status-code=\"20020\">"
+               "<status-message>&lt;bad</status-message></Unknown>");
+}
+
+}  // namespace
