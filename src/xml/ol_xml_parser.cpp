@@ -15,6 +15,7 @@
 
 #include <cerrno>
 #include <cstring>
+#include <memory>
 #include <new>
 
 #include "xml/ol_bounded_input_source.h"
@@ -104,20 +105,21 @@ OlAutoPtr<OlXmlDoc>* OlXmlParser::parse_file(const std::string& path) {
         OlXmlUtil::native_to_xerces_lossy("XML parse error: not a regular file: \"" + path + "\"");
     throw SAXParseException(msg.c_str(), nullptr, nullptr, 0, 0);
   }
-  XMLCh* wide = OlXmlUtil::native_to_xerces(path);
+  std::u16string wide;
+  if (!OlXmlUtil::try_native_to_xerces(path, wide)) {
+    std::u16string msg = OlXmlUtil::native_to_xerces_lossy(
+        "XML parse error: path is not valid in the native character set: \"" + path + "\"");
+    throw SAXParseException(msg.c_str(), nullptr, nullptr, 0, 0);
+  }
+  std::unique_ptr<LocalFileInputSource> source;
   try {
-    LocalFileInputSource source(wide);
-    XMLString::release(&wide);
-    return parse_impl(source);
-  } catch (const SAXParseException&) {
-    if (wide) XMLString::release(&wide);
-    throw;
+    source = std::make_unique<LocalFileInputSource>(wide.c_str());
   } catch (const XMLException& e) {  // e.g. a path the library cannot make absolute
-    if (wide) XMLString::release(&wide);
     std::u16string msg =
         OlXmlUtil::native_to_xerces_lossy("XML parse error: " + native_message(e.getMessage()));
     throw SAXParseException(msg.c_str(), nullptr, nullptr, 0, 0);
   }
+  return parse_impl(*source);
 }
 
 OlAutoPtr<OlXmlDoc>* OlXmlParser::parse_stdin() {

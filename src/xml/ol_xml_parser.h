@@ -62,7 +62,9 @@ class OlXmlParser {
 
   // Parses the bytes of `text` (system identifier "fakeId"). The entry of command handling.
   OlAutoPtr<OlXmlDoc>* parse_string(const std::string& text);
-  // Parses a local file; `path` is native text.
+  // Parses a local regular file; `path` is native text. A missing file, a path that is not a
+  // regular file (directory, FIFO, device) or a path without a UTF-16 form is refused with a
+  // SAXParseException before anything is read.
   OlAutoPtr<OlXmlDoc>* parse_file(const std::string& path);
   // Parses standard input (system identifier "stdin") up to its end.
   OlAutoPtr<OlXmlDoc>* parse_stdin();

@@ -279,6 +279,21 @@ TEST(OlXmlParser, ParsesFilesAndReportsMissingOnes) {
       {dir.path, "XML parse error: not a regular file: \"" + dir.path + "\""},
       {"/dev/zero", "XML parse error: not a regular file: \"/dev/zero\""},
   };
+  {
+    ScopedCtype ascii("C");
+    std::string name = dir.file("caf\xc3\xa9.xml", "<r/>");
+    try {
+      p.parse_file(name);
+      ADD_FAILURE() << "no exception for a name the native set cannot carry";
+    } catch (const SAXParseException& e) {
+      // The message itself is native text: each byte it cannot carry shows as '?'.
+      EXPECT_EQ(message_of(e), "XML parse error: path is not valid in the native character set: \"" +
+                                   dir.path + "/caf??.xml\"");
+    }
+    ScopedCtype utf8("C.UTF-8");
+    std::unique_ptr<OlXmlDoc> ok(p.parse_file(name)->release());
+    EXPECT_EQ(text_of(ok->get_root()), "<r/>");
+  }
   for (const auto& r : refused) {
     try {
       p.parse_file(r.path);
