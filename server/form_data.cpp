@@ -67,8 +67,15 @@ bool parse_form_data(const std::string& content_type, const std::string& body, s
         return bad("bad Content-Disposition");
     }
     if (name.empty()) return bad("part without a name");
-    size_t end = body.find("\r\n" + delim, pos);
-    if (end == std::string::npos) return bad("part body does not end");
+    // The body ends at the first CR LF "--<boundary>" that is followed by CR LF or "--".
+    size_t end = pos;
+    for (;;) {
+      end = body.find("\r\n" + delim, end);
+      if (end == std::string::npos) return bad("part body does not end");
+      size_t after = end + 2 + delim.size();
+      if (body.compare(after, 2, "\r\n") == 0 || body.compare(after, 2, "--") == 0) break;
+      end += 2;
+    }
     if (fields->count(name)) return bad("field \"" + name + "\" repeated");
     (*fields)[name] = body.substr(pos, end - pos);
     pos = end + 2 + delim.size();

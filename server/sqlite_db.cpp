@@ -98,6 +98,11 @@ Stmt SqliteDb::stmt(const char* sql) {
   return Stmt(s, db_);
 }
 
+void SqliteDb::reset_used() {
+  for (auto& [sql, s] : cache_)
+    if (sqlite3_stmt_busy(s)) sqlite3_reset(s);
+}
+
 void SqliteDb::exec(const char* sql) {
   char* err = nullptr;
   if (sqlite3_exec(db_, sql, nullptr, nullptr, &err) != SQLITE_OK) {
@@ -110,6 +115,7 @@ void SqliteDb::exec(const char* sql) {
 Txn::Txn(SqliteDb& db, bool write) : db_(db) { db_.exec(write ? "BEGIN IMMEDIATE" : "BEGIN"); }
 
 Txn::~Txn() {
+  db_.reset_used();
   if (!done_) {
     char* err = nullptr;
     sqlite3_exec(db_.raw(), "ROLLBACK", nullptr, nullptr, &err);
@@ -118,6 +124,7 @@ Txn::~Txn() {
 }
 
 void Txn::commit() {
+  db_.reset_used();
   db_.exec("COMMIT");
   done_ = true;
 }

@@ -12,6 +12,7 @@
 #include <memory>
 #include <string>
 #include <unordered_map>
+#include <vector>
 
 #include "server/server_error.h"
 
@@ -57,10 +58,14 @@ class SqliteDb {
   int changes() const { return sqlite3_changes(db_); }
   sqlite3* raw() { return db_; }
   bool in_transaction() const { return !sqlite3_get_autocommit(db_); }
+  // Resets every statement still in progress, so none keeps an old read snapshot open past the end
+  // of its transaction.
+  void reset_used();
 
  private:
   sqlite3* db_ = nullptr;
   std::unordered_map<std::string, sqlite3_stmt*> cache_;
+
 };
 
 // BEGIN (deferred: a consistent read snapshot) or BEGIN IMMEDIATE (write). Rolls back unless

@@ -88,9 +88,13 @@ bool equal_secret(const std::string& a, const std::string& b) {
 
 // Sends `body` applying the faults of `plan`.
 void send_body(httplib::Response& res, std::string body, const FaultPlan& plan) {
-  if (plan.status_override) body = reply_status_only(plan.status_code, "injected status");
+  if (plan.status_override) {
+    body = reply_status_only(plan.status_code, "injected status");
+    t_current.status = plan.status_code;
+  }
   if (plan.http_status) {
     res.status = plan.http_status;
+    t_current.status = TBS_ST_INTERNAL;
     body = reply_status_only(TBS_ST_INTERNAL, "injected HTTP status");
   }
   if (plan.corrupt_header) {
@@ -155,6 +159,7 @@ int WanServer::start() {
   http_->set_write_timeout(600, 0);  // updates are consumed slowly
   http_->set_keep_alive_max_count(100000);
   http_->set_keep_alive_timeout(60);
+  http_->set_tcp_nodelay(true);
   install_routes();
   port_ = cfg_.port == 0 ? http_->bind_to_any_port(cfg_.host) : (http_->bind_to_port(cfg_.host, cfg_.port) ? cfg_.port : -1);
   if (port_ <= 0) {

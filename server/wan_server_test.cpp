@@ -1,0 +1,645 @@
+#include "server/wan_server.h"
+
+#include <gtest/gtest.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <atomic>
+#include <filesystem>
+#include <fstream>
+#include <thread>
+
+#include "server/importer.h"
+#include "server/test_client.h"
+
+using namespace tavrel_server;
+using namespace tavrel_test;
+namespace fs = std::filesystem;
+
+namespace {
+
+const char* kToken = "admintoken";
+
+void write_file(const fs::path& p, const std::string& data, mode_t mode = 0644) {
+  fs::create_directories(p.parent_path());
+  std::ofstream(p, std::ios::binary) << data;
+  ::chmod(p.c_str(), mode);
+}
+
+class ServerTest : public ::testing::Test {
+ protected:
+  void SetUp() override {
+    char tmpl[] = "/tmp/tavrel_wan_test_XXXXXX";
+    dir_ = ::mkdtemp(tmpl);
+    fs::path src = dir_ / "src";
+    write_file(src / "a.c", "int a;\n");
+    write_file(src / "b.h", "#define B\n");
+    write_file(src / "docs/readme.txt", "read me\n");
+    write_file(src / "docs/tool.sh", "#!/bin/sh\n", 0755);
+    fs::create_symlink("docs/readme.txt", src / "ln");
+    db_ = (dir_ / "store.db").string();
+    {
+      Store s(db_);
+      import_tree(s, "/proj", src.string(), {});
+    }
+    start();
+    ASSERT_EQ(client().login("alice", "secret").reply.status, 0);
+    view_ = tbs_uuid_to_str(tbs_uuid_create());
+  }
+  void TearDown() override {
+    clients_.clear();
+    srv_.reset();
+    fs::remove_all(dir_);
+  }
+  void start(ServerConfig extra = ServerConfig()) {
+    ServerConfig cfg = extra;
+    cfg.store_path = db_;
+    cfg.users = {{"alice", "secret"}, {"CORP\\bob", "pw:with:colons"}};
+    cfg.admin_token = kToken;
+    cfg.threads = 8;
+    if (extra.max_body != ServerConfig().max_body) cfg.max_body = extra.max_body;
+    srv_ = std::make_unique<WanServer>(cfg);
+    port_ = srv_->start();
+    ASSERT_GT(port_, 0);
+    clients_.clear();
+  }
+  WanClient& client(size_t i = 0) {
+    while (clients_.size() <= i) clients_.push_back(std::make_unique<WanClient>("127.0.0.1", port_));
+    return *clients_[i];
+  }
+  Result admin(const std::string& op, const std::string& args, std::optional<std::string> data = std::nullopt) {
+    return client().post("/admin", op, args, {{"x-tavrel-admin-token", kToken}}, data);
+  }
+  std::string replica() {
+    if (replica_.empty()) {
+      auto r = client().rpc(tavrel_wan::RPC_GET_SILO_INFO, ArgText().add("SiloTag", "/proj"));
+      replica_ = r.reply.parts.at(0).items.at("SiloReplicaUuid");
+    }
+    return replica_;
+  }
+  Result root(const std::string& view) {
+    return client().rpc(tavrel_wan::RPC_GET_METADATA,
+                        ArgText().add("ViewUuid", view).add("SiloUuid", replica()).add("PathName", ""));
+  }
+  std::string oid_of(const Result& r, const char* part = "Xdr_ObjMetadata") {
+    return tbs_oid_to_str(decode_vstat(r.reply.find(part)->body).vstat.obj_oid);
+  }
+  Result lookup(const std::string& view, const std::string& dirver, const std::string& leaf, size_t c = 0) {
+    return client(c).rpc(tavrel_wan::RPC_LOOKUP, ArgText()
+                                                     .add("ViewUuid", view)
+                                                     .add("SiloUuid", replica())
+                                                     .add("VersionOid", dirver)
+                                                     .add("SiloPathName", "")
+                                                     .add("LeafName", leaf));
+  }
+  Result gdc(const std::string& view, const std::string& dirver, size_t c = 0) {
+    return client(c).rpc(tavrel_wan::RPC_GET_DIRECTORY_CONTENTS,
+                         ArgText().add("ViewUuid", view).add("SiloUuid", replica()).add("VersionOid", dirver).add(
+                             "PathName", ""));
+  }
+  // Names of a listing, with "+co" for checked-out entries.
+  std::vector<std::string> names(const Result& r) {
+    std::vector<std::string> out;
+    for (const auto& p : r.reply.parts) {
+      if (p.id != "XdrDirectoryEntry") continue;
+      tavrel_dirent d = decode_dirent(p.body);
+      out.push_back(std::string(d.name) + (d.checked_out ? "+co" : ""));
+    }
+    return out;
+  }
+  Result set_rules(const std::string& view, const std::vector<std::string>& elem,
+                   const std::vector<std::string>& load = {}, bool force = false) {
+    ArgText a;
+    a.add("ViewUuid", view).add("NumElemRules", std::to_string(elem.size()));
+    for (const auto& e : elem) a.add("ElemRule", e);
+    a.add("NumLoadRules", std::to_string(load.size()));
+    for (const auto& l : load) a.add("LoadRule", l);
+    a.add("ForceUpdate", force ? "1" : "0");
+    return client().rpc(tavrel_wan::RPC_SET_CONFIG_SPEC, a);
+  }
+  // The version string a view sees at a path, walking from the root with Lookups.
+  std::string seen(const std::string& view, const std::vector<std::string>& path) {
+    Result r = root(view);
+    if (r.reply.status != 0) return "status " + std::to_string(r.reply.status);
+    std::string dir = oid_of(r);
+    for (size_t i = 0; i < path.size(); ++i) {
+      r = lookup(view, dir, path[i]);
+      if (r.reply.status != 0) return "status " + std::to_string(r.reply.status);
+      dir = oid_of(r);
+    }
+    auto v = decode_vstat(r.reply.find("Xdr_ObjMetadata")->body);
+    return client().get(std::string("/cltxt/") + replica() + "/" + dir + "/text").reply.parts.at(0).body +
+           (v.checked_out ? "+co" : "");
+  }
+
+  fs::path dir_;
+  std::string db_;
+  std::unique_ptr<WanServer> srv_;
+  int port_ = 0;
+  std::vector<std::unique_ptr<WanClient>> clients_;
+  std::string view_;
+  std::string replica_;
+};
+
+TEST_F(ServerTest, LoginCookiesSessionsAndLogout) {
+  WanClient& c = client(1);
+  Result r = c.login("alice", "secret");
+  EXPECT_EQ(r.http, 200);
+  ASSERT_TRUE(r.reply.ok) << r.reply.error;
+  EXPECT_EQ(r.reply.status, 0);
+  EXPECT_EQ(c.session().size(), 32u);
+  EXPECT_EQ(c.jsession().size(), 32u);
+  int cookie_lines = 0;
+  for (const auto& [k, v] : r.headers) {
+    bool has = v.find("Session=") != std::string::npos || v.find("JSESSIONID=") != std::string::npos;
+    if (has) {
+      EXPECT_EQ(k, "Set-Cookie");
+      ++cookie_lines;
+    }
+  }
+  EXPECT_EQ(cookie_lines, 2);
+
+  // A second login keeps the first session alive.
+  std::string j1 = c.jsession(), s1 = c.session();
+  WanClient& c2 = client(2);
+  ASSERT_EQ(c2.login("CORP\\bob", "pw:with:colons").reply.status, 0);
+  c.set_cookies(j1, s1);
+  EXPECT_EQ(c.rpc(tavrel_wan::RPC_GET_SILO_INFO, ArgText().add("SiloTag", "/proj")).reply.status, 0);
+
+  // Wrong password, unknown user, no cookie, a forged session, a mismatched JSESSIONID.
+  WanClient& c3 = client(3);
+  EXPECT_EQ(c3.login("alice", "wrong").http, 401);
+  EXPECT_EQ(c3.login("mallory", "x").http, 401);
+  EXPECT_EQ(c3.rpc(tavrel_wan::RPC_GET_SILO_INFO, ArgText().add("SiloTag", "/proj")).http, 401);
+  c3.set_cookies(j1, "notasession");
+  EXPECT_EQ(c3.rpc(tavrel_wan::RPC_GET_SILO_INFO, ArgText().add("SiloTag", "/proj")).http, 401);
+  c3.set_cookies("other", s1);
+  EXPECT_EQ(c3.rpc(tavrel_wan::RPC_GET_SILO_INFO, ArgText().add("SiloTag", "/proj")).http, 401);
+
+  // A protocol version outside the client's range is a Status, not an HTTP error.
+  Result v = c3.login("alice", "secret", 7, 9);
+  EXPECT_EQ(v.http, 200);
+  EXPECT_EQ(v.reply.status, TBS_ST_BAD_ARG);
+
+  // Credentials in place of a cookie work on any request.
+  Result cred = c3.post("", tavrel_wan::RPC_GET_SILO_INFO, ArgText().add("SiloTag", "/proj"),
+                        {{"x-ondrel-login-credentials", WanClient::base64("alice:secret")}});
+  EXPECT_EQ(cred.reply.status, 0);
+
+  // Logout ends the session; logout of an unknown session still succeeds.
+  EXPECT_EQ(c.get("/logout").reply.status, 0);
+  EXPECT_EQ(c.rpc(tavrel_wan::RPC_GET_SILO_INFO, ArgText().add("SiloTag", "/proj")).http, 401);
+  EXPECT_EQ(c.get("/logout").http, 200);
+
+  // Expiring all sessions makes the next request 401 (the agent then logs in again).
+  ASSERT_EQ(admin("sessions.expire", "").reply.status, 0);
+  EXPECT_EQ(c2.rpc(tavrel_wan::RPC_GET_SILO_INFO, ArgText().add("SiloTag", "/proj")).http, 401);
+  EXPECT_EQ(c2.login("CORP\\bob", "pw:with:colons").reply.status, 0);
+  EXPECT_EQ(c2.rpc(tavrel_wan::RPC_GET_SILO_INFO, ArgText().add("SiloTag", "/proj")).reply.status, 0);
+}
+
+TEST_F(ServerTest, SiloInfoAndConfigSpecs) {
+  Result info = client().rpc(tavrel_wan::RPC_GET_SILO_INFO, ArgText().add("SiloTag", "/proj"));
+  ASSERT_TRUE(info.reply.ok) << info.reply.error;
+  const ReplyPart* p = info.reply.find("SiloInfo");
+  ASSERT_NE(p, nullptr);
+  tbs_uuid_s u;
+  EXPECT_EQ(tbs_str_to_uuid(p->items.at("SiloFamilyUuid"), &u), 0);
+  EXPECT_EQ(tbs_str_to_uuid(p->items.at("SiloReplicaUuid"), &u), 0);
+  EXPECT_FALSE(p->items.at("SiloStorage").empty());
+  Result none = client().rpc(tavrel_wan::RPC_GET_SILO_INFO, ArgText().add("SiloTag", "/nope"));
+  EXPECT_EQ(none.reply.status, TBS_ST_NOT_FOUND);
+  EXPECT_TRUE(none.reply.parts.empty());
+  EXPECT_FALSE(none.reply.message.empty());
+
+  // A new view has the default rules.
+  Result cs = client().rpc(tavrel_wan::RPC_GET_CONFIG_SPEC, ArgText().add("ViewUuid", view_));
+  EXPECT_EQ(cs.reply.find("CspecElementRules")->body, "select * latest\n");
+  EXPECT_EQ(cs.reply.find("CspecLoadRules"), nullptr);
+
+  Result set = set_rules(view_, {"select *.h none", "select * latest\r"}, {"load /proj/docs"});
+  ASSERT_EQ(set.reply.status, 0) << set.reply.message;
+  EXPECT_EQ(set.reply.parts.at(0).id, "LoadRuleSiloTag");
+  EXPECT_EQ(set.reply.parts.at(0).items.at("SiloTag"), "/proj");
+  const ReplyPart* vi = set.reply.find("ViewInfo");
+  EXPECT_EQ(vi->items.at("CurrentOperationGN"), "1");
+  EXPECT_EQ(vi->items.at("ViewGN"), "0");
+  EXPECT_EQ(set_rules(view_, {"select * latest"}, {"load /proj/docs"}).reply.find("ViewInfo")->items.at(
+                "CurrentOperationGN"),
+            "2");
+
+  // Bad rules, overlapping or unknown load rules and warnings change nothing.
+  EXPECT_EQ(set_rules(view_, {"select * newest"}).reply.status, TBS_ST_BAD_ARG);
+  EXPECT_EQ(set_rules(view_, {"select * latest"}, {"load /proj", "load /proj/docs"}).reply.status, TBS_ST_BAD_ARG);
+  EXPECT_EQ(set_rules(view_, {"select * latest"}, {"load /other"}).reply.status, TBS_ST_NOT_FOUND);
+  EXPECT_EQ(set_rules(view_, {"select * latest"}, {"load /proj/missing"}).reply.status, TBS_ST_BAD_ARG);
+  Result forced = set_rules(view_, {"select * latest"}, {"load /proj/missing"}, true);
+  EXPECT_EQ(forced.reply.status, 0);
+  EXPECT_EQ(forced.reply.find("ViewInfo")->items.at("CurrentOperationGN"), "3");
+
+  cs = client().rpc(tavrel_wan::RPC_GET_CONFIG_SPEC, ArgText().add("ViewUuid", view_).add("FreezeLoadScopes", "1"));
+  EXPECT_EQ(cs.reply.find("CspecElementRules")->body, "select * latest\n");
+  EXPECT_EQ(cs.reply.find("CspecLoadRules")->body, "load /proj/missing\n");
+  EXPECT_EQ(cs.reply.find("CspecFrzLoadScopes")->body,
+            tbs_oid_to_str(tavrel_load_scope_oid("/proj/missing")) + " /proj/missing\n");
+}
+
+TEST_F(ServerTest, MetadataLookupAndListing) {
+  Result r = root(view_);
+  ASSERT_EQ(r.reply.status, 0) << r.reply.message;
+  ASSERT_EQ(r.reply.parts.size(), 3u);
+  tavrel_scope sc = decode_scope(r.reply.find("Xdr_ObjScope")->body);
+  EXPECT_EQ(sc.oid, AUTOMATIC_LOAD_SCOPE_OID);
+  EXPECT_STREQ(sc.name, "Automatic");
+  tavrel_vstat obj = decode_vstat(r.reply.find("Xdr_ObjMetadata")->body);
+  tavrel_vstat el = decode_vstat(r.reply.find("Xdr_ElemMetadata")->body);
+  EXPECT_EQ(obj.vstat.mtype, SILO_MTYPE_DIR_VER);
+  EXPECT_EQ(el.vstat.mtype, SILO_MTYPE_DIR_ELEM);
+  EXPECT_EQ(obj.vstat.elem_oid, el.vstat.obj_oid);
+  std::string rootver = tbs_oid_to_str(obj.vstat.obj_oid);
+
+  Result docs = lookup(view_, rootver, "docs");
+  ASSERT_EQ(docs.reply.status, 0);
+  std::string docsver = oid_of(docs);
+  Result tool = lookup(view_, docsver, "tool.sh");
+  tavrel_vstat tv = decode_vstat(tool.reply.find("Xdr_ObjMetadata")->body);
+  EXPECT_EQ(tv.vstat.mtype, SILO_MTYPE_FILE_VER);
+  EXPECT_EQ(tv.vstat.fstat.mode, 0755u);
+  EXPECT_EQ(tv.vstat.fstat.size, 10u);
+  EXPECT_EQ(tv.vstat.fstat.type, TBS_FTYPE_FILE);
+  EXPECT_EQ(decode_vstat(tool.reply.find("Xdr_ElemMetadata")->body).vstat.mtype, SILO_MTYPE_FILE_ELEM);
+
+  Result ln = lookup(view_, rootver, "ln");
+  tavrel_vstat lv = decode_vstat(ln.reply.find("Xdr_ObjMetadata")->body);
+  EXPECT_EQ(lv.vstat.mtype, SILO_MTYPE_SYMLINK);
+  EXPECT_STREQ(lv.path, "docs/readme.txt");
+  EXPECT_EQ(lv.vstat.fstat.size, 15u);
+
+  EXPECT_EQ(lookup(view_, rootver, "absent").reply.status, TBS_ST_NOT_FOUND);
+  EXPECT_EQ(lookup(view_, tbs_oid_to_str(tbs_oid_create()), "a.c").reply.status, TBS_ST_STALE);
+  EXPECT_EQ(lookup(view_, rootver, "../x").reply.status, TBS_ST_BAD_ARG);
+
+  // The listing: name order, four parts per entry, and it agrees with Lookup.
+  Result list = gdc(view_, rootver);
+  ASSERT_TRUE(list.reply.ok) << list.reply.error;
+  EXPECT_EQ(names(list), (std::vector<std::string>{"a.c", "b.h", "docs", "ln"}));
+  ASSERT_EQ(list.reply.parts.size(), 16u);
+  for (size_t i = 0; i < list.reply.parts.size(); i += 4) {
+    EXPECT_EQ(list.reply.parts[i].id, "XdrDirectoryEntry");
+    EXPECT_EQ(list.reply.parts[i + 1].id, "Xdr_ObjScope");
+    EXPECT_EQ(list.reply.parts[i + 2].id, "Xdr_ObjMetadata");
+    EXPECT_EQ(list.reply.parts[i + 3].id, "Xdr_ElemMetadata");
+    tavrel_dirent d = decode_dirent(list.reply.parts[i].body);
+    EXPECT_EQ(d.off, 2 + i / 4);
+    Result one = lookup(view_, rootver, d.name);
+    EXPECT_EQ(one.reply.find("Xdr_ObjMetadata")->body, list.reply.parts[i + 2].body) << d.name;
+    EXPECT_EQ(tbs_oid_to_str(d.ver_oid), oid_of(one));
+  }
+  // The same listing by element OID and by path.
+  Result by_elem = client().rpc(tavrel_wan::RPC_GET_DIRECTORY_CONTENTS,
+                                ArgText().add("ViewUuid", view_).add("SiloUuid", replica()).add(
+                                    "ElementOid", tbs_oid_to_str(el.vstat.obj_oid)));
+  EXPECT_EQ(by_elem.body, list.body);
+  Result by_path = client().rpc(tavrel_wan::RPC_GET_DIRECTORY_CONTENTS,
+                                ArgText().add("ViewUuid", view_).add("PathName", "/proj/docs"));
+  EXPECT_EQ(names(by_path), (std::vector<std::string>{"readme.txt", "tool.sh"}));
+
+  // Load-rule scopes are reported for objects at or below the rule.
+  ASSERT_EQ(set_rules(view_, {"select * latest"}, {"load /proj/docs"}).reply.status, 0);
+  Result in_scope = lookup(view_, docsver, "readme.txt");
+  tavrel_scope s2 = decode_scope(in_scope.reply.find("Xdr_ObjScope")->body);
+  EXPECT_EQ(s2.oid, tavrel_load_scope_oid("/proj/docs"));
+  EXPECT_EQ(s2.gn, 1u);
+}
+
+TEST_F(ServerTest, CleartextGet) {
+  std::string rootver = oid_of(root(view_));
+  std::string a = oid_of(lookup(view_, rootver, "a.c"));
+  Result c = client().get("/cltxt/" + replica() + "/" + a + "/unix");
+  ASSERT_TRUE(c.reply.ok) << c.reply.error;
+  EXPECT_EQ(c.reply.status, 0);
+  EXPECT_EQ(c.reply.parts.at(0).id, "SyncElemData");
+  EXPECT_EQ(c.reply.parts.at(0).body, "int a;\n");
+  // A directory version has empty bytes; a link its text; unknown OIDs are a Status; bad URLs 404.
+  EXPECT_EQ(client().get("/cltxt/" + replica() + "/" + rootver + "/unix").reply.parts.at(0).body, "");
+  std::string ln = oid_of(lookup(view_, rootver, "ln"));
+  EXPECT_EQ(client().get("/cltxt/" + replica() + "/" + ln + "/unix").reply.parts.at(0).body, "docs/readme.txt");
+  Result missing = client().get("/cltxt/" + replica() + "/" + tbs_oid_to_str(tbs_oid_create()) + "/unix");
+  EXPECT_EQ(missing.http, 200);
+  EXPECT_EQ(missing.reply.status, TBS_ST_NOT_FOUND);
+  EXPECT_TRUE(missing.reply.parts.empty());
+  EXPECT_EQ(client().get("/cltxt/" + replica() + "/" + a).http, 404);
+  EXPECT_EQ(client().get("/cltxt/zz/" + a + "/unix").http, 404);
+  EXPECT_EQ(client().get("/cltxt/" + replica() + "/" + a + "/unix/extra").http, 404);
+  EXPECT_EQ(client().get("/elsewhere").http, 404);
+
+  // A large file streams whole.
+  std::string big(3 * 1024 * 1024 + 17, '\0');
+  for (size_t i = 0; i < big.size(); ++i) big[i] = char((i * 7919) >> 3);
+  Result mk = admin("elem.mkfile", ArgText().add("Path", "/proj/big.bin"), big);
+  ASSERT_EQ(mk.reply.status, 0) << mk.reply.message;
+  std::string oid = mk.reply.parts.at(0).items.at("NewVersionOid");
+  Result got = client().get("/cltxt/" + replica() + "/" + oid + "/unix");
+  ASSERT_TRUE(got.reply.ok) << got.reply.error;
+  EXPECT_TRUE(got.reply.parts.at(0).body == big);
+}
+
+TEST_F(ServerTest, RuleEvaluationAcrossViews) {
+  // History: a.c gets main/2 and a label on main/1, b.h a dev branch with its own version.
+  ASSERT_EQ(admin("label.apply", ArgText().add("Path", "/proj").add("Label", "REL1").add("Recursive", "1")).reply.status,
+            0);
+  ASSERT_EQ(admin("elem.checkin", ArgText().add("Path", "/proj/a.c"), std::string("int a2;\n")).reply.status, 0);
+  ASSERT_EQ(admin("branch.make", ArgText().add("Path", "/proj/b.h").add("Branch", "dev")).reply.status, 0);
+  Result dv = admin("elem.checkin", ArgText().add("Path", "/proj/b.h").add("Branch", "dev"), std::string("dev b\n"));
+  ASSERT_EQ(dv.reply.parts.at(0).items.at("VersionString"), "main/dev/1");
+
+  std::string v1 = view_, v2 = tbs_uuid_to_str(tbs_uuid_create()), v3 = tbs_uuid_to_str(tbs_uuid_create());
+  ASSERT_EQ(set_rules(v2, {"select * label:REL1"}).reply.status, 0);
+  ASSERT_EQ(set_rules(v3, {"select /proj/b.h latest@dev", "select /proj/docs/** none", "select * latest"}).reply.status,
+            0);
+  EXPECT_EQ(seen(v1, {"a.c"}), "int a2;\n");
+  EXPECT_EQ(seen(v2, {"a.c"}), "int a;\n");
+  EXPECT_EQ(seen(v3, {"a.c"}), "int a2;\n");
+  EXPECT_EQ(seen(v1, {"b.h"}), "#define B\n");
+  EXPECT_EQ(seen(v3, {"b.h"}), "dev b\n");
+  EXPECT_EQ(seen(v3, {"docs"}), "status 1052");
+  EXPECT_EQ(seen(v2, {"docs", "readme.txt"}), "read me\n");
+  std::string rootver3 = oid_of(root(v3));
+  EXPECT_EQ(names(gdc(v3, rootver3)), (std::vector<std::string>{"a.c", "b.h", "ln"}));
+
+  // A version rule, and a view whose rules select nothing for the root.
+  std::string v4 = tbs_uuid_to_str(tbs_uuid_create());
+  ASSERT_EQ(set_rules(v4, {"select /proj/a.c version:main/1", "select * latest"}).reply.status, 0);
+  EXPECT_EQ(seen(v4, {"a.c"}), "int a;\n");
+  std::string v5 = tbs_uuid_to_str(tbs_uuid_create());
+  ASSERT_EQ(set_rules(v5, {"select *.c latest"}).reply.status, 0);
+  EXPECT_EQ(root(v5).reply.status, TBS_ST_NOT_FOUND_2);
+
+  // A checkout in one view shows there only, with the checked-out flag.
+  Result co = client().post("/client", "view.checkout", ArgText().add("ViewUuid", v1).add("Path", "/proj/a.c"));
+  ASSERT_EQ(co.reply.status, 0) << co.reply.message;
+  EXPECT_EQ(seen(v1, {"a.c"}), "int a2;\n+co");
+  EXPECT_EQ(seen(v3, {"a.c"}), "int a2;\n");
+  std::vector<std::string> listed = names(gdc(v1, oid_of(root(v1))));
+  ASSERT_FALSE(listed.empty());
+  EXPECT_EQ(listed[0], "a.c+co");
+  EXPECT_EQ(names(gdc(v3, rootver3))[0], "a.c");
+  Result ci = client().post("/client", "view.checkin", ArgText().add("ViewUuid", v1).add("Path", "/proj/a.c"),
+                            std::string("int a3;\n"));
+  ASSERT_EQ(ci.reply.status, 0) << ci.reply.message;
+  EXPECT_EQ(ci.reply.parts.at(0).items.at("VersionString"), "main/3");
+  EXPECT_EQ(ci.reply.parts.at(0).items.at("Selected"), "1");
+  EXPECT_EQ(seen(v1, {"a.c"}), "int a3;\n");
+  EXPECT_EQ(seen(v3, {"a.c"}), "int a3;\n");
+  EXPECT_EQ(seen(v2, {"a.c"}), "int a;\n");
+}
+
+TEST_F(ServerTest, ViewNamespaceChangesAndClientApi) {
+  // Element creation needs the parent checked out in the view, and shows in that view only.
+  Result no = client().post("/client", "view.mkelem", ArgText().add("ViewUuid", view_).add("Path", "/proj/new.c"));
+  EXPECT_EQ(no.reply.status, TBS_ST_BAD_ARG);
+  ASSERT_EQ(client().post("/client", "view.checkout", ArgText().add("ViewUuid", view_).add("Path", "/proj")).reply.status,
+            0);
+  Result mk = client().post("/client", "view.mkelem",
+                            ArgText().add("ViewUuid", view_).add("Path", "/proj/new.c").add("Kind", "file"),
+                            std::string("new\n"));
+  ASSERT_EQ(mk.reply.status, 0) << mk.reply.message;
+  ASSERT_EQ(client().post("/client", "view.mkelem",
+                          ArgText().add("ViewUuid", view_).add("Path", "/proj/sub").add("Kind", "dir").add("Checkout",
+                                                                                                          "1"))
+                .reply.status,
+            0);
+  ASSERT_EQ(client().post("/client", "view.move",
+                          ArgText().add("ViewUuid", view_).add("From", "/proj/b.h").add("To", "/proj/sub/b2.h"))
+                .reply.status,
+            0);
+  ASSERT_EQ(client().post("/client", "view.rmname", ArgText().add("ViewUuid", view_).add("Path", "/proj/ln")).reply.status,
+            0);
+  std::string other = tbs_uuid_to_str(tbs_uuid_create());
+  EXPECT_EQ(names(gdc(view_, oid_of(root(view_)))), (std::vector<std::string>{"a.c", "docs", "new.c", "sub+co"}));
+  EXPECT_EQ(names(gdc(other, oid_of(root(other)))), (std::vector<std::string>{"a.c", "b.h", "docs", "ln"}));
+  EXPECT_EQ(seen(view_, {"sub", "b2.h"}), "#define B\n");
+
+  // Check-in of the directories publishes the names to every view.
+  ASSERT_EQ(client().post("/client", "view.checkin", ArgText().add("ViewUuid", view_).add("Path", "/proj/sub")).reply.status,
+            0);
+  ASSERT_EQ(client().post("/client", "view.checkin", ArgText().add("ViewUuid", view_).add("Path", "/proj")).reply.status,
+            0);
+  EXPECT_EQ(names(gdc(other, oid_of(root(other)))), (std::vector<std::string>{"a.c", "docs", "new.c", "sub"}));
+  EXPECT_EQ(seen(other, {"new.c"}), "new\n");
+
+  // Uncheckout drops a checkout; the dump shows the view's state; the admin endpoint needs the token.
+  ASSERT_EQ(client().post("/client", "view.checkout", ArgText().add("ViewUuid", view_).add("Path", "/proj/a.c")).reply.status,
+            0);
+  Result un = client().post("/client", "view.uncheckout", ArgText().add("ViewUuid", view_).add("Path", "/proj/a.c"));
+  EXPECT_EQ(un.reply.status, 0);
+  EXPECT_EQ(seen(view_, {"a.c"}), "int a;\n");
+  Result dump = client().post("/client", "view.dump", ArgText().add("ViewUuid", view_));
+  EXPECT_NE(dump.reply.find("Text")->body.find("/proj/sub/b2.h"), std::string::npos);
+  EXPECT_EQ(client().post("/admin", "silo.list", "").http, 401);
+  EXPECT_EQ(client().post("/client", "silo.create", ArgText().add("Tag", "/x")).reply.status, TBS_ST_BAD_ARG);
+  WanClient anon("127.0.0.1", port_);
+  EXPECT_EQ(anon.post("/client", "view.dump", ArgText().add("ViewUuid", view_)).http, 401);
+
+  // Global changes: mkdir -p, link, move, remove.
+  EXPECT_EQ(admin("elem.mkfile", ArgText().add("Path", "/proj/x/y/z.txt").add("Parents", "1"), std::string("z")).reply.status,
+            0);
+  EXPECT_EQ(admin("elem.mkfile", ArgText().add("Path", "/proj/x/y/z.txt"), std::string("z")).reply.status, TBS_ST_EXISTS);
+  EXPECT_EQ(admin("elem.mklink", ArgText().add("Path", "/proj/abs").add("Target", "/etc/passwd")).reply.status,
+            TBS_ST_BAD_ARG);
+  EXPECT_EQ(admin("elem.move", ArgText().add("From", "/proj/x").add("To", "/proj/x/y/q")).reply.status, TBS_ST_BAD_ARG);
+  EXPECT_EQ(admin("elem.move", ArgText().add("From", "/proj/x/y/z.txt").add("To", "/proj/z.txt")).reply.status, 0);
+  EXPECT_EQ(admin("elem.rmname", ArgText().add("Path", "/proj/x")).reply.status, 0);
+  EXPECT_EQ(seen(other, {"z.txt"}), "z");
+  EXPECT_EQ(seen(other, {"x"}), "status 1002");
+}
+
+TEST_F(ServerTest, RestartKeepsStoreSessionsAndViews) {
+  ASSERT_EQ(set_rules(view_, {"select *.h none", "select * latest"}).reply.status, 0);
+  std::string rootver = oid_of(root(view_));
+  std::string docs = oid_of(lookup(view_, rootver, "docs"));
+  std::string j = client().jsession(), s = client().session();
+  clients_.clear();
+  srv_->stop();
+  srv_.reset();
+  start();
+  client().set_cookies(j, s);
+  // Same session, same rules, and the served set still knows where docs is.
+  EXPECT_EQ(lookup(view_, rootver, "b.h").reply.status, TBS_ST_NOT_FOUND_2);
+  Result r = lookup(view_, docs, "readme.txt");
+  EXPECT_EQ(r.reply.status, 0) << r.reply.message;
+  Result cs = client().rpc(tavrel_wan::RPC_GET_CONFIG_SPEC, ArgText().add("ViewUuid", view_));
+  EXPECT_EQ(cs.reply.find("CspecElementRules")->body, "select *.h none\nselect * latest\n");
+}
+
+TEST_F(ServerTest, BadInputGetsCleanErrorsAndLeavesStoreIntact) {
+  struct {
+    const char* rpc;
+    std::string args;
+    int http;
+    int32_t status;
+  } cases[] = {
+      {"Tavrel_Orlen::no_such_rpc", "", 200, TBS_ST_BAD_ARG},
+      {"", "", 200, TBS_ST_BAD_ARG},
+      {tavrel_wan::RPC_LOOKUP, "=novalue\n", 200, TBS_ST_BAD_ARG},
+      {tavrel_wan::RPC_LOOKUP, "ViewUuid=not-a-uuid\nLeafName=x\n", 200, TBS_ST_BAD_ARG},
+      {tavrel_wan::RPC_LOOKUP, "LeafName=x\n", 200, TBS_ST_BAD_ARG},
+      {tavrel_wan::RPC_GET_CONFIG_SPEC, "ViewUuid=00000000-0000-0000-0000-000000000000\n", 200, TBS_ST_BAD_ARG},
+      {tavrel_wan::RPC_GET_CONFIG_SPEC, "ViewUuid=" + view_ + "\nFreezeLoadScopes=2\n", 200, TBS_ST_BAD_ARG},
+      {tavrel_wan::RPC_GET_METADATA, "ViewUuid=" + view_ + "\nSiloUuid=" + tbs_uuid_to_str(tbs_uuid_create()) + "\n",
+       200, TBS_ST_NOT_FOUND},
+      {tavrel_wan::RPC_GET_METADATA, "ViewUuid=" + view_ + "\nPathName=relative/path\n", 200, TBS_ST_BAD_ARG},
+      {tavrel_wan::RPC_GET_DIRECTORY_CONTENTS, "ViewUuid=" + view_ + "\nPathName=/proj/a.c\n", 200, TBS_ST_BAD_ARG},
+      {tavrel_wan::RPC_SET_CONFIG_SPEC, "ViewUuid=" + view_ + "\nElemRule=" + std::string(70000, 'x') + "\n", 200,
+       TBS_ST_BAD_ARG},
+  };
+  for (const auto& c : cases) {
+    Result r = client().rpc(c.rpc, c.args);
+    EXPECT_EQ(r.http, c.http) << c.rpc << " " << c.args.substr(0, 80);
+    ASSERT_TRUE(r.reply.ok) << r.reply.error;
+    EXPECT_EQ(r.reply.status, c.status) << c.rpc << " " << c.args.substr(0, 80) << ": " << r.reply.message;
+    EXPECT_TRUE(r.reply.parts.empty());
+  }
+  // Broken form bodies are 400; a body without the boundary parameter is read by sniffing the boundary.
+  Result broken = client().raw_post("", "garbage", "multipart/form-data; boundary=xyz");
+  EXPECT_EQ(broken.http, 400);
+  EXPECT_EQ(client().raw_post("", "--b\r\nContent-Disposition: form-data; name=\"rpc\"\r\n\r\nx", "multipart/form-data").http,
+            400);
+  std::string body =
+      "--B0undary\r\nContent-Disposition: form-data; name=\"rpc\"\r\n\r\nTavrel_Orlen::getsiloinfo_rpc\r\n"
+      "--B0undary\r\nContent-Disposition: form-data; name=\"rpcargs\"\r\n\r\nSiloTag=/proj\n\r\n--B0undary--\r\n";
+  Result sniffed = client().raw_post("", body, "multipart/form-data");
+  EXPECT_EQ(sniffed.reply.status, 0) << sniffed.reply.message;
+  // Oversized bodies are refused before they are read whole.
+  // (The server may close the connection while the client is still sending.)
+  Result huge = client(1).post("", tavrel_wan::RPC_LOOKUP, std::string(80u << 20, 'a'));
+  EXPECT_TRUE(huge.http == 413 || huge.http == -1) << huge.http;
+  // Nothing of the above changed the store.
+  int ok = srv_->store().read([](Repo& r) {
+    auto s = r.db().stmt("PRAGMA integrity_check");
+    s.step();
+    return s.text(0) == "ok" ? 1 : 0;
+  });
+  EXPECT_EQ(ok, 1);
+  EXPECT_EQ(names(gdc(view_, oid_of(root(view_)))), (std::vector<std::string>{"a.c", "b.h", "docs", "ln"}));
+}
+
+TEST_F(ServerTest, FaultInjectionAndRequestLog) {
+  replica();
+  ASSERT_EQ(admin("log.clear", "").reply.status, 0);
+  ASSERT_EQ(admin("fault.set", ArgText().add("Kind", "http_status").add("Value", "503").add("Match",
+                                                                                          tavrel_wan::RPC_GET_SILO_INFO))
+                .reply.status,
+            0);
+  EXPECT_EQ(client().rpc(tavrel_wan::RPC_GET_SILO_INFO, ArgText().add("SiloTag", "/proj")).http, 503);
+  EXPECT_EQ(client().rpc(tavrel_wan::RPC_GET_SILO_INFO, ArgText().add("SiloTag", "/proj")).http, 200);  // one use
+
+  ASSERT_EQ(admin("fault.set", ArgText().add("Kind", "status").add("Value", "1008")).reply.status, 0);
+  EXPECT_EQ(root(view_).reply.status, 1008);
+  ASSERT_EQ(admin("fault.set", ArgText().add("Kind", "corrupt_header")).reply.status, 0);
+  Result corrupt = root(view_);
+  EXPECT_FALSE(corrupt.reply.ok);
+  EXPECT_NE(corrupt.body.find("\rX"), std::string::npos);
+  ASSERT_EQ(admin("fault.set", ArgText().add("Kind", "cut_after").add("Value", "100")).reply.status, 0);
+  Result cut = root(view_);
+  EXPECT_EQ(cut.http, -1);  // the connection closes before Content-Length bytes arrived
+  ASSERT_EQ(admin("fault.set", ArgText().add("Kind", "delay_inside").add("Value", "50")).reply.status, 0);
+  EXPECT_EQ(root(view_).reply.status, 0);
+  ASSERT_EQ(admin("fault.set", ArgText().add("Kind", "refuse_login")).reply.status, 0);
+  EXPECT_EQ(client(1).login("alice", "secret").http, 401);
+  EXPECT_EQ(client(1).login("alice", "secret").reply.status, 0);
+  EXPECT_EQ(admin("fault.set", ArgText().add("Kind", "bogus")).reply.status, TBS_ST_BAD_ARG);
+
+  Result log = admin("log.get", "");
+  const std::string& text = log.reply.find("Text")->body;
+  // The request log shows each request with its RPC, HTTP status and Status code.
+  EXPECT_NE(text.find("POST\t/tavrel\tTavrel_Orlen::getsiloinfo_rpc\t503\t1008"), std::string::npos) << text;
+  EXPECT_NE(text.find("POST\t/tavrel\tTavrel_Orlen::getsiloinfo_rpc\t200\t0\tSiloTag=/proj\\n"), std::string::npos);
+  EXPECT_NE(text.find("POST\t/tavrel\tTavrel_Orlen::login_rpc\t401"), std::string::npos);
+  EXPECT_EQ(text.find("secret"), std::string::npos);
+  EXPECT_EQ(text.find("log.get"), std::string::npos);  // the log is read before its own request is added
+}
+
+TEST_F(ServerTest, ConcurrentViewsAreIsolatedAndSafe) {
+  const int kThreads = 4, kRounds = 25;
+  std::vector<std::string> views;
+  for (int t = 0; t < kThreads; ++t) views.push_back(tbs_uuid_to_str(tbs_uuid_create()));
+  std::string rep = replica();
+  std::atomic<int> failures{0};
+  std::vector<std::thread> threads;
+  for (int t = 0; t < kThreads; ++t) {
+    client(t + 1).login("alice", "secret");
+    threads.emplace_back([&, t] {
+      WanClient& c = client(t + 1);
+      // Even views hide *.h, odd views see everything; each re-sets its rules as it goes.
+      std::vector<std::string> expect = t % 2 ? std::vector<std::string>{"a.c", "b.h", "docs", "ln"}
+                                              : std::vector<std::string>{"a.c", "docs", "ln"};
+      for (int i = 0; i < kRounds; ++i) {
+        ArgText a;
+        a.add("ViewUuid", views[t]).add("NumElemRules", "2");
+        a.add("ElemRule", t % 2 ? "select *.zz none" : "select *.h none").add("ElemRule", "select * latest");
+        a.add("NumLoadRules", "0").add("ForceUpdate", "0");
+        Result sc = c.rpc(tavrel_wan::RPC_SET_CONFIG_SPEC, a);
+        if (sc.reply.status != 0) {
+          ++failures;
+          ADD_FAILURE() << sc.http << " " << sc.reply.status << " " << sc.reply.message << sc.reply.error;
+        }
+        Result r = c.rpc(tavrel_wan::RPC_GET_METADATA, ArgText().add("ViewUuid", views[t]).add("SiloUuid", rep).add(
+                                                           "PathName", ""));
+        if (r.reply.status != 0) {
+          ++failures;
+          continue;
+        }
+        std::string rootver = tbs_oid_to_str(decode_vstat(r.reply.find("Xdr_ObjMetadata")->body).vstat.obj_oid);
+        Result l = c.rpc(tavrel_wan::RPC_GET_DIRECTORY_CONTENTS,
+                         ArgText().add("ViewUuid", views[t]).add("SiloUuid", rep).add("VersionOid", rootver));
+        if (names(l) != expect) ++failures;
+        Result b = c.rpc(tavrel_wan::RPC_LOOKUP, ArgText()
+                                                     .add("ViewUuid", views[t])
+                                                     .add("SiloUuid", rep)
+                                                     .add("VersionOid", rootver)
+                                                     .add("SiloPathName", "")
+                                                     .add("LeafName", "b.h"));
+        if (b.reply.status != (t % 2 ? 0 : TBS_ST_NOT_FOUND_2)) ++failures;
+      }
+    });
+  }
+  for (auto& th : threads) th.join();
+  EXPECT_EQ(failures.load(), 0);
+  // Each view's GN counted its own rule changes.
+  for (const auto& v : views) {
+    auto row = srv_->store().read([&](Repo& r) {
+      tbs_uuid_s u;
+      tbs_str_to_uuid(v, &u);
+      return *r.view_by_uuid(u);
+    });
+    EXPECT_EQ(row.gn_counter, kRounds);
+  }
+}
+
+TEST_F(ServerTest, ImportOfGeneratedTreeIsServedWhole) {
+  fs::path gen = dir_ / "gen";
+  int files = 0;
+  for (int d = 0; d < 20; ++d)
+    for (int f = 0; f < 50; ++f, ++files)
+      write_file(gen / ("d" + std::to_string(d)) / ("f" + std::to_string(f) + ".txt"), std::to_string(d * 1000 + f));
+  Result imp = admin("silo.import", ArgText().add("Tag", "/gen").add("Source", gen.string()));
+  ASSERT_EQ(imp.reply.status, 0) << imp.reply.message;
+  EXPECT_EQ(imp.reply.parts.at(0).items.at("Files"), std::to_string(files));
+  Result info = client().rpc(tavrel_wan::RPC_GET_SILO_INFO, ArgText().add("SiloTag", "/gen"));
+  std::string rep = info.reply.parts.at(0).items.at("SiloReplicaUuid");
+  Result r = client().rpc(tavrel_wan::RPC_GET_METADATA,
+                          ArgText().add("ViewUuid", view_).add("SiloUuid", rep).add("PathName", ""));
+  std::string rootver = oid_of(r);
+  Result top = client().rpc(tavrel_wan::RPC_GET_DIRECTORY_CONTENTS,
+                            ArgText().add("ViewUuid", view_).add("SiloUuid", rep).add("VersionOid", rootver));
+  EXPECT_EQ(names(top).size(), 20u);
+  Result d7 = client().rpc(tavrel_wan::RPC_GET_DIRECTORY_CONTENTS,
+                           ArgText().add("ViewUuid", view_).add("PathName", "/gen/d7"));
+  ASSERT_EQ(names(d7).size(), 50u);
+  std::string f3 = tbs_oid_to_str(decode_dirent(d7.reply.parts[4 * 23].body).ver_oid);  // f3.txt in name order
+  EXPECT_EQ(client().get("/cltxt/" + rep + "/" + f3 + "/t").reply.parts.at(0).body, "7003");
+  EXPECT_EQ(admin("silo.import", ArgText().add("Tag", "/gen").add("Source", gen.string())).reply.status, TBS_ST_EXISTS);
+}
+
+}  // namespace
