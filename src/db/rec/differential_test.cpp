@@ -28,7 +28,6 @@ class Differential {
 
   // Runs `ops` calls; returns "" or a description of the first disagreement.
   std::string run(int ops) {
-    tavrel::rec::io_set_nosync(true);
     if (dt_opentask(&t_) != 0) return "opentask";
     if (rectest::open_db(t_, dir_.path(), ps_, frames_) != 0) return "open";
     std::string err;
@@ -46,7 +45,6 @@ class Differential {
     for (auto& b : blocks_) free(b.first);
     blocks_.clear();
     dt_closetask(t_);
-    tavrel::rec::io_set_nosync(false);
     if (!err.empty()) {
       std::ostringstream o;
       o << "seed " << seed_ << " (page " << ps_ << ", frames " << frames_ << "), call " << n_ << ": " << err

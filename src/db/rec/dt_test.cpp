@@ -5,6 +5,7 @@
 
 #include <cstring>
 
+#include "db/rec/io.h"
 #include "db/rec/test_util.h"
 
 namespace {
@@ -315,6 +316,34 @@ TEST_F(Dt, ErrorTexts) {
   EXPECT_EQ(dberr_code(-904), "TVRDB0904E *** view database engine error -904 - unable to allocate sufficient memory");
   EXPECT_STREQ(dt_errtext(-16), "record not connected to set");
   EXPECT_STREQ(dt_errtext(-925), "error in Transaction Journaling File");
+}
+
+TEST(DurableCommit, OneJournalSyncPerCommitAndNoneForReadOnly) {
+  tavrel::rec::io_set_nosync(false);
+  rectest::TempDir dir;
+  DB_TASK* t;
+  ASSERT_EQ(dt_opentask(&t), 0);
+  ASSERT_EQ(rectest::open_db(t, dir.path()), 0);
+  dt_stats_s a{}, b{};
+  ASSERT_EQ(dt_stats(&a, t), 0);
+  for (int i = 0; i < 3; i++) {
+    ASSERT_EQ(dt_trbegin("t", t), 0);
+    vns_db_elem e{};
+    e.dbid = (uint32_t)i;
+    ASSERT_EQ(dt_fillnew(VNS_DB_ELEM, &e, t, -1), 0);
+    ASSERT_EQ(dt_trend(t), 0);
+  }
+  ASSERT_EQ(dt_trbegin("t", t), 0);
+  key_silo_dbid k{0, 1};
+  ASSERT_EQ(dt_keyfind(VNS_ELEM_KEY, &k, t, -1), 0);
+  ASSERT_EQ(dt_trend(t), 0);
+  ASSERT_EQ(dt_stats(&b, t), 0);
+  EXPECT_EQ(b.journal_syncs - a.journal_syncs, 3u);
+  EXPECT_EQ(b.commits - a.commits, 3u);
+  EXPECT_GT(b.journal_bytes, a.journal_bytes);
+  EXPECT_LT((b.journal_bytes - a.journal_bytes) / 3, 600u) << "small transactions journal changed ranges only";
+  dt_closetask(t);
+  tavrel::rec::io_set_nosync(true);
 }
 
 TEST(DtOpen, CacheAllocationFailureIsReported) {

@@ -1,6 +1,7 @@
 #include "db/rec/test_util.h"
 
 #include <dirent.h>
+#include <fcntl.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -10,9 +11,22 @@
 #include <fstream>
 #include <sstream>
 
+#include <gtest/gtest.h>
+
+#include "db/rec/io.h"
 #include "db/rec/schema.h"
 
 namespace rectest {
+
+namespace {
+// The tests imitate crashes by killing processes or dropping state, never a power loss, so data syncs
+// only cost time here; DurableCommit (dt_test.cpp) turns them back on.
+class NoSync : public ::testing::Environment {
+ public:
+  void SetUp() override { tavrel::rec::io_set_nosync(true); }
+};
+[[maybe_unused]] auto* const g_nosync = ::testing::AddGlobalTestEnvironment(new NoSync);
+}  // namespace
 
 TempDir::TempDir() {
   const char* base = getenv("TMPDIR");
@@ -47,7 +61,8 @@ bool Capture::contains(const std::string& needle) const {
 }
 
 int open_db(DB_TASK* task, const std::string& dir, int page_size, int frames) {
-  dt_write_dictionary((dir + "/tavrel_db.dbd").c_str());
+  std::string dbd = dir + "/tavrel_db.dbd";
+  if (read_file(dbd) != tavrel::rec::schema().serialize()) dt_write_dictionary(dbd.c_str());
   d_setpagesize(page_size);
   d_setpages(frames, 0);
   dt_dbwdir(dir.c_str(), task);
@@ -123,6 +138,17 @@ void copy_dir(const std::string& from, const std::string& to) {
   closedir(d);
 }
 
+void sync_dir(const std::string& from, const std::string& to) {
+  DIR* d = opendir(from.c_str());
+  if (!d) return;
+  while (dirent* e = readdir(d)) {
+    if (e->d_name[0] == '.') continue;
+    std::string want = read_file(from + "/" + e->d_name);
+    if (read_file(to + "/" + e->d_name) != want) write_file(to + "/" + e->d_name, want);
+  }
+  closedir(d);
+}
+
 std::string read_file(const std::string& path) {
   std::ifstream in(path, std::ios::binary);
   std::stringstream ss;
@@ -131,8 +157,13 @@ std::string read_file(const std::string& path) {
 }
 
 void write_file(const std::string& path, const std::string& data) {
-  std::ofstream out(path, std::ios::binary | std::ios::trunc);
-  out << data;
+  // Overwrite in place and then cut to size: truncating to zero first would make the file system flush
+  // the file at close, which costs a disk round trip per call.
+  int fd = ::open(path.c_str(), O_WRONLY | O_CREAT | O_CLOEXEC, 0640);
+  if (fd < 0) abort();
+  if (!data.empty() && pwrite(fd, data.data(), data.size(), 0) != (ssize_t)data.size()) abort();
+  if (ftruncate(fd, (off_t)data.size()) != 0) abort();
+  ::close(fd);
 }
 
 }  // namespace rectest

@@ -42,6 +42,8 @@ std::string hex(const void* p, size_t n);
 
 // Copy every regular file of `from` into `to` (which must exist).
 void copy_dir(const std::string& from, const std::string& to);
+// Make the files of `to` equal to those of `from`, rewriting only the ones that differ.
+void sync_dir(const std::string& from, const std::string& to);
 std::string read_file(const std::string& path);
 void write_file(const std::string& path, const std::string& data);
 
