@@ -129,6 +129,16 @@ class Agent {
   }
 
   std::string listener() const { return m_storage + "/.ipc/rlistener"; }
+  // Everything the agent traced (all trace files of this home).
+  std::string traces() const {
+    std::string all;
+    DIR* d = opendir((m_home + "/tavrel_trace").c_str());
+    if (!d) return all;
+    while (dirent* e = readdir(d))
+      if (e->d_name[0] != '.') all += read_text(m_home + "/tavrel_trace/" + e->d_name);
+    closedir(d);
+    return all;
+  }
   const std::string& storage() const { return m_storage; }
   std::string log() const { return read_text(m_storage + "/log/tvr.log"); }
 
@@ -435,6 +445,35 @@ TEST(AgentProcess, PoolSizes) {
     EXPECT_EQ(seen, pc.want_max) << "pool " << pc.pool;
     ASSERT_EQ(kill(agent.agent_pid(), SIGTERM), 0);
     EXPECT_EQ(agent.wait_exit(), 0) << "pool " << pc.pool;
+  }
+}
+
+TEST(AgentProcess, TraceSettingsFromFileAndCommandLine) {
+  struct {
+    const char* conf;
+    std::vector<std::string> args;
+    bool want_tavrel_steps;
+  } cases[] = {
+      {"tavrelTraceLevel=4\ntavrelTraceSubsystem=TAVREL\n", {}, true},
+      // The command line wins over the file.
+      {"tavrelTraceLevel=4\ntavrelTraceSubsystem=TAVREL\n", {"-trace_level", "1", "-trace_subsystem", "RCLIENT"}, false},
+      {"", {"-trace_level", "4", "-trace_subsystem", "TAVREL"}, true},
+      {"", {"-trace_level", "5"}, false},  // a level without subsystems traces nothing
+  };
+  for (auto& c : cases) {
+    Agent agent(3, c.conf);
+    AgentStarted s = agent.start("<StartView version=\"1\"><password>s3cret-pw</password></StartView>", c.args);
+    ASSERT_EQ(s.error, 0) << s.message;
+    ASSERT_TRUE(agent.wait_listening());
+    ASSERT_EQ(kill(agent.agent_pid(), SIGTERM), 0);
+    EXPECT_EQ(agent.wait_exit(), 0);
+    std::string t = agent.traces();
+    EXPECT_EQ(t.find("::TRACE::TAVREL::tavrel_agent::main::") != std::string::npos &&
+                  t.find("Creating view handler for location") != std::string::npos,
+              c.want_tavrel_steps)
+        << c.conf << " " << testing::PrintToString(c.args);
+    EXPECT_EQ(t.find("s3cret-pw"), std::string::npos);  // passwords never reach the trace
+    if (c.want_tavrel_steps) EXPECT_NE(t.find("<password>*****</password>"), std::string::npos);
   }
 }
 
