@@ -247,7 +247,10 @@ std::string metadata_reply(WanServer& srv, const Args& a, bool lookup) {
     put_object(w, ns, n);
     w.status(0);
     w.end();
-    if (!n.path.empty()) served.push_back(ns.served_row(n));
+    if (!n.path.empty()) {
+      ServedRow row = ns.served_row(n);
+      if (!r.served_unchanged(view.id, row)) served.push_back(std::move(row));
+    }
     return w.take();
   });
   record_served(srv, view.id, served);
@@ -274,7 +277,8 @@ std::string get_directory_contents(WanServer& srv, const Args& a) {
       if (tavrel_dirent_encode(&d, &rec) != TBS_ST_OK) fail(TBS_ST_INTERNAL, "directory entry does not encode");
       w.part(PART_DIRECTORY_ENTRY, rec);
       put_object(w, ns, *n);
-      served.push_back(ns.served_row(*n));
+      ServedRow row = ns.served_row(*n);
+      if (!r.served_unchanged(view.id, row)) served.push_back(std::move(row));
     }
     w.status(0);
     w.end();

@@ -589,6 +589,15 @@ void Repo::record_served(int64_t view, const ServedRow& r) {
       .run();
 }
 
+bool Repo::served_unchanged(int64_t view, const ServedRow& r) {
+  auto s = db_.stmt("SELECT silo, elem_oid, ver_oid, vstr, parent_oid, checked_out, scope_oid FROM served "
+                    "WHERE view=? AND path=?");
+  s.bind(1, view).bind(2, r.path);
+  if (!s.step()) return false;
+  return s.i64(0) == r.silo && col_oid(s, 1) == r.elem_oid && col_oid(s, 2) == r.ver_oid && s.text(3) == r.vstr &&
+         col_oid(s, 4) == r.parent_oid && (s.i64(5) != 0) == r.checked_out && col_oid(s, 6) == r.scope_oid;
+}
+
 std::optional<std::string> Repo::served_path_of_version(int64_t view, const tbs_oid_s& ver_oid) {
   auto s = db_.stmt("SELECT path FROM served WHERE view=? AND ver_oid=? LIMIT 1");
   s.bind(1, view).bind_blob(2, ver_oid.bytes, 16);

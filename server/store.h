@@ -196,6 +196,9 @@ class Repo {
 
   // Served set.
   void record_served(int64_t view, const ServedRow& r);
+  // Whether the served set already holds `r` as it is (its GN aside), so that recording it again
+  // would change nothing.
+  bool served_unchanged(int64_t view, const ServedRow& r);
   std::optional<std::string> served_path_of_version(int64_t view, const tbs_oid_s& ver_oid);
   std::vector<ServedRow> served(int64_t view);
 

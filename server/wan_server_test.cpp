@@ -392,6 +392,9 @@ TEST_F(ServerTest, RuleEvaluationAcrossViews) {
   EXPECT_EQ(seen(v1, {"a.c"}), "int a3;\n");
   EXPECT_EQ(seen(v3, {"a.c"}), "int a3;\n");
   EXPECT_EQ(seen(v2, {"a.c"}), "int a;\n");
+  // The served set follows what was sent: the checkout version first, then the checked-in version.
+  Result dump = client().post("/client", "view.dump", ArgText().add("ViewUuid", v1));
+  EXPECT_NE(dump.reply.find("Text")->body.find("/proj/a.c main/3 "), std::string::npos) << dump.body;
 }
 
 TEST_F(ServerTest, ViewNamespaceChangesAndClientApi) {
