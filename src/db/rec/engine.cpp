@@ -300,7 +300,8 @@ int Database::close() {
 int Database::checkpoint() {
   if (active_) return -26;
   failpoint("checkpoint.before_sync");
-  int st = cache_->sync_files();
+  int st = cache_->write_back();
+  if (st == 0) st = cache_->sync_files();
   if (st != 0) return st;
   failpoint("checkpoint.after_data_sync");
   if (journal_.length() > kTjfHeader) st = journal_.truncate();
@@ -310,7 +311,9 @@ int Database::checkpoint() {
 
 int Database::syncfiles() {
   if (!active_) return checkpoint();
-  int st = cache_->sync_files();
+  // Inside a transaction only committed pages may go to the files; the journal stays.
+  int st = cache_->write_back();
+  if (st == 0) st = cache_->sync_files();
   return st ? st : journal_.sync();
 }
 

@@ -8,6 +8,7 @@
 #include <cstdio>
 #include <cstring>
 #include <ctime>
+#include <algorithm>
 #include <map>
 
 #include "db/rec/io.h"
@@ -75,6 +76,7 @@ int Journal::open(const std::string& path, const MsgFn& msg) {
     // A missing or never-completed journal holds nothing committed: start a fresh one.
     len_ = kTjfHeader;
     tx_ = 0;
+    alloc_ = kTjfHeader;
     int st = io_truncate(fd_, 0);
     if (st == 0) st = write_header();
     if (st == 0) st = io_sync(fd_);
@@ -94,6 +96,7 @@ int Journal::open(const std::string& path, const MsgFn& msg) {
   tx_ = get32(h + 16);
   uint32_t tx2 = get32(h + 20);
   if ((int32_t)(tx2 - tx_) > 0) tx_ = tx2;
+  alloc_ = size;
   return 0;
 }
 
@@ -166,18 +169,26 @@ int Journal::change(uint16_t slot, uint64_t off, const uint8_t* data, size_t n) 
   return 0;
 }
 
-int Journal::spill(uint16_t slot, uint64_t off, const uint8_t* data, size_t n, uint64_t* data_off) {
-  if (n > kMaxChangeData) return S_TAFSYNC;
-  uint64_t at = len_ + buf_.size();
-  int st = change(slot, off, data, n);
-  if (st == 0) st = flush();
-  failpoint("spill.after_write");
-  *data_off = at + 20;
-  return st;
+// Keep zeroed, synced space ahead of the end of the journal, so that a commit's data sync overwrites
+// blocks that already exist and has no file-size or allocation change to make durable.
+int Journal::reserve(uint64_t end) {
+  if (end <= alloc_) return 0;
+  uint64_t target = (end + kReserve) / kReserve * kReserve;
+  static const std::vector<uint8_t> zeros(64 * 1024, 0);
+  for (uint64_t at = alloc_; at < target; at += zeros.size()) {
+    int st = io_write(fd_, zeros.data(), std::min<uint64_t>(zeros.size(), target - at), at);
+    if (st != 0) return st;
+  }
+  int st = io_sync(fd_);
+  if (st != 0) return st;
+  alloc_ = target;
+  return 0;
 }
 
 int Journal::flush() {
   if (buf_.empty()) return 0;
+  int rs = reserve(len_ + buf_.size());
+  if (rs != 0) return rs;
   failpoint("tjf.flush");
   if (failpoint_torn("tjf.torn")) {
     io_write(fd_, buf_.data(), buf_.size() / 2, len_);
@@ -222,6 +233,7 @@ int Journal::truncate() {
   failpoint("checkpoint.after_header");
   if (st == 0) st = io_truncate(fd_, kTjfHeader);
   if (st == 0) st = io_sync(fd_);
+  alloc_ = kTjfHeader;
   return st;
 }
 
@@ -239,6 +251,7 @@ int Journal::reload(const MsgFn& msg) {
   }
   len_ = get32(h + 8);
   tx_ = get32(h + 16);
+  alloc_ = io_size(fd_);
   return 0;
 }
 
@@ -497,7 +510,7 @@ int tjf_roll_forward(int fd, const std::string& tjf_path, const std::string& tcf
     }
     off += len + (len & 1);
   }
-  if (torn || off < io_size(fd))
+  if (torn)
     msg(1, fmt("Ignoring remaining bytes (0x%08lX) of TJF\n", (unsigned long)off));
 
   // Pass 2: apply the changes of committed transactions, in journal order.

@@ -22,6 +22,9 @@
 // database file: u16 entry length, u16 file slot, u16 checksum (0x1eac + slot + name length + sum of name
 // bytes, cut to 16 bits), u16 name length, the file's base name, a pad byte to an even length.
 //
+// Space beyond the header length is kept zeroed ahead of use (in 1 MiB steps, synced once), so a
+// commit's sync rewrites existing blocks only. Readers stop at the header length.
+//
 // Protocol: commit appends COMMIT and makes the journal durable with one data sync; only then are the data
 // and key files written (through the OS, without a sync). A checkpoint syncs every file written since the
 // last one, then empties the journal (header length 28, truncate, sync). Roll-forward at open reapplies
@@ -63,8 +66,8 @@ class Journal {
   uint32_t current_tx() const { return cur_; }
   // Buffer CHANGE entries for `n` bytes at `off` of the file in `slot` (split when longer than one entry).
   int change(uint16_t slot, uint64_t off, const uint8_t* data, size_t n);
-  // Append a full CHANGE and write the buffer out; *data_off gets the position of the bytes in the TJF.
-  int spill(uint16_t slot, uint64_t off, const uint8_t* data, size_t n, uint64_t* data_off);
+  // Where the next entry will start in the file.
+  uint64_t end() const { return len_ + buf_.size(); }
   // Write the buffer at the end of the file and advance the header (no sync).
   int flush();
   // COMMIT, write out, one data sync.
@@ -85,10 +88,13 @@ class Journal {
 
  private:
   int write_header();
+  int reserve(uint64_t end);
   void put_entry(uint16_t type, const uint8_t* payload, size_t n);
   int fd_ = -1;
   std::string path_;
   uint64_t len_ = kTjfHeader;
+  uint64_t alloc_ = kTjfHeader;  // file length: zeroed, synced space beyond len_
+  static constexpr uint64_t kReserve = 1 << 20;
   uint32_t tx_ = 0;
   uint32_t cur_ = 0;
   bool active_ = false;

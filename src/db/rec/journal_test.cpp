@@ -126,6 +126,15 @@ class Journal : public ::testing::Test {
   }
 
   std::map<std::string, std::string> snap_cache;
+  // The journal up to its header length (the file keeps zeroed space beyond it).
+  std::string journal_image() {
+    std::string j = rectest::read_file(dir.file("tavrel_db.tjf"));
+    if (j.size() < 28) return j;
+    for (size_t i = u32(j, 8); i < j.size(); i++)
+      if (j[i] != 0) ADD_FAILURE() << "non-zero byte beyond the journal's end at " << i;
+    return j.substr(0, u32(j, 8));
+  }
+
   rectest::TempDir dir;
   DB_TASK* t = nullptr;
   std::vector<std::unique_ptr<rectest::TempDir>> snaps;
@@ -134,11 +143,12 @@ class Journal : public ::testing::Test {
 TEST_F(Journal, FormatOfACommittedTransaction) {
   txn(0);
   txn(1);
-  std::string j = rectest::read_file(dir.file("tavrel_db.tjf"));
+  std::string j = journal_image();
   ASSERT_GE(j.size(), 28u);
   EXPECT_EQ(u32(j, 0), 0xc0c01eafu);
   EXPECT_EQ(u32(j, 4), 2u);
   EXPECT_EQ(u32(j, 8), j.size()) << "the header length is the journal's end";
+  EXPECT_EQ(rectest::read_file(dir.file("tavrel_db.tjf")).size() % (1 << 20), 0u) << "space is reserved ahead";
   EXPECT_EQ(u32(j, 12), 0u);
   EXPECT_EQ(u32(j, 16), u32(j, 20));
   EXPECT_EQ(u32(j, 24), 0u);
@@ -173,7 +183,7 @@ TEST_F(Journal, FormatOfACommittedTransaction) {
   // A checkpoint empties the journal and keeps the counter.
   ASSERT_EQ(dt_syncfiles(t), 0);
   j = rectest::read_file(dir.file("tavrel_db.tjf"));
-  EXPECT_EQ(j.size(), 28u);
+  EXPECT_EQ(j.size(), 28u) << "a checkpoint truncates the journal";
   EXPECT_EQ(u32(j, 8), 28u);
   EXPECT_EQ(u32(j, 16), tx - 1);
   // The control file names every database file by slot.
@@ -191,7 +201,7 @@ TEST_F(Journal, RollForwardAppliesCommittedTransactionsToStaleFiles) {
   txn(1);
   txn(2);
   std::string want = rectest::dump(t);
-  std::string j = rectest::read_file(dir.file("tavrel_db.tjf"));
+  std::string j = journal_image();
   dt_crash(t);
   rectest::Capture cap;
   EXPECT_EQ(reopen_with(snap, j), want);
@@ -213,7 +223,7 @@ TEST_F(Journal, CutAtEveryByteOfTheLastTransactions) {
     txn(i, 1);
     want.push_back(rectest::dump(t));
   }
-  std::string j = rectest::read_file(dir.file("tavrel_db.tjf"));
+  std::string j = journal_image();
   dt_crash(t);
   auto es = parse(j);
   rectest::Capture cap;
@@ -238,7 +248,7 @@ TEST_F(Journal, FlippedBytesNeverApplyABrokenTransaction) {
     txn(i, 1);
     want.push_back(rectest::dump(t));
   }
-  std::string j = rectest::read_file(dir.file("tavrel_db.tjf"));
+  std::string j = journal_image();
   dt_crash(t);
   auto es = parse(j);
   std::mt19937 rng(7);
@@ -264,11 +274,11 @@ TEST_F(Journal, FlippedBytesNeverApplyABrokenTransaction) {
 TEST_F(Journal, StaleEntriesOfAnEarlierCycleAreNeverApplied) {
   txn(0);
   txn(1);
-  std::string old = rectest::read_file(dir.file("tavrel_db.tjf"));
+  std::string old = journal_image();
   std::string snap = snapshot();
   txn(2);
   std::string want = rectest::dump(t);
-  std::string j = rectest::read_file(dir.file("tavrel_db.tjf"));
+  std::string j = journal_image();
   dt_crash(t);
   // Old entries after the new ones, covered by the header length: their numbers do not rise.
   std::string planted = j + old.substr(28);
@@ -284,7 +294,7 @@ TEST_F(Journal, StaleEntriesOfAnEarlierCycleAreNeverApplied) {
 TEST_F(Journal, MalformedJournalOrControlFileFailsTheOpen) {
   txn(0);
   txn(1);
-  std::string j = rectest::read_file(dir.file("tavrel_db.tjf"));
+  std::string j = journal_image();
   uint32_t tx = u32(j, 16);
   dt_crash(t);
   rectest::Capture cap;
@@ -304,7 +314,7 @@ TEST_F(Journal, MalformedJournalOrControlFileFailsTheOpen) {
   EXPECT_TRUE(cap.contains("failed"));
   char aside[64];
   snprintf(aside, sizeof aside, "tavrel_db.tjf.%x", tx);
-  EXPECT_EQ(rectest::read_file(dir.file(aside)), j);
+  EXPECT_EQ(rectest::read_file(dir.file(aside)).substr(0, j.size()), j);
   unlink(dir.file(aside).c_str());
 }
 
@@ -316,7 +326,7 @@ TEST_F(Journal, TransactionLargerThanTheCacheSpillsAndCommits) {
   ASSERT_EQ(dt_stats(&st, t), 0);
   EXPECT_GT(st.spills, 0u);
   std::string want = rectest::dump(t);
-  std::string j = rectest::read_file(dir.file("tavrel_db.tjf"));
+  std::string j = journal_image();
   dt_crash(t);
   EXPECT_EQ(reopen_with(snap, j), want);
 }
@@ -333,7 +343,7 @@ TEST_F(Journal, AbortAfterSpillLeavesNoTrace) {
   }
   ASSERT_EQ(dt_trabort(t), 0);
   EXPECT_EQ(rectest::dump(t), before);
-  std::string j = rectest::read_file(dir.file("tavrel_db.tjf"));
+  std::string j = journal_image();
   auto es = parse(j);
   ASSERT_FALSE(es.empty());
   EXPECT_EQ(es.back().type, 5) << "an abort entry ends a transaction that reached the file";
@@ -353,7 +363,7 @@ TEST_F(Journal, TransactionNumberWraps) {
   std::string snap = snapshot();
   for (int i = 1; i <= 3; i++) txn(i);
   std::string want = rectest::dump(t);
-  std::string j = rectest::read_file(dir.file("tavrel_db.tjf"));
+  std::string j = journal_image();
   dt_crash(t);
   auto es = parse(j);
   std::vector<uint32_t> starts;

@@ -91,53 +91,91 @@ int PageCache::write_frame(int f) {
   return 0;
 }
 
-// Make frame f free for reuse: spill or write back a dirty page, then unmap it.
+// Make frame f free for reuse: write back committed content that is not yet in the file, unmap it.
+// (Txn-dirty frames are never chosen here; release_batch turns them into clean ones first.)
 int PageCache::evict(int f) {
   Frame& fr = frames_[f];
   if (fr.key == ~0ull) return 0;
-  if (fr.dirty) {
-    if (journaled_) {
-      int file = (int)(fr.key >> 32);
-      uint32_t page = (uint32_t)fr.key;
-      uint64_t at = 0;
-      int st = journal_->spill((uint16_t)file, (uint64_t)page * ps_, fr.data, ps_, &at);
-      if (st != 0) return st;
-      spill_[fr.key] = at;
-      stats_.spills++;
-    } else {
-      int st = write_frame(f);
-      if (st != 0) return st;
-      stats_.writebacks++;
-    }
-    fr.dirty = false;
-    free_before(fr);
+  if (fr.cdirty) {
+    int st = write_frame(f);
+    if (st != 0) return st;
+    stats_.writebacks++;
   }
   map_.erase(fr.key);
   fr.key = ~0ull;
   fr.from_spill = false;
+  fr.cdirty = false;
+  return 0;
+}
+
+// The cache is (nearly) full of pages changed by the open transaction: release a batch of them. Journaled,
+// their images are appended to the journal ("spill") and a later read of such a page comes back from there;
+// without the journal they are written to their files. The frames stay mapped, clean, and first in line
+// for reuse.
+int PageCache::release_batch() {
+  size_t n = frames_.size(), want = std::max<size_t>(1, n / 16), done = 0;
+  for (size_t step = 0; step < n && done < want; step++) {
+    size_t i = (hand_ + step) % n;
+    Frame& fr = frames_[i];
+    if (fr.pins > 0 || !fr.dirty) continue;
+    int file = (int)(fr.key >> 32);
+    uint32_t page = (uint32_t)fr.key;
+    int st;
+    if (journaled_) {
+      // The committed content under the change may not be in the file yet: put it there first.
+      if (fr.cdirty) {
+        CacheFile& cf = (*files_)[file];
+        st = io_write(cf.fd, fr.before, ps_, (uint64_t)page * ps_);
+        if (st != 0) return st;
+        cf.unsynced = true;
+        if (page + 1ull > cf.pages) cf.pages = page + 1ull;
+        fr.cdirty = false;
+      }
+      uint64_t at = journal_->end() + 20;
+      st = journal_->change((uint16_t)file, (uint64_t)page * ps_, fr.data, ps_);
+      if (st != 0) return st;
+      spill_[fr.key] = at;
+      fr.from_spill = true;
+      stats_.spills++;
+    } else {
+      st = write_frame((int)i);
+      if (st != 0) return st;
+      stats_.writebacks++;
+    }
+    fr.dirty = false;
+    fr.ref = false;
+    ndirty_--;
+    free_before(fr);
+    done++;
+  }
+  if (journaled_ && done) {
+    int st = journal_->flush();
+    if (st != 0) return st;
+    failpoint("spill.after_write");
+  }
   return 0;
 }
 
 int PageCache::victim(int* out) {
-  size_t n = frames_.size();
-  // Clock over clean, unpinned frames first (two sweeps clear the reference bits); then any unpinned frame.
-  for (size_t step = 0; step < 2 * n; step++) {
-    size_t i = hand_;
-    hand_ = (hand_ + 1) % n;
-    Frame& fr = frames_[i];
-    if (fr.pins > 0 || fr.dirty) continue;
-    if (fr.key == ~0ull || !fr.ref) {
-      *out = (int)i;
-      return 0;
+  for (int round = 0; round < 2; round++) {
+    size_t n = frames_.size();
+    // Clock over unpinned frames that the open transaction has not changed, unless nearly all have been.
+    if (ndirty_ * 8 < n * 7 || round > 0) {
+      for (size_t step = 0; step < 2 * n; step++) {
+        size_t i = hand_;
+        hand_ = (hand_ + 1) % n;
+        Frame& fr = frames_[i];
+        if (fr.pins > 0 || fr.dirty) continue;
+        if (fr.key == ~0ull || !fr.ref) {
+          *out = (int)i;
+          return 0;
+        }
+        fr.ref = false;
+      }
     }
-    fr.ref = false;
-  }
-  for (size_t step = 0; step < n; step++) {
-    size_t i = hand_;
-    hand_ = (hand_ + 1) % n;
-    if (frames_[i].pins == 0) {
-      *out = (int)i;
-      return 0;
+    if (round == 0 && ndirty_ > 0) {
+      int st = release_batch();
+      if (st != 0) return st;
     }
   }
   int st = add_frame();
@@ -194,6 +232,7 @@ int PageCache::mark_dirty(int f) {
     std::memcpy(fr.before, fr.data, ps_);
   }
   fr.dirty = true;
+  ndirty_++;
   tx_changed_ = true;
   if (!fr.listed) {
     fr.listed = true;
@@ -277,17 +316,25 @@ int PageCache::tx_commit(bool sync_files_now, bool* applying) {
     Frame& fr = frames_[f];
     fr.listed = false;
     if (!fr.dirty) continue;
-    st = write_frame(f);
-    if (st != 0) return st;
+    if (journaled_) {
+      // The journal holds the change; the page reaches its file when evicted or at the next checkpoint.
+      fr.cdirty = true;
+    } else {
+      st = write_frame(f);
+      if (st != 0) return st;
+      fr.cdirty = false;
+    }
     if (++n == 3) failpoint("commit.mid_apply");
     fr.dirty = false;
     free_before(fr);
   }
   dirty_list_.clear();
   spill_.clear();
+  ndirty_ = 0;
   for (Frame& fr : frames_) fr.from_spill = false;
   if (sync_files_now) {
-    st = sync_files();
+    st = write_back();
+    if (st == 0) st = sync_files();
     if (st != 0) return st;
   }
   in_tx_ = false;
@@ -300,20 +347,44 @@ int PageCache::tx_abort() {
   int st = 0;
   if (journaled_ && journal_->active()) st = journal_->abort();
   for (Frame& fr : frames_) {
-    if (fr.dirty || fr.from_spill) {
+    if (fr.from_spill) {
+      // Loaded from the journal: uncommitted content. The committed page is in the file.
       if (fr.key != ~0ull) map_.erase(fr.key);
       fr.key = ~0ull;
+      fr.dirty = fr.from_spill = fr.cdirty = false;
+      free_before(fr);
+    } else if (fr.dirty) {
+      // Back to the committed content, which may still be waiting to be written back.
+      if (fr.before) std::memcpy(fr.data, fr.before, ps_);
       fr.dirty = false;
-      fr.from_spill = false;
       free_before(fr);
     }
     fr.listed = false;
   }
   dirty_list_.clear();
   spill_.clear();
+  ndirty_ = 0;
   in_tx_ = false;
   tx_changed_ = false;
   return st;
+}
+
+int PageCache::write_back() {
+  for (size_t f = 0; f < frames_.size(); f++) {
+    Frame& fr = frames_[f];
+    if (!fr.cdirty || fr.key == ~0ull) continue;
+    // Only committed content goes to a file: under a change of the open transaction, the before-image.
+    int file = (int)(fr.key >> 32);
+    uint32_t page = (uint32_t)fr.key;
+    CacheFile& cf = (*files_)[file];
+    int st = io_write(cf.fd, fr.dirty ? fr.before : fr.data, ps_, (uint64_t)page * ps_);
+    if (st != 0) return st;
+    cf.unsynced = true;
+    if (page + 1ull > cf.pages) cf.pages = page + 1ull;
+    fr.cdirty = false;
+    stats_.writebacks++;
+  }
+  return 0;
 }
 
 int PageCache::sync_files() {
@@ -330,6 +401,7 @@ void PageCache::drop_all() {
   for (Frame& fr : frames_) {
     fr.key = ~0ull;
     fr.dirty = false;
+    fr.cdirty = false;
     fr.from_spill = false;
     fr.listed = false;
     free_before(fr);
@@ -337,6 +409,7 @@ void PageCache::drop_all() {
   map_.clear();
   spill_.clear();
   dirty_list_.clear();
+  ndirty_ = 0;
 }
 
 }  // namespace tavrel::rec

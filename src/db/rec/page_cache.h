@@ -11,8 +11,12 @@
 //   and a later read of that page comes back from the journal. Transactions may therefore be far larger
 //   than the cache.
 // - Commit journals the changed byte ranges of every txn-dirty page (against a before-image taken when the
-//   page was first changed), makes the journal durable with one sync, and then writes the pages (and the
-//   spilled ones) to their files. Abort drops txn-dirty frames and the spill map.
+//   page was first changed) and makes the journal durable with one sync. The pages then stay in the cache as
+//   committed-dirty: they reach their files when their frame is reused or at the next checkpoint
+//   (write_back), never later than the journal is emptied. Spilled pages are copied to their files at commit.
+// - Abort puts every txn-dirty frame back to its before-image (the committed content, which may itself be
+//   waiting to be written back), drops frames read back from the journal, and forgets the spill map. Before a
+//   txn-dirty page whose committed content is not yet in its file is spilled, that content is written there.
 // - With the journal off (a bulk load), dirty pages are written back when evicted and at commit, and abort
 //   is refused (-925).
 // Single-threaded: the engine's caller serialises all calls.
@@ -88,6 +92,8 @@ class PageCache {
   // *applying is set once the journal is durable, after which errors are fatal to the process.
   int tx_commit(bool sync_files, bool* applying);
   int tx_abort();
+  // Write every committed page that is still only in the cache to its file (no sync).
+  int write_back();
   // Sync every file written since the last checkpoint.
   int sync_files();
   // Forget every cached page (after the files were changed underneath, e.g. by dt_initialize).
@@ -108,12 +114,14 @@ class PageCache {
     int pins = 0;
     bool ref = false;
     bool dirty = false;
+    bool cdirty = false;      // holds committed changes not yet written to the file
     bool from_spill = false;  // content came from the journal (uncommitted)
     bool listed = false;      // in dirty_list_
   };
   static uint64_t mk(int file, uint32_t page) { return (uint64_t)file << 32 | page; }
   int victim(int* out);
   int evict(int f);
+  int release_batch();
   int write_frame(int f);
   int mark_dirty(int f);
   void free_before(Frame& fr);
@@ -130,6 +138,7 @@ class PageCache {
   std::vector<CacheFile>* files_ = nullptr;
   Journal* journal_ = nullptr;
   size_t hand_ = 0;
+  size_t ndirty_ = 0;  // frames changed by the open transaction
   bool in_tx_ = false;
   bool journaled_ = true;
   bool tx_changed_ = false;
