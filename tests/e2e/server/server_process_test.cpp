@@ -142,6 +142,59 @@ TEST_F(ServerProcess, ServesHttpAndStopsOnSigterm) {
   EXPECT_NE(log.find("GET\t/tavrel/logout"), std::string::npos);
 }
 
+// Requests shaped byte for byte as the agent's libcurl sends them: headers without a blank after the
+// colon, an empty Expect, a custom Content-Type to which curl appends the boundary, cookies without a
+// blank after ";".
+TEST_F(ServerProcess, AgentShapedRequestsFromCurl) {
+  if (std::system("curl --version >/dev/null 2>&1") != 0) GTEST_SKIP() << "no curl program";
+  ASSERT_EQ(import_tree(), 0);
+  fs::path port_file = dir_ / "port";
+  Proc p = spawn({"serve", "--store", store_, "--users", (dir_ / "users").string(), "--admin-token-file",
+                  (dir_ / "token").string(), "--port-file", port_file.string()},
+                 dir_);
+  int port = wait_port(port_file);
+  ASSERT_GT(port, 0) << slurp(p.err);
+  std::string url = "http://127.0.0.1:" + std::to_string(port) + "/tavrel";
+  auto curl = [&](const std::string& rpc, const std::string& args, const std::string& auth, const fs::path& out,
+                  const fs::path& hdr) {
+    std::ofstream(dir_ / "args.txt", std::ios::binary) << args;
+    std::string cmd = "curl -s -o " + out.string() + " -D " + hdr.string() +
+                      " -H 'Expect:' -H 'Accept-Encoding:deflate' -H 'x-ondrel-rpc-name:" + rpc +
+                      "' -H 'User-Agent:TVR / 1.0.0.0' -H '" + auth +
+                      "' -H 'Content-Type:multipart/form-data' -F 'rpc=" + rpc + "' -F 'rpcargs=<" +
+                      (dir_ / "args.txt").string() + "' " + url;
+    return std::system(cmd.c_str());
+  };
+  std::string cred = "x-ondrel-login-credentials:" + WanClient::base64("alice:s3cret");
+  ASSERT_EQ(curl(tavrel_wan::RPC_LOGIN, "min_clnt_proto_ver=6\nmax_clnt_proto_ver=6\nclienttype=ClientType.UNKNOWN\n", cred,
+                 dir_ / "login.out", dir_ / "login.hdr"),
+            0);
+  std::string hdr = slurp((dir_ / "login.hdr").string());
+  // The agent's cookie search: first line containing each name, value up to ";".
+  auto find = [&](const std::string& name) {
+    size_t at = hdr.find(name);
+    if (at == std::string::npos) return std::string();
+    size_t end = hdr.find_first_of(";\r\n", at);
+    return hdr.substr(at + name.size(), end - at - name.size());
+  };
+  std::string j = find("JSESSIONID="), s = find("Session=");
+  ASSERT_EQ(j.size(), 32u) << hdr;
+  ASSERT_EQ(s.size(), 32u) << hdr;
+  EXPECT_EQ(parse_reply(slurp((dir_ / "login.out").string())).status, 0);
+
+  std::string view = tbs_uuid_to_str(tbs_uuid_create());
+  ASSERT_EQ(curl(tavrel_wan::RPC_GET_DIRECTORY_CONTENTS, "ViewUuid=" + view + "\nPathName=/demo\n",
+                 "Cookie:JSESSIONID=" + j + ";Session=" + s, dir_ / "ls.out", dir_ / "ls.hdr"),
+            0);
+  ParsedReply ls = parse_reply(slurp((dir_ / "ls.out").string()));
+  ASSERT_TRUE(ls.ok) << ls.error;
+  EXPECT_EQ(ls.status, 0);
+  EXPECT_EQ(ls.parts.size(), 8u);
+  EXPECT_EQ(slurp((dir_ / "ls.hdr").string()).find("Content-Encoding"), std::string::npos);
+  kill(p.pid, SIGTERM);
+  EXPECT_EQ(wait_exit(p), 0);
+}
+
 TEST_F(ServerProcess, ServesHttpsWithVerifiedCertificate) {
   std::string cert = (dir_ / "cert.pem").string(), key = (dir_ / "key.pem").string();
   std::string cmd = "openssl req -x509 -newkey rsa:2048 -nodes -days 1 -subj /CN=127.0.0.1 -addext "
