@@ -175,7 +175,6 @@ int RClient_Multi_Part_Mixed_Doc::unmarshal_result(RClient_Status& status) {
     if (m_failure == 0) m_failure = RCLIENT_ST_FORMAT;
     return RCLIENT_ST_FORMAT;
   }
-  status.code = static_cast<int32_t>(code);
   std::string has_msg = get_part_item(RClient_Base::HAS_NON_OK_MSG);
   if (has_msg.empty()) {
     trace.writeTrace(TRACE_LEVEL_2, "HasNonOkMsg item missing");
@@ -195,6 +194,8 @@ int RClient_Multi_Part_Mixed_Doc::unmarshal_result(RClient_Status& status) {
       trace.writeTrace(TRACE_LEVEL_4, "Body part = %s", status.message.c_str());
     }
   }
+  // The verdict counts only once the whole part is there.
+  status.code = static_cast<int32_t>(code);
   return 0;
 }
 
