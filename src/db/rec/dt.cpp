@@ -448,7 +448,7 @@ int dt_check(std::string* report, DB_TASK* task) {
 int dt_stats(dt_stats_s* out, DB_TASK* task) {
   return read_op(task, -1, [&](Database& db) {
     const auto& s = db.stats();
-    *out = {s.hits, s.misses, s.spills, s.commits, s.journal_bytes, s.syncs, 0, db.page_size()};
+    *out = {s.hits, s.misses, s.spills, s.commits, s.journal_bytes, s.syncs, (uint32_t)db.frames(), db.page_size()};
     return 0;
   });
 }

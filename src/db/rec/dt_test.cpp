@@ -3,6 +3,9 @@
 
 #include <gtest/gtest.h>
 
+#include <sys/wait.h>
+#include <unistd.h>
+
 #include <cstring>
 
 #include "db/rec/io.h"
@@ -344,6 +347,96 @@ TEST(DurableCommit, OneJournalSyncPerCommitAndNoneForReadOnly) {
   EXPECT_LT((b.journal_bytes - a.journal_bytes) / 3, 600u) << "small transactions journal changed ranges only";
   dt_closetask(t);
   tavrel::rec::io_set_nosync(true);
+}
+
+TEST(DtOpen, InitializeModeAllowsWritesOutsideATransaction) {
+  rectest::TempDir dir;
+  DB_TASK* t;
+  ASSERT_EQ(dt_opentask(&t), 0);
+  ASSERT_EQ(rectest::open_db(t, dir.path()), 0);
+  db_cr_free f{0xffffffffu, 0};
+  EXPECT_EQ(dt_fillnew(DB_CR_FREE, &f, t, -1), S_TRFREE);
+  ASSERT_EQ(dt_initialize(t, -1), 0);
+  ASSERT_EQ(dt_fillnew(DB_CR_FREE, &f, t, -1), 0) << "committed on its own";
+  ASSERT_EQ(dt_close(t), 0);
+  ASSERT_EQ(rectest::open_db(t, dir.path()), 0);
+  EXPECT_EQ(dt_fillnew(DB_CR_FREE, &f, t, -1), S_TRFREE) << "initialize mode ends with the close";
+  ASSERT_EQ(dt_recfrst(DB_CR_FREE, t, -1), 0);
+  db_cr_free got{};
+  ASSERT_EQ(dt_recread(&got, t, -1), 0);
+  EXPECT_EQ(got.cr_free_len, 0xffffffffu);
+  // dt_initialize empties what was there.
+  ASSERT_EQ(dt_initialize(t, -1), 0);
+  EXPECT_EQ(dt_recfrst(DB_CR_FREE, t, -1), S_NOTFOUND);
+  dt_closetask(t);
+}
+
+TEST(DtOpen, WithoutTheJournalChangesGoStraightToTheFiles) {
+  rectest::TempDir dir;
+  DB_TASK* t;
+  ASSERT_EQ(dt_opentask(&t), 0);
+  ASSERT_EQ(rectest::open_db(t, dir.path()), 0);
+  ASSERT_EQ(dt_off_opt(DT_OPT_TXJOURNAL, t), 0);
+  ASSERT_EQ(dt_trbegin("load", t), 0);
+  for (uint32_t i = 0; i < 500; i++) {  // far more pages than the 8-frame cache
+    vns_db_ver v{};
+    v.silo_dba = 1;
+    v.dbid = i;
+    ASSERT_EQ(dt_fillnew(VNS_DB_VER, &v, t, -1), 0);
+  }
+  ASSERT_EQ(dt_trend(t), 0);
+  std::string j = rectest::read_file(dir.file("tavrel_db.tjf"));
+  ASSERT_GE(j.size(), 28u);
+  uint32_t len;
+  memcpy(&len, j.data() + 8, 4);
+  EXPECT_EQ(len, 28u) << "nothing was journaled";
+  std::string why;
+  EXPECT_EQ(dt_check(&why, t), 0) << why;
+  ASSERT_EQ(dt_trbegin("load", t), 0);
+  vns_db_ver v{};
+  v.dbid = 9999;
+  ASSERT_EQ(dt_fillnew(VNS_DB_VER, &v, t, -1), 0);
+  EXPECT_EQ(dt_trabort(t), S_TAFSYNC) << "cannot be undone without the journal";
+  ASSERT_EQ(dt_on_opt(DT_OPT_TXJOURNAL, t), 0);
+  ASSERT_EQ(dt_close(t), 0);
+  ASSERT_EQ(rectest::open_db(t, dir.path()), 0);
+  int rows = 0;
+  for (int st = dt_recfrst(VNS_DB_VER, t, -1); st == 0; st = dt_recnext(t, -1)) rows++;
+  EXPECT_EQ(rows, 501);
+  EXPECT_EQ(dt_check(&why, t), 0) << why;
+  dt_closetask(t);
+}
+
+TEST(DtOpen, EngineSettingsPlaceTheFiles) {
+  rectest::TempDir db, files, taf;
+  setenv("DBFPATH", files.path().c_str(), 1);
+  setenv("DBTAF", taf.path().c_str(), 1);
+  DB_TASK* t;
+  ASSERT_EQ(dt_opentask(&t), 0);
+  unsetenv("DBFPATH");
+  unsetenv("DBTAF");
+  ASSERT_EQ(rectest::open_db(t, db.path()), 0);
+  EXPECT_FALSE(rectest::read_file(files.file("tavrel_db.d00")).empty());
+  EXPECT_FALSE(rectest::read_file(files.file("tavrel_db.k14014")).empty());
+  EXPECT_EQ(rectest::read_file(taf.file("tavrel_db.tjf")).size(), 28u);
+  EXPECT_FALSE(rectest::read_file(taf.file("tavrel_db.tcf")).empty());
+  EXPECT_TRUE(rectest::read_file(db.file("tavrel_db.d00")).empty());
+  dt_closetask(t);
+  // A second process cannot open a database that is open.
+  DB_TASK* a;
+  ASSERT_EQ(dt_opentask(&a), 0);
+  ASSERT_EQ(rectest::open_db(a, db.path()), 0);
+  pid_t pid = fork();
+  if (pid == 0) {
+    DB_TASK* b;
+    dt_opentask(&b);
+    rectest::Capture quiet;
+    _exit(rectest::open_db(b, db.path()) == S_SYSERR ? 0 : 1);
+  }
+  int status = 0;
+  waitpid(pid, &status, 0);
+  EXPECT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 0) << "second open must be refused";
+  dt_closetask(a);
 }
 
 TEST(DtOpen, CacheAllocationFailureIsReported) {

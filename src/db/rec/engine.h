@@ -110,6 +110,7 @@ class Database {
   const CacheStats& stats() const { return cache_->stats(); }
   Journal& journal() { return journal_; }
   uint32_t page_size() const { return ps_; }
+  size_t frames() const { return cache_ ? cache_->frames() : 0; }
 
  private:
   int open_files(bool* fresh);

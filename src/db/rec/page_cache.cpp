@@ -4,6 +4,7 @@
 #include <cstdlib>
 #include <cstring>
 #include <new>
+#include <algorithm>
 
 #include "db/rec/io.h"
 
@@ -13,6 +14,58 @@ size_t g_alloc_cap = 0;
 }
 
 void PageCache::set_alloc_cap(size_t bytes) { g_alloc_cap = bytes; }
+
+void FrameMap::reserve(size_t n) {
+  size_t cap = 16;
+  while (cap < 2 * n) cap <<= 1;
+  if (cap <= keys_.size()) return;
+  std::vector<uint64_t> ok = std::move(keys_);
+  std::vector<int> ov = std::move(vals_);
+  keys_.assign(cap, kEmpty);
+  vals_.assign(cap, -1);
+  mask_ = cap - 1;
+  size_ = 0;
+  for (size_t i = 0; i < ok.size(); i++)
+    if (ok[i] != kEmpty) insert(ok[i], ov[i]);
+}
+
+void FrameMap::insert(uint64_t key, int val) {
+  if (2 * (size_ + 1) > keys_.size()) reserve(size_ + 1);
+  size_t i = hash(key);
+  while (keys_[i] != kEmpty && keys_[i] != key) i = (i + 1) & mask_;
+  if (keys_[i] == kEmpty) size_++;
+  keys_[i] = key;
+  vals_[i] = val;
+}
+
+void FrameMap::erase(uint64_t key) {
+  size_t i = hash(key);
+  while (keys_[i] != key) {
+    if (keys_[i] == kEmpty) return;
+    i = (i + 1) & mask_;
+  }
+  // Backward-shift the following run so that every key stays reachable from its home slot.
+  size_t j = i;
+  while (true) {
+    j = (j + 1) & mask_;
+    if (keys_[j] == kEmpty) break;
+    size_t home = hash(keys_[j]);
+    if (((j - home) & mask_) >= ((j - i) & mask_)) {
+      keys_[i] = keys_[j];
+      vals_[i] = vals_[j];
+      i = j;
+    }
+  }
+  keys_[i] = kEmpty;
+  vals_[i] = -1;
+  size_--;
+}
+
+void FrameMap::clear() {
+  std::fill(keys_.begin(), keys_.end(), kEmpty);
+  std::fill(vals_.begin(), vals_.end(), -1);
+  size_ = 0;
+}
 
 PageRef& PageRef::operator=(PageRef&& o) noexcept {
   if (this != &o) {
@@ -47,7 +100,7 @@ int PageCache::allocate(size_t n) {
   size_t base = frames_.size();
   frames_.resize(base + n);
   for (size_t i = 0; i < n; i++) frames_[base + i].data = block + i * ps_;
-  map_.reserve(frames_.size() * 2);
+  map_.reserve(frames_.size());
   return 0;
 }
 
@@ -186,13 +239,13 @@ int PageCache::victim(int* out) {
 
 int PageCache::get(int file, uint32_t page, PageRef* out) {
   uint64_t key = mk(file, page);
-  auto it = map_.find(key);
-  if (it != map_.end()) {
-    Frame& fr = frames_[it->second];
+  int hit = map_.find(key);
+  if (hit >= 0) {
+    Frame& fr = frames_[hit];
     fr.pins++;
     fr.ref = true;
     stats_.hits++;
-    *out = PageRef(this, it->second, fr.data);
+    *out = PageRef(this, hit, fr.data);
     return 0;
   }
   stats_.misses++;
@@ -216,7 +269,7 @@ int PageCache::get(int file, uint32_t page, PageRef* out) {
   fr.key = key;
   fr.pins = 1;
   fr.ref = true;
-  map_[key] = f;
+  map_.insert(key, f);
   *out = PageRef(this, f, fr.data);
   return 0;
 }
@@ -290,11 +343,11 @@ int PageCache::tx_commit(bool sync_files_now, bool* applying) {
     // Pages that were spilled and are not dirty in the cache now: copy their image to the file.
     std::vector<uint8_t> tmp(ps_);
     for (auto& [key, at] : spill_) {
-      auto it = map_.find(key);
+      int hit = map_.find(key);
       const uint8_t* img = nullptr;
-      if (it != map_.end()) {
-        if (frames_[it->second].dirty) continue;
-        img = frames_[it->second].data;
+      if (hit >= 0) {
+        if (frames_[hit].dirty) continue;
+        img = frames_[hit].data;
       } else {
         st = journal_->read(at, tmp.data(), ps_);
         if (st != 0) return st;

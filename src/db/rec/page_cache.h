@@ -41,6 +41,30 @@ struct CacheFile {
 
 class PageCache;
 
+// Open-addressing map (file, page) key -> frame index, linear probing with backward-shift deletion.
+// Sized to stay at most half full.
+class FrameMap {
+ public:
+  static constexpr uint64_t kEmpty = ~0ull;
+  void reserve(size_t n);
+  int find(uint64_t key) const {
+    for (size_t i = hash(key);; i = (i + 1) & mask_) {
+      if (keys_[i] == key) return vals_[i];
+      if (keys_[i] == kEmpty) return -1;
+    }
+  }
+  void insert(uint64_t key, int val);
+  void erase(uint64_t key);
+  void clear();
+  size_t size() const { return size_; }
+
+ private:
+  size_t hash(uint64_t k) const { return (size_t)((k * 0x9e3779b97f4a7c15ull) >> 32) & mask_; }
+  std::vector<uint64_t> keys_{std::vector<uint64_t>(16, kEmpty)};
+  std::vector<int> vals_{std::vector<int>(16, -1)};
+  size_t mask_ = 15, size_ = 0;
+};
+
 // A pinned page. Movable, not copyable.
 class PageRef {
  public:
@@ -132,7 +156,7 @@ class PageCache {
   std::vector<Frame> frames_;
   std::vector<uint8_t*> blocks_;  // allocations backing frames
   std::vector<uint8_t*> spare_befores_;
-  std::unordered_map<uint64_t, int> map_;
+  FrameMap map_;
   std::unordered_map<uint64_t, uint64_t> spill_;  // page key -> offset of its image in the journal
   std::vector<int> dirty_list_;
   std::vector<CacheFile>* files_ = nullptr;
