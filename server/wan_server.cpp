@@ -158,7 +158,8 @@ int WanServer::start() {
   http_->set_read_timeout(60, 0);
   http_->set_write_timeout(600, 0);  // updates are consumed slowly
   http_->set_keep_alive_max_count(100000);
-  http_->set_keep_alive_timeout(60);
+  // Idle persistent connections close after 5 s; stop() waits for them, so this bounds shutdown too.
+  http_->set_keep_alive_timeout(5);
   http_->set_tcp_nodelay(true);
   install_routes();
   port_ = cfg_.port == 0 ? http_->bind_to_any_port(cfg_.host) : (http_->bind_to_port(cfg_.host, cfg_.port) ? cfg_.port : -1);
@@ -167,7 +168,11 @@ int WanServer::start() {
     return -1;
   }
   thread_ = std::thread([this] { http_->listen_after_bind(); });
-  while (!http_->is_running()) std::this_thread::sleep_for(std::chrono::milliseconds(1));
+  for (int i = 0; i < 10000 && !http_->is_running(); ++i) std::this_thread::sleep_for(std::chrono::milliseconds(1));
+  if (!http_->is_running()) {
+    stop();
+    port_ = -1;
+  }
   return port_;
 }
 
