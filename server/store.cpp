@@ -461,7 +461,8 @@ void Repo::copy_entries(int64_t from, int64_t to) {
 
 std::vector<std::pair<int64_t, std::string>> Repo::parents_of_element(int64_t elem) {
   std::vector<std::pair<int64_t, std::string>> out;
-  auto s = db_.stmt("SELECT dirver, name FROM dir_entry WHERE elem=?");
+  // Newest directory versions first: the one a view selects is usually among them.
+  auto s = db_.stmt("SELECT dirver, name FROM dir_entry WHERE elem=? ORDER BY dirver DESC");
   s.bind(1, elem);
   while (s.step()) out.emplace_back(s.i64(0), s.text(1));
   return out;

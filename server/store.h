@@ -171,7 +171,8 @@ class Repo {
   void add_entry(int64_t dirver, const Entry& e);
   bool remove_entry(int64_t dirver, const std::string& name);
   void copy_entries(int64_t from, int64_t to);
-  // Directory versions (ordinary or checkout) that name `elem`, and those that name link `link`.
+  // Directory versions (ordinary or checkout) that name `elem` (newest first), and those that name
+  // link `link`.
   std::vector<std::pair<int64_t, std::string>> parents_of_element(int64_t elem);
   std::vector<std::pair<int64_t, std::string>> parents_of_link(int64_t link);
 

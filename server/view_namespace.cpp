@@ -120,6 +120,14 @@ Node ViewNamespace::resolve(const std::string& path) {
 }
 
 std::optional<std::string> ViewNamespace::path_of_elem(const Silo& silo, int64_t elem, int depth) {
+  auto it = elem_paths_.find(elem);
+  if (it != elem_paths_.end()) return it->second;
+  auto p = path_of_elem_uncached(silo, elem, depth);
+  if (depth <= kMaxDepth) elem_paths_[elem] = p;
+  return p;
+}
+
+std::optional<std::string> ViewNamespace::path_of_elem_uncached(const Silo& silo, int64_t elem, int depth) {
   if (elem == silo.root_elem) return silo.tag;
   if (depth > kMaxDepth) return std::nullopt;
   for (const auto& [dirver, name] : repo_.parents_of_element(elem)) {

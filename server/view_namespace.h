@@ -9,6 +9,7 @@
 #pragma once
 
 #include <optional>
+#include <unordered_map>
 #include <string>
 #include <vector>
 
@@ -80,11 +81,14 @@ class ViewNamespace {
 
  private:
   std::optional<std::string> path_of_elem(const Silo& silo, int64_t elem, int depth);
+  std::optional<std::string> path_of_elem_uncached(const Silo& silo, int64_t elem, int depth);
 
   Repo& repo_;
   ViewRow view_;
   std::vector<ElementRule> rules_;
   std::vector<std::string> load_paths_;
+  // Paths of elements found during this value's life (the store does not change under it).
+  std::unordered_map<int64_t, std::optional<std::string>> elem_paths_;
 };
 
 }  // namespace tavrel_server
