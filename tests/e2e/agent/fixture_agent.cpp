@@ -1,6 +1,7 @@
 // A tavrel_agent whose operations are small test operations instead of the view's, so that the
 // process spine (start, transport, pool, shutdown) can be driven end to end:
-//   <StartView|MkView [status="N"]/>  installs the view (writes .tavrel when missing); status N fails it
+//   <StartView|MkView [status="N"]/>  installs the view (writes .tavrel when missing, takes the .pid lock,
+//                                     keeps the request in .first-request); status N fails it
 //   <Sleep tx-id=".." ms="N"/>        sleeps N ms; the reply carries the most Sleeps seen running at once
 //   <Echo tx-id=".." [pad=".."]/>     answers at once with the size of the request it got
 //   anything else, or no root         XMLError 20020
@@ -14,6 +15,7 @@
 #include <thread>
 
 #include "base/fileutl.h"
+#include "base/server.h"
 #include "core/tavrel_agent_main.h"
 #include "core/tavrel_status.h"
 #include "core/tavrel_view.h"
@@ -55,6 +57,13 @@ class FixtureOp : public Tavrel_AbstractOp {
                              "cltxt-cache-dir=\ncache-size=4194304\n",
                              0600);
       }
+      // Like a real view: the lock tells clients who runs it.
+      pid_t owner = 0;
+      if (server_lock_set(m_view_location + "/.pid", &owner) == -2) {
+        m_status = TAVREL_ST_VIEW_LOCKED;
+        return;
+      }
+      fileutl_write_atomic(m_view_location + "/.first-request", m_req, 0600);
       Tavrel_View_Handler::set_view(new Tavrel_View(m_view_location));
     } else if (m_request_name == "Sleep") {
       // A marker tells a test that this request is running now.

@@ -1,0 +1,275 @@
+// The subcommands of `tavrel`.
+#include <fcntl.h>
+#include <signal.h>
+#include <sys/stat.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <chrono>
+#include <functional>
+#include <cstdio>
+#include <fstream>
+#include <iostream>
+#include <sstream>
+#include <thread>
+
+#include "apps/tavrel/cli.h"
+#include "base/fileutl.h"
+#include "base/server.h"
+#include "base/tbs.h"
+#include "client/agent_process.h"
+#include "client/connection.h"
+
+namespace tavrel::cli {
+
+namespace {
+
+const char* const kServerUsage =
+    "  --server-url URL            the WAN server\n"
+    "  --user NAME, --domain D     credentials; the password comes from --password-file F,\n"
+    "  --password-file F           --password-fd N, TAVREL_PASSWORD or a prompt\n"
+    "  --password-fd N\n"
+    "  --proxy-host H --proxy-port P --proxy-user U --proxy-password-file F\n"
+    "  --primary-group G --groups G1,G2\n";
+
+const std::vector<std::string> kServerValues = {"--server-url", "--user", "--domain", "--password-file", "--password-fd",
+                                                "--proxy-host", "--proxy-port", "--proxy-user",
+                                                "--proxy-password-file", "--primary-group", "--groups"};
+
+std::vector<std::string> with_server(std::vector<std::string> v) {
+  v.insert(v.end(), kServerValues.begin(), kServerValues.end());
+  return v;
+}
+
+bool wait_until(int timeout_ms, const std::function<bool()>& pred) {
+  auto deadline = std::chrono::steady_clock::now() + std::chrono::milliseconds(timeout_ms);
+  while (!pred()) {
+    if (std::chrono::steady_clock::now() >= deadline) return false;
+    std::this_thread::sleep_for(std::chrono::milliseconds(20));
+  }
+  return true;
+}
+
+std::string listener(const Options& o) { return o.storage + "/.ipc/rlistener"; }
+pid_t view_pid(const Options& o) { return server_lock_holder(o.storage + "/.pid"); }
+
+// Value of a key of the view's metadata file, or empty.
+std::string metadata(const Options& o, const std::string& key) {
+  std::string text;
+  if (fileutl_read_file(o.storage + "/.tavrel", &text, 1 << 20) != 0) return "";
+  std::istringstream in(text);
+  std::string line;
+  while (std::getline(in, line)) {
+    size_t eq = line.find('=');
+    if (eq != std::string::npos && line.substr(0, eq) == key) return line.substr(eq + 1);
+  }
+  return "";
+}
+
+std::vector<std::string> trace_args(const Options& o) {
+  if (o.trace.empty()) return {};
+  size_t colon = o.trace.find(':');
+  std::string level = o.trace.substr(0, colon);
+  std::string subs = colon == std::string::npos ? "TAVREL:TAVREL_DB:TAVREL_KFSM:RCLIENT" : o.trace.substr(colon + 1);
+  return {"-trace_level", level, "-trace_subsystem", subs};
+}
+
+// Starts the agent with a first request and reports as the start flow says.
+int start_with(Options& opts, const client::XmlNode& request) {
+  client::AgentStart how;
+  how.program = opts.agent;
+  how.storage = opts.storage;
+  how.extra_args = trace_args(opts);
+  how.first_request = request.to_document();
+  how.timeout_ms = 120000;
+  // The agent's standard error goes to --agent-log, or nowhere.
+  int saved = dup(2);
+  int errfd = open(opts.agent_log.empty() ? "/dev/null" : opts.agent_log.c_str(), O_WRONLY | O_CREAT | O_APPEND | O_CLOEXEC, 0600);
+  if (errfd >= 0) dup2(errfd, 2);
+  client::AgentStarted s = client::start_agent(how);
+  if (saved >= 0) {
+    dup2(saved, 2);
+    close(saved);
+  }
+  if (errfd >= 0) close(errfd);
+  if (s.error) {
+    int st = 0;
+    std::string code;
+    if (s.watchdog_pid > 0 && client::wait_for_exit(s.watchdog_pid, 5000, &st) && WIFEXITED(st))
+      code = " (agent exit code " + std::to_string(WEXITSTATUS(st)) + ")";
+    return fail(kStartFailed, "the agent did not answer: " + s.message + code);
+  }
+  client::Response reply;
+  std::string err;
+  if (!client::Response::parse(s.response, &reply, &err)) return fail(kProtocol, err);
+  if (reply.status != 0) {
+    int st = 0;
+    print_reply(opts, reply, s.response);
+    if (client::wait_for_exit(s.watchdog_pid, 10000, &st) && WIFEXITED(st))
+      fprintf(stderr, "tavrel: the agent ended with exit code %d\n", WEXITSTATUS(st));
+    return kStatus;
+  }
+  if (!wait_until(opts.timeout_s * 1000, [&] { return fileutl_exists(listener(opts)); }))
+    return fail(kNoAgent, "the view answered but never began to listen for clients");
+  return print_reply(opts, reply, s.response);
+}
+
+int cmd_mkview(Options& opts) {
+  if (fileutl_exists(opts.storage)) return fail(kStatus, "the view storage " + opts.storage + " exists already");
+  if (!opts.has("--tag")) return fail(kUsage, "mkview needs --tag TAG");
+  client::XmlNode req = request_root(opts, "MkView");
+  std::string uuid = opts.get("--uuid", tbs_uuid_to_str(tbs_uuid_create()));
+  req.child(client::XmlNode("view-uuid", uuid));
+  req.child(client::XmlNode("view-type", opts.get("--type", "")));
+  req.child(client::XmlNode("cltxt-cache-dir", fileutl_abspn(opts.get("--cache-dir", opts.storage + "/cache"))));
+  req.child(client::XmlNode("server-tag", opts.get("--tag")));
+  req.child(client::XmlNode("text-mode", opts.get("--text-mode", "unix")));
+  req.child(client::XmlNode("preserve-silo-modified-time", opts.has("--preserve-times") ? "true" : "false"));
+  client::XmlNode server;
+  std::string err;
+  if (!server_block(opts, true, &server, &err)) return fail(kUsage, err);
+  req.child(server);
+  return start_with(opts, req);
+}
+
+int cmd_startview(Options& opts) {
+  if (!fileutl_exists(opts.storage)) return fail(kNoAgent, "no view storage at " + opts.storage);
+  pid_t pid = view_pid(opts);
+  if (pid > 0) {
+    if (!opts.quiet) printf("the view is already running (pid %d)\n", static_cast<int>(pid));
+    return kOk;
+  }
+  Options o = opts;
+  if (!o.has("--server-url")) {
+    // The view keeps the URL with "tavrel" appended; give the server the user's form back.
+    std::string url = metadata(o, "server-url");
+    if (url.size() >= 6 && url.compare(url.size() - 6, 6, "tavrel") == 0) url.erase(url.size() - 6);
+    if (!url.empty()) o.values["--server-url"].push_back(url);
+  }
+  client::XmlNode req = request_root(o, "StartView");
+  client::XmlNode server;
+  std::string err;
+  if (!server_block(o, true, &server, &err)) return fail(kUsage, err);
+  req.child(server);
+  return start_with(o, req);
+}
+
+int cmd_endview(Options& opts) {
+  pid_t pid = view_pid(opts);
+  if (pid <= 0) return fail(kNoAgent, "the view is not running");
+  if (opts.has("--request")) {
+    int rc = call_and_print(opts, request_root(opts, "EndView"));
+    if (rc != kOk && rc != kEnded) return rc;
+  } else {
+    // The forced end: the agent ends its work on a signal as it does on EndView.
+    if (kill(pid, opts.has("--kill") ? SIGKILL : SIGTERM) != 0) return fail(kNoAgent, "cannot signal the agent");
+  }
+  int limit = opts.timeout_s * 1000;
+  if (!wait_until(limit, [&] { return view_pid(opts) <= 0 && !fileutl_exists(listener(opts)); }))
+    return fail(kTimeout, "the view did not end within " + std::to_string(opts.timeout_s) + " s");
+  if (!opts.quiet && opts.output == Output::kHuman) printf("view ended\n");
+  return kOk;
+}
+
+int cmd_status(Options& opts) {
+  if (!fileutl_exists(opts.storage)) return fail(kNoAgent, "no view storage at " + opts.storage);
+  pid_t pid = view_pid(opts);
+  std::string tag = metadata(opts, "server-tag");
+  if (opts.output == Output::kJson) {
+    printf("{\"storage\":\"%s\",\"view_tag\":\"%s\",\"running\":%s,\"pid\":%d}\n", opts.storage.c_str(), tag.c_str(),
+           pid > 0 ? "true" : "false", pid > 0 ? static_cast<int>(pid) : 0);
+  } else {
+    printf("storage: %s\nview-tag: %s\nrunning: %s\n", opts.storage.c_str(), tag.c_str(), pid > 0 ? "true" : "false");
+    if (pid > 0) printf("pid: %d\n", static_cast<int>(pid));
+  }
+  return pid > 0 ? kOk : kNoAgent;
+}
+
+int cmd_connect(Options& opts) {
+  client::XmlNode req = request_root(opts, "Connect");
+  client::XmlNode server;
+  std::string err;
+  if (!server_block(opts, true, &server, &err)) return fail(kUsage, err);
+  req.child(server);
+  return call_and_print(opts, req);
+}
+
+int cmd_disconnect(Options& opts) { return call_and_print(opts, request_root(opts, "Disconnect")); }
+
+int cmd_getcs(Options& opts) {
+  client::XmlNode req = request_root(opts, "GetConfigSpec");
+  if (opts.has("--refresh")) req.attr("refresh", "true");
+  client::Response reply;
+  std::string raw;
+  int rc = call(opts, req.to_document(), &reply, &raw);
+  if (rc != kOk) return rc;
+  std::string part = opts.get("--part");
+  if (reply.status == 0 && !part.empty() && opts.output == Output::kHuman) {
+    const char* tag = part == "elem" ? "element-rules" : part == "tkm" ? "tkm-element-rules" : part == "load" ? "load-rules" : nullptr;
+    if (!tag) return fail(kUsage, "--part takes elem, tkm or load");
+    const client::XmlNode* n = reply.root.find(tag);
+    if (n) fputs(n->text.c_str(), stdout);
+    return kOk;
+  }
+  return print_reply(opts, reply, raw);
+}
+
+int cmd_raw(Options& opts) {
+  std::string source = opts.positional.empty() ? "-" : opts.positional[0];
+  std::string doc;
+  if (source == "-") {
+    std::stringstream ss;
+    ss << std::cin.rdbuf();
+    doc = ss.str();
+  } else if (fileutl_read_file(source, &doc, 64u << 20) != 0) {
+    return fail(kUsage, "cannot read " + source);
+  }
+  while (!doc.empty() && (doc.back() == '\n' || doc.back() == '\r')) doc.pop_back();
+  if (opts.has("--add-txid")) {
+    size_t start = doc.find('<', doc.find("?>") == std::string::npos ? 0 : doc.find("?>") + 2);
+    size_t end = start == std::string::npos ? start : doc.find_first_of(" />", start + 1);
+    if (end == std::string::npos) return fail(kUsage, "no root element to add a tx-id to");
+    doc.insert(end, " tx-id=\"" + next_txid(opts) + "\"");
+  }
+  client::Response reply;
+  std::string raw;
+  int rc = call(opts, doc, &reply, &raw);
+  if (rc != kOk) return rc;
+  return print_reply(opts, reply, raw);
+}
+
+}  // namespace
+
+const std::vector<Command>& commands() {
+  static const std::vector<Command> table = {
+      {"mkview", "make a new view storage and start its agent",
+       "  --tag TAG                   the view's tag (required)\n"
+       "  --uuid UUID                 the view's identity (default: a new one)\n"
+       "  --type TYPE                 view type (\"tkm\" for a task-stream view)\n"
+       "  --text-mode MODE            text mode (default unix)\n"
+       "  --cache-dir DIR             cleartext cache (default <storage>/cache)\n"
+       "  --preserve-times            keep the repository's modification times\n"
+       "  --offline                   do not contact the server\n",
+       with_server({"--tag", "--uuid", "--type", "--text-mode", "--cache-dir"}), {"--preserve-times", "--offline"},
+       cmd_mkview},
+      {"startview", "start the agent of an existing view", "  --offline                   start without contacting the server\n",
+       with_server({}), {"--offline"}, cmd_startview},
+      {"endview", "end a running view",
+       "  --request                   ask the agent with an EndView request\n"
+       "  --signal                    end it with SIGTERM (the default)\n"
+       "  --kill                      SIGKILL, the last resort\n",
+       {}, {"--request", "--signal", "--kill"}, cmd_endview},
+      {"status", "whether the view runs, and its process", "", {}, {}, cmd_status},
+      {"connect", "bring the view online, with new credentials", "", with_server({}), {}, cmd_connect},
+      {"disconnect", "take the view offline", "", {}, {}, cmd_disconnect},
+      {"getcs", "print the view's config spec",
+       "  --refresh                   ask the server again\n"
+       "  --part elem|tkm|load        print one part only\n",
+       {"--part"}, {"--refresh"}, cmd_getcs},
+      {"raw", "send an XML request from FILE or standard input and print the reply",
+       "  --add-txid                  add a tx-id attribute to the root\n", {}, {"--add-txid"}, cmd_raw},
+  };
+  return table;
+}
+
+}  // namespace tavrel::cli

@@ -1,0 +1,148 @@
+// The `tavrel` program against a running agent (the test build of the agent, whose operations are
+// small test operations): usage, exit codes, output forms, secrets, start and end of a view.
+#include <sys/stat.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <cstdio>
+#include <cstdlib>
+#include <fstream>
+#include <sstream>
+
+#include <gtest/gtest.h>
+
+#include "base/fileutl.h"
+
+namespace {
+
+std::string bin(const char* name) {
+  const char* dir = getenv("TAVREL_BIN_DIR");
+  return std::string(dir ? dir : ".") + "/" + name;
+}
+
+struct CliRun {
+  int code;
+  std::string out;
+  std::string err;
+};
+
+class Cli : public ::testing::Test {
+ protected:
+  void SetUp() override {
+    char tmpl[] = "/tmp/tavrel-cli-XXXXXX";
+    dir = mkdtemp(tmpl);
+    storage = dir + "/view";
+    home = dir + "/home";
+    fileutl_mkpath(home, 0700);
+  }
+  void TearDown() override {
+    run({"endview", "--kill"});
+    std::string cmd = "rm -rf '" + dir + "'";
+    if (system(cmd.c_str()) != 0) ADD_FAILURE();
+  }
+  // Runs tavrel with the fixture agent; `env` is prepended to the command line.
+  CliRun run(const std::vector<std::string>& args, const std::string& env = "", const std::string& input = "") {
+    std::string cmd = "cd '" + dir + "' && " + env + " HOME='" + home + "' TAVREL_AGENT='" + bin("tavrel_agent_fixture") +
+                      "' '" + bin("tavrel") + "' -s '" + storage + "'";
+    for (auto& a : args) cmd += " '" + a + "'";
+    std::string out_path = dir + "/out", err_path = dir + "/err", in_path = dir + "/in";
+    std::ofstream(in_path) << input;
+    cmd += " <'" + in_path + "' >'" + out_path + "' 2>'" + err_path + "'";
+    int st = system(cmd.c_str());
+    CliRun r;
+    r.code = WIFEXITED(st) ? WEXITSTATUS(st) : -1;
+    fileutl_read_file(out_path, &r.out, 1 << 20);
+    fileutl_read_file(err_path, &r.err, 1 << 20);
+    return r;
+  }
+  std::string dir, storage, home;
+};
+
+TEST_F(Cli, UsageAndHelp) {
+  CliRun r = run({"--help"});
+  EXPECT_EQ(r.code, 0);
+  for (const char* c : {"mkview", "startview", "endview", "status", "connect", "disconnect", "getcs", "raw"}) {
+    EXPECT_NE(r.out.find(c), std::string::npos) << c;
+    CliRun h = run({c, "--help"});
+    EXPECT_EQ(h.code, 0) << c;
+    EXPECT_NE(h.out.find(std::string("tavrel [global options] ") + c), std::string::npos) << h.out;
+  }
+  struct {
+    std::vector<std::string> args;
+    const char* says;
+  } bad[] = {
+      {{}, "usage: tavrel"},
+      {{"frobnicate"}, "unknown command 'frobnicate'"},
+      {{"startview", "--password", "pw"}, "passwords never go on the command line"},
+      {{"raw", "--bogus"}, "unknown option '--bogus' for raw"},
+      {{"--timeout", "0", "status"}, "--timeout takes seconds"},
+      {{"mkview"}, "mkview needs --tag"},
+  };
+  for (auto& b : bad) {
+    CliRun u = run(b.args);
+    EXPECT_EQ(u.code, 2) << testing::PrintToString(b.args);
+    EXPECT_NE(u.err.find(b.says), std::string::npos) << u.err;
+    EXPECT_EQ(std::count(u.err.begin(), u.err.end(), '\n') >= 1, true);
+  }
+}
+
+TEST_F(Cli, ViewLifeAndRequests) {
+  CliRun r = run({"status"});
+  EXPECT_EQ(r.code, 3);  // no storage: no agent
+  ASSERT_EQ(mkdir(storage.c_str(), 0700), 0);
+  r = run({"status"});
+  EXPECT_EQ(r.code, 3);
+  EXPECT_NE(r.out.find("running: false"), std::string::npos);
+
+  std::ofstream(dir + "/pw") << "from-a-file\n";
+  r = run({"startview", "--server-url", "http://127.0.0.1:1/", "--user", "u", "--password-file", dir + "/pw"});
+  ASSERT_EQ(r.code, 0) << r.err;
+  std::string first;
+  ASSERT_EQ(fileutl_read_file(storage + "/.first-request", &first, 1 << 20), 0);
+  EXPECT_NE(first.find("<password>from-a-file</password>"), std::string::npos) << first;
+  EXPECT_NE(first.find("<username>u</username>"), std::string::npos);
+
+  r = run({"status", "--json"});
+  EXPECT_EQ(r.code, 0);
+  EXPECT_NE(r.out.find("\"running\":true"), std::string::npos) << r.out;
+  r = run({"startview"});
+  EXPECT_EQ(r.code, 0);
+  EXPECT_NE(r.out.find("already running"), std::string::npos);
+
+  r = run({"raw", "--add-txid", "--tx-id", "t-9"}, "", "<Echo version=\"1\"/>\n");
+  EXPECT_EQ(r.code, 0) << r.err;
+  EXPECT_EQ(r.out, "size: 31\n");
+  r = run({"--json", "raw", "--add-txid", "--tx-id", "t-9"}, "", "<Echo version=\"1\"/>");
+  EXPECT_EQ(r.code, 0);
+  EXPECT_EQ(r.out, "{\"op\":\"Echo\",\"tx_id\":\"t-9\",\"status\":0,\"status_name\":\"OK\",\"message\":\"\",\"result\":{\"size\":31}}\n");
+  r = run({"--xml", "raw"}, "", "<Nonsense version=\"1\" tx-id=\"z\"/>");
+  EXPECT_EQ(r.code, 1);
+  EXPECT_NE(r.out.find("<XMLError"), std::string::npos);
+  r = run({"raw"}, "", "<Nonsense version=\"1\" tx-id=\"z\"/>");
+  EXPECT_EQ(r.code, 1);
+  EXPECT_NE(r.err.find("tavrel: XMLError failed: UNRECOGNIZED_REQUEST (20020)"), std::string::npos) << r.err;
+
+  r = run({"endview"});
+  EXPECT_EQ(r.code, 0) << r.err;
+  r = run({"status"});
+  EXPECT_EQ(r.code, 3);
+  r = run({"-t", "1", "raw"}, "", "<Echo version=\"1\" tx-id=\"x\"/>");
+  EXPECT_EQ(r.code, 3);  // nobody listens any more
+}
+
+TEST_F(Cli, PasswordFromEnvironmentAndStartFailure) {
+  ASSERT_EQ(mkdir(storage.c_str(), 0700), 0);
+  CliRun r = run({"startview", "--user", "u"}, "TAVREL_PASSWORD=from-env");
+  ASSERT_EQ(r.code, 0) << r.err;
+  std::string first;
+  ASSERT_EQ(fileutl_read_file(storage + "/.first-request", &first, 1 << 20), 0);
+  EXPECT_NE(first.find("<password>from-env</password>"), std::string::npos);
+  EXPECT_EQ(run({"endview"}).code, 0);
+
+  // An agent that cannot be run at all.
+  r = run({"--agent", "/nonexistent/agent", "startview", "--offline"});
+  EXPECT_EQ(r.code, 7);
+  EXPECT_NE(r.err.find("the agent did not answer"), std::string::npos) << r.err;
+}
+
+}  // namespace
