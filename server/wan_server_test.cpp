@@ -304,6 +304,20 @@ TEST_F(ServerTest, MetadataLookupAndListing) {
                                 ArgText().add("ViewUuid", view_).add("PathName", "/proj/docs"));
   EXPECT_EQ(names(by_path), (std::vector<std::string>{"readme.txt", "tool.sh"}));
 
+  // Names come from the directory version given, versions from the current selection: after a new
+  // version of docs, the old version still answers with its own names.
+  ASSERT_EQ(admin("elem.mkfile", ArgText().add("Path", "/proj/docs/new.txt"), std::string("n")).reply.status, 0);
+  ASSERT_EQ(admin("elem.checkin", ArgText().add("Path", "/proj/docs/readme.txt"), std::string("read me 2\n")).reply.status,
+            0);
+  EXPECT_EQ(lookup(view_, docsver, "new.txt").reply.status, TBS_ST_NOT_FOUND);
+  Result old_name = lookup(view_, docsver, "readme.txt");
+  EXPECT_EQ(decode_vstat(old_name.reply.find("Xdr_ObjMetadata")->body).vstat.fstat.size, 10u);  // the new bytes
+  std::string newdocs = oid_of(lookup(view_, rootver, "docs"));
+  EXPECT_NE(newdocs, docsver);
+  EXPECT_EQ(lookup(view_, newdocs, "new.txt").reply.status, 0);
+  EXPECT_EQ(names(gdc(view_, docsver)), (std::vector<std::string>{"readme.txt", "tool.sh"}));
+  EXPECT_EQ(names(gdc(view_, newdocs)), (std::vector<std::string>{"new.txt", "readme.txt", "tool.sh"}));
+
   // Load-rule scopes are reported for objects at or below the rule.
   ASSERT_EQ(set_rules(view_, {"select * latest"}, {"load /proj/docs"}).reply.status, 0);
   Result in_scope = lookup(view_, docsver, "readme.txt");
