@@ -1,6 +1,8 @@
 #include "server/store.h"
 
 #include <openssl/sha.h>
+#include <sys/stat.h>
+#include <unistd.h>
 
 #include <cstring>
 
@@ -659,7 +661,10 @@ std::vector<SessionRow> Repo::sessions() {
 // ---- the store ----
 
 Store::Store(const std::string& path, size_t pool_size) : path_(path), pool_size_(pool_size ? pool_size : 1) {
+  bool existed = ::access(path.c_str(), F_OK) == 0;
   auto db = std::make_unique<SqliteDb>(path, true);
+  // The store holds session tokens: a new store is owner-only (its journal files take the same mode).
+  if (!existed) ::chmod(path.c_str(), 0600);
   db->exec(kSchema);
   auto s = db->stmt("SELECT value FROM meta WHERE key='schema_version'");
   if (!s.step() || s.text(0) != "1") fail(TBS_ST_INTERNAL, "store " + path + " has an unknown schema version");

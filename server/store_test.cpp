@@ -129,6 +129,9 @@ TEST(Store, ReopenKeepsEverything) {
     import_tree(store, "/p", (t.path / "src").string(), {});
     oid = store.read([](Repo& r) { return ViewNamespace(r, default_view()).resolve("/p/d/f").ver.oid; });
   }
+  struct stat st;
+  ASSERT_EQ(::stat(db.c_str(), &st), 0);
+  EXPECT_EQ(st.st_mode & 0777, 0600u);  // sessions live here: owner-only
   Store again(db);
   again.read([&](Repo& r) {
     auto v = r.version_by_oid(oid);
