@@ -437,8 +437,9 @@ std::string run_admin_op(WanServer& srv, const std::string& op, const Args& a, c
     std::string tag = a.text("Tag");
     if (!valid_silo_tag(tag)) fail(TBS_ST_BAD_ARG, "bad SILO tag \"" + tag + "\"");
     std::string storage = a.text_or("Storage", srv.store().path() + "#" + tag);
-    if (storage.empty() || storage.find('=') != std::string::npos || storage.size() > 1000)
-      fail(TBS_ST_BAD_ARG, "bad storage text");
+    if (storage.empty() || storage.find('=') != std::string::npos || storage.size() > 1000 ||
+        !ReplyWriter::valid_item("SiloStorage", storage))
+      fail(TBS_ST_BAD_ARG, "bad storage text (1 to 1000 bytes, no \"=\", CR, LF, NUL or 0xFF)");
     Silo s = srv.store().write(
         [&](Repo& r) { return r.create_silo(tag, a.flag("Public"), a.flag("Project"), storage, now_timeval()); });
     return result({{"SiloReplicaUuid", tbs_uuid_to_str(s.replica)}, {"SiloFamilyUuid", tbs_uuid_to_str(s.family)}});

@@ -60,13 +60,14 @@ std::string get_silo_info(WanServer& srv, const Args& a) {
   if (!silo) fail(TBS_ST_NOT_FOUND, "SILO \"" + tag + "\" not found");
   ReplyWriter w;
   w.begin();
-  w.part(PART_SILO_INFO,
+  bool ok = w.part(PART_SILO_INFO,
          {{ITEM_SILO_FAMILY_UUID, tbs_uuid_to_str(silo->family)},
           {ITEM_SILO_REPLICA_UUID, tbs_uuid_to_str(silo->replica)},
           {ITEM_SILO_STORAGE, silo->storage},
           {ITEM_IS_PUBLIC, silo->is_public ? "1" : "0"},
           {ITEM_IS_PROJECT, silo->is_project ? "1" : "0"}},
          "");
+  if (!ok) fail(TBS_ST_INTERNAL, "SILO " + tag + " has a storage text that cannot be sent");
   w.status(0);
   w.end();
   return w.take();
