@@ -110,7 +110,8 @@ ImportStats import_tree(Store& store, const std::string& tag, const std::string&
   return store.write([&](Repo& repo) {
     ImportStats stats;
     std::string storage = opt.storage.empty() ? store.path() + "#" + tag : opt.storage;
-    std::replace(storage.begin(), storage.end(), '=', '_');  // the agent's mount table splits on "="
+    for (char& ch : storage)  // the agent's mount table splits on "="; the text travels in a header line
+      if (ch == '=' || (unsigned char)ch < 0x20 || (unsigned char)ch == 0xFF) ch = '_';
     if (storage.size() > 1000) storage.resize(1000);
     timeval t{st.st_mtim.tv_sec, st.st_mtim.tv_nsec / 1000};
     stats.silo = repo.create_silo(tag, opt.is_public, opt.is_project, storage, t);
