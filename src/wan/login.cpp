@@ -42,7 +42,7 @@ Login::Login(const std::string& user, const std::string& password, const std::st
                                        proxy_password, proxy_host, proxy_port, keystore, SSL_KEYSTORE_PW);
 }
 
-Login::Login() : RClient_Abstract_Cmd(RPC_ID, false) { RClient_Session::get_session()->clear_login(); }
+Login::Login() : RClient_Abstract_Cmd(RPC_ID, false) {}
 
 int Login::marshal_request(RClient_Request_Args* args) {
   args->add_arg(RClient_Base::MIN_PROTOCOL_VER, tavrel_wan::PROTOCOL_VERSION);

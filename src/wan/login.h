@@ -2,7 +2,7 @@
 // authorisation failure (401/403 reach the caller as 30002, "Authorization failure, check username
 // and password.").
 //
-// Request: the credentials header (the session is not logged in while a Login runs) and the arguments
+// Request: the credentials header (always, and never a cookie) and the arguments
 //   min_clnt_proto_ver=6\nmax_clnt_proto_ver=6\nclienttype=ClientType.UNKNOWN\n
 // Reply: a Status part; the cookies "JSESSIONID" and "Session" come with the reply headers and log the
 // session in.
@@ -34,11 +34,17 @@ class Login : public RClient_Abstract_Cmd {
         const std::string& groups, const std::string& url, const std::string& proxy_user = std::string(),
         const std::string& proxy_password = std::string(), const std::string& proxy_host = std::string(),
         int proxy_port = 0);
-  // Re-login with the session's cached credentials: forgets the cookies first.
+  // Re-login with the session's cached credentials. The session keeps its cookies until the reply
+  // brings new ones, so other threads never find the session without any.
   Login();
 
   int marshal_request(RClient_Request_Args* args) override;
   int unmarshal_response() override { return unmarshal_parts(); }
+
+ protected:
+  bool is_login() const override { return true; }
+
+ public:
 
   // The per-server part of a key store file name, in place: "host(port)" for an https URL ("(443)"
   // without a port; ":" becomes "+", also inside an IPv6 literal), empty text for any other scheme. A

@@ -84,10 +84,10 @@ int RClient_Abstract_Cmd::send() {
   session->print_session();
   if (!url.empty()) {
     trace.writeTrace(TRACE_LEVEL_4, "Creating Get request generator");
-    generator = std::make_unique<RClient_Request_Generator_Get>(url, cb.get(), &response_headers);
+    generator = std::make_unique<RClient_Request_Generator_Get>(url, cb.get(), &response_headers, is_login());
   } else {
     trace.writeTrace(TRACE_LEVEL_4, "Creating Post request generator");
-    generator = std::make_unique<RClient_Request_Generator_Post>(cb.get(), &response_headers);
+    generator = std::make_unique<RClient_Request_Generator_Post>(cb.get(), &response_headers, is_login());
   }
   rc = generator->send_request(rpc_id, args);
   if (rc != 0) {
@@ -115,8 +115,8 @@ int RClient_Abstract_Cmd::run() {
   Tavrel_Trace trace(RCLIENT, kClass, "run");
   wan_status = send();
   if (retry_on_auth && wan_status == RCLIENT_ST_AUTH) {
-    RClient_Session* session = RClient_Session::get_session();
-    if (session->get_jsessionid().empty()) {
+    // Judged by what this request carried, not by the session now: another thread may be renewing it.
+    if (!generator || !generator->carried_session()) {
       trace.writeTrace(TRACE_LEVEL_2, "WAN auth failed, no active session, giving up");
     } else {
       trace.writeTrace(TRACE_LEVEL_2, "WAN auth failed, retrying login, message was [%s]", status.message.c_str());

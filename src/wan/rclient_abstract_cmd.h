@@ -11,9 +11,10 @@
 //
 // run():
 //   1. send(): marshal_request(), then the transfer.
-//   2. When retry_on_auth and the server answered 401/403 while a session existed (a JSESSIONID was
-//      held), the session was lost on the server: a default Login runs with the cached credentials
-//      and, when it succeeds, the request is marshalled and sent once more. There is no third attempt.
+//   2. When retry_on_auth and the server answered 401/403 to a request that carried the cookies of a
+//      session (with a JSESSIONID), the session was lost on the server: a default Login runs with the
+//      cached credentials and, when it succeeds, the request is marshalled and sent once more. There is
+//      no third attempt.
 //   3. When the transfer succeeded, receive(): unmarshal_headers() (cookies) and a last
 //      unmarshal_response() over what is left.
 //   Result and get_wan_status(): 0, or a WAN status (rclient_messages.h). A transfer that the command
@@ -109,6 +110,8 @@ class RClient_Abstract_Cmd {
   int unmarshal_parts();
   // One part other than Status, its headers in doc; 0 to go on. The default skips the part.
   virtual int unmarshal_part(const std::string& content_id);
+  // Whether the command logs in (its request carries the credentials, never a cookie).
+  virtual bool is_login() const { return false; }
   // Whether the transfer has ended (the last unmarshal_response() call is then running).
   virtual bool transfer_executed() const;
 

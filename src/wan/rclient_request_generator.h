@@ -14,6 +14,8 @@
 // The POST generator then adds "Content-Type:multipart/form-data" (libcurl completes it with the
 // boundary of the body).
 //
+// A login request always carries the credentials and never a cookie.
+//
 // The session's URL, key store and login state are copied once, when the generator is made.
 #pragma once
 
@@ -26,7 +28,7 @@
 
 class RClient_Request_Generator {
  public:
-  RClient_Request_Generator(void* cb_data, std::vector<std::string>* response_headers);
+  RClient_Request_Generator(void* cb_data, std::vector<std::string>* response_headers, bool login);
   virtual ~RClient_Request_Generator();
   RClient_Request_Generator(const RClient_Request_Generator&) = delete;
   RClient_Request_Generator& operator=(const RClient_Request_Generator&) = delete;
@@ -37,6 +39,8 @@ class RClient_Request_Generator {
 
   Http_Client_Base* get_http_client() const { return client.get(); }
   const std::string& get_error() const { return error; }
+  // Whether the request went with the cookies of a session (so a refusal means the session was lost).
+  bool carried_session() const { return !login && context.authenticated && !context.jsessionid.empty(); }
 
  protected:
   std::unique_ptr<Http_Client_Base> client;
@@ -45,4 +49,5 @@ class RClient_Request_Generator {
   std::string error;
   RClient_Session* session;
   RClient_Session::Request_Context context;
+  bool login;
 };

@@ -4,8 +4,8 @@
 #include "wan/http_client_get.h"
 
 RClient_Request_Generator_Get::RClient_Request_Generator_Get(const std::string& url, void* cb,
-                                                             std::vector<std::string>* headers)
-    : RClient_Request_Generator(cb, headers) {
+                                                             std::vector<std::string>* headers, bool is_login)
+    : RClient_Request_Generator(cb, headers, is_login) {
   client = std::make_unique<Http_Client_Get>(url, session, context.keystore, context.keystore_password, cb_data,
                                              response_headers);
 }

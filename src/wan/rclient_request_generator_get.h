@@ -8,6 +8,7 @@
 
 class RClient_Request_Generator_Get : public RClient_Request_Generator {
  public:
-  RClient_Request_Generator_Get(const std::string& url, void* cb_data, std::vector<std::string>* response_headers);
+  RClient_Request_Generator_Get(const std::string& url, void* cb_data, std::vector<std::string>* response_headers,
+                                bool login);
   int send_request(const std::string& rpc_name, const std::string& args) override;
 };

@@ -5,8 +5,9 @@
 #include "wan/rclient_base.h"
 #include "wan/rclient_request_args.h"
 
-RClient_Request_Generator_Post::RClient_Request_Generator_Post(void* cb, std::vector<std::string>* headers)
-    : RClient_Request_Generator(cb, headers) {
+RClient_Request_Generator_Post::RClient_Request_Generator_Post(void* cb, std::vector<std::string>* headers,
+                                                               bool is_login)
+    : RClient_Request_Generator(cb, headers, is_login) {
   client = std::make_unique<Http_Client_Post>(context.url, session, context.keystore, context.keystore_password,
                                               cb_data, response_headers);
 }

@@ -21,6 +21,7 @@
 #include "core/tavrel_config.h"
 #include "proto/reply_writer.h"
 #include "proto/wan_names.h"
+#include "wan/rclient_session.h"
 
 namespace wan_test {
 
@@ -157,6 +158,8 @@ Test_Wan_Server::Test_Wan_Server(Options options) : m_tls(options.tls) {
     m_http = std::make_unique<httplib::Server>();
   }
   if (!options.keep_alive) m_http->set_keep_alive_max_count(1);
+  // A worker stays with its connection while the client keeps it open: one per client handle.
+  m_http->new_task_queue = [] { return new httplib::ThreadPool(48); };
   m_http->set_read_timeout(5, 0);
   m_http->set_write_timeout(5, 0);
 
@@ -241,6 +244,9 @@ Test_Wan_Server::Test_Wan_Server(Options options) : m_tls(options.tls) {
 }
 
 Test_Wan_Server::~Test_Wan_Server() {
+  // The client's idle handles keep connections open, and the server would wait for each of them to
+  // time out: close them first.
+  RClient_Session::get_session()->flush_curl_handles();
   {
     std::lock_guard<std::mutex> g(m_stop_mutex);
     m_stopping = true;
