@@ -3,7 +3,7 @@
 namespace tavrel_server {
 
 bool FaultInjector::valid_kind(const std::string& k) {
-  return k == "refuse_login" || k == "delay_before" || k == "delay_inside" || k == "cut_after" ||
+  return k == "refuse_login" || k == "delay_before" || k == "delay_inside" || k == "cut_after" || k == "cut_parts" ||
          k == "http_status" || k == "corrupt_header" || k == "status";
 }
 
@@ -43,6 +43,8 @@ FaultPlan FaultInjector::take(const std::string& rpc) {
       p.delay_inside_ms = it->value;
     } else if (k == "cut_after") {
       p.cut_after = it->value;
+    } else if (k == "cut_parts") {
+      p.cut_parts = it->value;
     } else if (k == "http_status") {
       p.http_status = int(it->value);
     } else if (k == "corrupt_header") {

@@ -5,6 +5,7 @@
 //   delay_before (ms)     wait before handling the request
 //   delay_inside (ms)     send the first half of the reply, wait, send the rest
 //   cut_after (bytes)     send only that many bytes of the body, then close the connection
+//   cut_parts (count)     send only the declaration and that many whole parts, then close the connection
 //   http_status (code)    answer with that HTTP status and a Status-only body
 //   corrupt_header        a header line of the reply loses its CR LF ending (a lone CR instead)
 //   status (code)         answer with only a Status part of that code
@@ -33,13 +34,14 @@ struct FaultPlan {
   int64_t delay_before_ms = 0;
   int64_t delay_inside_ms = 0;
   int64_t cut_after = -1;
+  int64_t cut_parts = -1;
   int http_status = 0;
   bool corrupt_header = false;
   bool status_override = false;
   int32_t status_code = 0;
   bool any() const {
-    return refuse_login || delay_before_ms || delay_inside_ms || cut_after >= 0 || http_status || corrupt_header ||
-           status_override;
+    return refuse_login || delay_before_ms || delay_inside_ms || cut_after >= 0 || cut_parts >= 0 || http_status ||
+           corrupt_header || status_override;
   }
 };
 

@@ -86,6 +86,24 @@ bool equal_secret(const std::string& a, const std::string& b) {
   return a.size() == b.size() && CRYPTO_memcmp(a.data(), b.data(), a.size()) == 0;
 }
 
+// Byte offset in a reply document just after its declaration and `parts` whole parts (the whole
+// document when it has fewer).
+size_t offset_after_parts(const std::string& doc, int64_t parts) {
+  size_t pos = doc.find("\r\n");
+  if (pos == std::string::npos) return doc.size();
+  pos += 2;
+  for (int64_t n = 0; n < parts; ++n) {
+    size_t hdr_end = doc.find("\r\n\r\n", pos);
+    if (hdr_end == std::string::npos) return doc.size();
+    size_t cl = doc.find("Content-Length: ", pos);
+    if (cl == std::string::npos || cl > hdr_end) return doc.size();
+    size_t len = std::strtoull(doc.c_str() + cl + 16, nullptr, 10);
+    pos = hdr_end + 4 + len + 2;
+    if (pos >= doc.size()) return doc.size();
+  }
+  return pos;
+}
+
 // Sends `body` applying the faults of `plan`.
 void send_body(httplib::Response& res, std::string body, const FaultPlan& plan) {
   if (plan.status_override) {
@@ -102,12 +120,13 @@ void send_body(httplib::Response& res, std::string body, const FaultPlan& plan) 
     size_t eol = id == std::string::npos ? std::string::npos : body.find("\r\n", id);
     if (eol != std::string::npos) body[eol + 1] = 'X';  // a CR not followed by LF
   }
-  if (plan.cut_after < 0 && plan.delay_inside_ms == 0) {
+  if (plan.cut_after < 0 && plan.cut_parts < 0 && plan.delay_inside_ms == 0) {
     res.set_content(body, kReplyType);
     return;
   }
   auto shared = std::make_shared<std::string>(std::move(body));
   size_t limit = plan.cut_after >= 0 ? std::min<size_t>(size_t(plan.cut_after), shared->size()) : shared->size();
+  if (plan.cut_parts >= 0) limit = std::min(limit, offset_after_parts(*shared, plan.cut_parts));
   int64_t delay = plan.delay_inside_ms;
   res.set_content_provider(shared->size(), kReplyType,
                            [shared, limit, delay](size_t offset, size_t length, httplib::DataSink& sink) {

@@ -560,6 +560,26 @@ TEST_F(ServerTest, FaultInjectionAndRequestLog) {
   ASSERT_EQ(admin("fault.set", ArgText().add("Kind", "cut_after").add("Value", "100")).reply.status, 0);
   Result cut = root(view_);
   EXPECT_EQ(cut.http, -1);  // the connection closes before Content-Length bytes arrived
+  // Cut after one whole part of a cleartext reply: what arrives is the declaration and the data part.
+  {
+    std::string a = oid_of(lookup(view_, oid_of(root(view_)), "a.c"));
+    std::string path = "/tavrel/cltxt/" + replica() + "/" + a + "/t";
+    Result whole = client().get("/cltxt/" + replica() + "/" + a + "/t");
+    ASSERT_EQ(whole.reply.status, 0);
+    ASSERT_EQ(admin("fault.set", ArgText().add("Kind", "cut_parts").add("Value", "1").add("Match", "cltxt")).reply.status,
+              0);
+    httplib::Client raw("127.0.0.1", port_);
+    std::string got;
+    auto res = raw.Get(path.c_str(), {{"Cookie", "JSESSIONID=" + client().jsession() + ";Session=" + client().session()}},
+                       [&](const char* d, size_t n) {
+                         got.append(d, n);
+                         return true;
+                       });
+    EXPECT_FALSE(res);  // the body ends short of its Content-Length
+    size_t status_part = whole.body.find("--X--------------nXjq59chSaB20\r\nContent-ID: Status");
+    ASSERT_NE(status_part, std::string::npos);
+    EXPECT_EQ(got, whole.body.substr(0, status_part));
+  }
   ASSERT_EQ(admin("fault.set", ArgText().add("Kind", "delay_inside").add("Value", "50")).reply.status, 0);
   EXPECT_EQ(root(view_).reply.status, 0);
   ASSERT_EQ(admin("fault.set", ArgText().add("Kind", "refuse_login")).reply.status, 0);
