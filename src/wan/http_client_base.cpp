@@ -161,7 +161,7 @@ int Http_Client_Base::execute() {
   if (rc != 0) return rc;
 
   m_write_refused = m_stalled = m_header_overflow = false;
-  m_window_started = false;
+  m_samples.clear();
   http_status = 0;
   CURLcode res = curl_easy_perform(curl);
   executed = 1;
@@ -228,23 +228,23 @@ int Http_Client_Base::progress_callback(void* user, curl_off_t, curl_off_t dlnow
   curl_off_t moved = dlnow + ulnow;
   curl_off_t pretransfer = 0;
   curl_easy_getinfo(self->curl, CURLINFO_PRETRANSFER_TIME_T, &pretransfer);
-  bool connected = pretransfer > 0 || moved > 0;
-  if (!connected || !self->m_window_started) {
-    // Still connecting (the connect timeout governs), or the first report after: the window starts now.
-    self->m_window_started = connected;
-    self->m_window_start = now;
-    self->m_window_bytes = moved;
+  auto& samples = self->m_samples;
+  if (pretransfer == 0 && moved == 0) {
+    samples.clear();  // still connecting: the connect timeout governs
     return 0;
   }
-  auto elapsed = std::chrono::duration_cast<std::chrono::milliseconds>(now - self->m_window_start).count();
+  const std::chrono::milliseconds window(l.low_speed_time_ms);
+  // A sample every 1/16 of a window at most, so that few are kept however often libcurl reports.
+  if (samples.empty() || now - samples.back().t >= window / 16) samples.push_back({now, moved});
+  // The newest sample at least a window old is the baseline; older ones are not needed.
+  while (samples.size() >= 2 && samples[1].t <= now - window) samples.pop_front();
+  const Progress_Sample& base = samples.front();
+  auto elapsed = std::chrono::duration_cast<std::chrono::milliseconds>(now - base.t).count();
   if (elapsed < l.low_speed_time_ms) return 0;
-  // Fewer bytes in the window than the limit asks for over its length: stalled.
-  if (static_cast<double>(moved - self->m_window_bytes) * 1000.0 <
+  if (static_cast<double>(moved - base.bytes) * 1000.0 <
       static_cast<double>(l.low_speed_limit) * static_cast<double>(elapsed)) {
     self->m_stalled = true;
     return 1;  // aborts the transfer
   }
-  self->m_window_start = now;
-  self->m_window_bytes = moved;
   return 0;
 }

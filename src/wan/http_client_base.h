@@ -17,9 +17,9 @@
 // lines abort the transfer.
 //
 // Time limits (Curl_Util::Transfer_Limits): the connection phase, TCP and TLS, is bounded by the
-// connect timeout; once connected, a transfer that moves fewer than limit x window bytes in a window
-// of low_speed_time_ms is aborted (stalled() is then true). The window is checked whenever libcurl
-// reports progress, at least once a second.
+// connect timeout; once connected, a transfer that has moved fewer than limit x window bytes over the
+// last low_speed_time_ms is aborted (stalled() is then true). The check runs whenever libcurl reports
+// progress, which is at least once a second while nothing moves.
 //
 // Not thread-safe: an object belongs to one thread; the handle is exclusive while borrowed.
 #pragma once
@@ -28,6 +28,7 @@
 
 #include <chrono>
 #include <cstdint>
+#include <deque>
 #include <string>
 #include <vector>
 
@@ -94,7 +95,9 @@ class Http_Client_Base {
   bool m_write_refused = false;
   bool m_stalled = false;
   bool m_header_overflow = false;
-  bool m_window_started = false;
-  std::chrono::steady_clock::time_point m_window_start;
-  curl_off_t m_window_bytes = 0;  // bytes moved when the window started
+  struct Progress_Sample {
+    std::chrono::steady_clock::time_point t;
+    curl_off_t bytes;  // moved up to t, both ways
+  };
+  std::deque<Progress_Sample> m_samples;  // at most about 17: one per 1/16 window
 };
