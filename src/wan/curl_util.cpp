@@ -75,6 +75,8 @@ CURLcode Curl_Util::init_common_secopt(CURL* curl, bool set_ciphers) {
   if ((rc = curl_easy_setopt(curl, CURLOPT_CAINFO, cacert_path().c_str()))) return rc;
   // Only the configured CA file is trusted, not the library's built-in CA directory.
   if ((rc = curl_easy_setopt(curl, CURLOPT_CAPATH, static_cast<char*>(nullptr)))) return rc;
+  // The CA file is read afresh for each new connection, so a changed key store counts at once.
+  if ((rc = curl_easy_setopt(curl, CURLOPT_CA_CACHE_TIMEOUT, 0L))) return rc;
   if ((rc = curl_easy_setopt(curl, CURLOPT_SSLVERSION, ssl_version_floor()))) return rc;
   if (!sslv3 && set_ciphers) {
     if ((rc = curl_easy_setopt(curl, CURLOPT_SSL_CIPHER_LIST, "DEFAULT:!LOW:!RC4"))) return rc;

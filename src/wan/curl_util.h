@@ -7,7 +7,8 @@
 //     counts, not the value (an empty value also turns the check off);
 //   - trust: only the CA file "cacert.pem" of the host configuration directory (the client's key
 //     store, set later by Http_Client_Base::init, replaces it); the library's built-in CA directory is
-//     switched off, so no other certificate authority is trusted;
+//     switched off, so no other certificate authority is trusted; the file is read for every new
+//     connection (no CA cache), so a changed key store counts at once;
 //   - protocol floor TLS 1.2; ORLEN_ENABLE_SSLV3 relaxes it to the TLS library's own floor (SSL 3 is
 //     never offered otherwise);
 //   - HTTP and HTTPS only.
