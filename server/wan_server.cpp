@@ -141,6 +141,12 @@ void send_body(httplib::Response& res, std::string body, const FaultPlan& plan) 
                            });
 }
 
+// Internal failures (status 1008) also go to standard error: they mean a fault of the server or its
+// store, not of the request.
+void note_internal(const std::string& rpc, const std::string& what) {
+  std::fprintf(stderr, "tavrel_server: internal error in %s: %s\n", rpc.empty() ? "request" : rpc.c_str(), what.c_str());
+}
+
 void send_status(httplib::Response& res, int http, int32_t code, const std::string& msg) {
   res.status = http;
   t_current.status = code;
@@ -333,9 +339,11 @@ void WanServer::install_routes() {
       t_current.status = 0;
     } catch (const ServerError& e) {
       t_current.status = e.code();
+      if (e.code() == TBS_ST_INTERNAL) note_internal(rpc, e.what());
       body = reply_status_only(e.code(), e.what());
     } catch (const std::exception& e) {
       t_current.status = TBS_ST_INTERNAL;
+      note_internal(rpc, e.what());
       body = reply_status_only(TBS_ST_INTERNAL, std::string("internal error: ") + e.what());
     }
     if (plan.status_override) t_current.status = plan.status_code;
@@ -406,6 +414,7 @@ void WanServer::install_routes() {
     } catch (const std::exception& e) {
       f.code = TBS_ST_INTERNAL;
       f.msg = e.what();
+      note_internal("cltxt", f.msg);
     }
     if (f.code != 0) {
       t_current.status = f.code;
@@ -494,9 +503,11 @@ void WanServer::install_routes() {
         t_current.status = 0;
       } catch (const ServerError& e) {
         t_current.status = e.code();
+        if (e.code() == TBS_ST_INTERNAL) note_internal(t_current.rpc, e.what());
         body = reply_status_only(e.code(), e.what());
       } catch (const std::exception& e) {
         t_current.status = TBS_ST_INTERNAL;
+        note_internal(t_current.rpc, e.what());
         body = reply_status_only(TBS_ST_INTERNAL, std::string("internal error: ") + e.what());
       }
       res.set_content(body, kReplyType);
@@ -505,7 +516,15 @@ void WanServer::install_routes() {
   http_->Post(base + PATH_ADMIN, admin_handler(true));
   http_->Post(base + PATH_CLIENT, admin_handler(false));
 
-  http_->set_exception_handler([](const httplib::Request&, httplib::Response& res, std::exception_ptr) {
+  http_->set_exception_handler([](const httplib::Request& req, httplib::Response& res, std::exception_ptr ep) {
+    std::string what = "unknown exception";
+    try {
+      if (ep) std::rethrow_exception(ep);
+    } catch (const std::exception& e) {
+      what = e.what();
+    } catch (...) {
+    }
+    note_internal(req.path, what);
     send_status(res, 500, TBS_ST_INTERNAL, "internal error");
   });
 }
