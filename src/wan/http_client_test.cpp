@@ -141,10 +141,10 @@ TEST_F(HttpTest, LowSpeedLimitJudgesTheRate) {
         return true;
       }
       std::this_thread::sleep_for(std::chrono::milliseconds(30));
-      return sink.write(doc->data() + offset, std::min<size_t>(6, doc->size() - offset));
+      return sink.write(doc->data() + offset, std::min<size_t>(8, doc->size() - offset));
     });
   });
-  ASSERT_GT(doc->size(), 200u);  // over a second of trickle: several windows
+  ASSERT_GT(doc->size(), 180u);  // over 0.6 s of trickle: two windows and more
   ASSERT_EQ(login(server.base_url(), "u", "p"), 0);
 
   TempHome::set_config("tavrelWanLowSpeedTimeMs=300\ntavrelWanLowSpeedLimit=1\n");

@@ -7,7 +7,6 @@
 
 #include <atomic>
 #include <fstream>
-#include <regex>
 #include <sstream>
 #include <thread>
 
@@ -33,10 +32,11 @@ std::string header_block_of(const std::string& request) { return request.substr(
 
 // The boundary libcurl chose, from "Content-Type: multipart/form-data; boundary=...".
 std::string form_boundary(const std::string& request) {
-  std::smatch m;
   std::string head = header_block_of(request);
-  if (!std::regex_search(head, m, std::regex("boundary=([^\r]+)\r\n"))) return "";
-  return m[1];
+  size_t at = head.find("boundary=");
+  if (at == std::string::npos) return "";
+  at += 9;
+  return head.substr(at, head.find("\r\n", at) - at);
 }
 
 std::string form_body(const std::string& b, const std::string& rpc, const std::string& args) {

@@ -16,7 +16,6 @@
 #include <cstdlib>
 #include <filesystem>
 #include <fstream>
-#include <regex>
 
 #include "core/tavrel_config.h"
 #include "proto/reply_writer.h"
@@ -157,7 +156,8 @@ Test_Wan_Server::Test_Wan_Server(Options options) : m_tls(options.tls) {
   } else {
     m_http = std::make_unique<httplib::Server>();
   }
-  if (!options.keep_alive) m_http->set_keep_alive_max_count(1);
+  m_http->set_keep_alive_max_count(options.keep_alive ? 100000 : 1);
+  m_http->set_tcp_nodelay(true);
   // A worker stays with its connection while the client keeps it open: one per client handle.
   m_http->new_task_queue = [] { return new httplib::ThreadPool(48); };
   m_http->set_read_timeout(5, 0);
@@ -230,7 +230,7 @@ Test_Wan_Server::Test_Wan_Server(Options options) : m_tls(options.tls) {
     {
       std::lock_guard<std::mutex> g(m_mutex);
       for (const auto& [pattern, handler] : m_handlers)
-        if (pattern.rfind("GET ", 0) == 0 && std::regex_match(req.path, std::regex(pattern.substr(4)))) h = handler;
+        if (pattern.rfind("GET ", 0) == 0 && req.path.rfind(pattern.substr(4), 0) == 0) h = handler;
     }
     if (h)
       h(r, res);
@@ -271,9 +271,9 @@ void Test_Wan_Server::on_rpc(const std::string& rpc, Rpc_Handler h) {
   m_handlers[rpc] = std::move(h);
 }
 
-void Test_Wan_Server::on_get(const std::string& path_regex, Rpc_Handler h) {
+void Test_Wan_Server::on_get(const std::string& path_prefix, Rpc_Handler h) {
   std::lock_guard<std::mutex> g(m_mutex);
-  m_handlers["GET " + path_regex] = std::move(h);
+  m_handlers["GET " + path_prefix] = std::move(h);
 }
 
 void Test_Wan_Server::expire_sessions() {

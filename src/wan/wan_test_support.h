@@ -79,7 +79,8 @@ class Test_Wan_Server {
   std::string base_url() const;
   void add_user(const std::string& user, const std::string& password) { m_users[user] = password; }
   void on_rpc(const std::string& rpc, Rpc_Handler h);
-  void on_get(const std::string& path_regex, Rpc_Handler h);
+  // GETs of paths that begin with `path_prefix`.
+  void on_get(const std::string& path_prefix, Rpc_Handler h);
   // Drops every session: the next request with old cookies gets 401.
   void expire_sessions();
   int logins() const { return m_logins.load(); }
