@@ -258,38 +258,97 @@ std::string metadata_reply(WanServer& srv, const Args& a, bool lookup) {
   return body;
 }
 
-std::string get_directory_contents(WanServer& srv, const Args& a) {
-  tbs_uuid_s uuid = a.uuid(ARG_VIEW_UUID);
-  auto lock = srv.view_lock(uuid);
-  std::shared_lock<std::shared_mutex> g(*lock);
-  ViewRow view = ensure_view(srv, uuid);
-  std::vector<ServedRow> served;
-  std::string body = srv.store().read([&](Repo& r) {
-    ViewNamespace ns(r, view);
-    Node dir = directory_node(ns, a, ARG_PATH_NAME);
+// A listing produced a batch of entries at a time, under the view's read lock and one read
+// transaction, recording each batch in the served set as it goes.
+class DirectoryStream : public ReplyStream {
+ public:
+  DirectoryStream(WanServer& srv, const Args& a) : srv_(srv) {
+    tbs_uuid_s uuid = a.uuid(ARG_VIEW_UUID);
+    lock_ = srv.view_lock(uuid);
+    guard_ = std::shared_lock<std::shared_mutex>(*lock_);
+    view_ = ensure_view(srv, uuid);
+    lease_ = std::make_unique<Store::Lease>(srv.store().lease());
+    txn_ = std::make_unique<Txn>(lease_->db(), false);
+    repo_ = std::make_unique<Repo>(lease_->db());
+    ns_ = std::make_unique<ViewNamespace>(*repo_, view_);
+    dir_ = directory_node(*ns_, a, ARG_PATH_NAME);  // throws before anything is sent
+    entries_ = repo_->entries(dir_.ver.id);
+  }
+
+  bool next(std::string* out) override {
+    out->clear();
+    if (finished_) return false;
     ReplyWriter w;
-    w.begin();
-    uint32_t off = 2;
-    for (const Entry& e : r.entries(dir.ver.id)) {
-      auto n = ns.entry_node(dir.silo, dir.elem, dir.path, e);
-      if (!n) continue;  // no version selected: invisible
-      tavrel_dirent d = ns.dirent(*n, e.name, off++);
-      std::string rec;
-      if (tavrel_dirent_encode(&d, &rec) != TBS_ST_OK) fail(TBS_ST_INTERNAL, "directory entry does not encode");
-      w.part(PART_DIRECTORY_ENTRY, rec);
-      put_object(w, ns, *n);
-      ServedRow row = ns.served_row(*n);
-      if (!r.served_unchanged(view.id, row)) served.push_back(std::move(row));
+    if (!begun_) {
+      w.begin();
+      begun_ = true;
     }
-    w.status(0);
+    try {
+      std::vector<ServedRow> served;
+      for (size_t n = 0; n < kBatch && pos_ < entries_.size(); ++n, ++pos_) {
+        const Entry& e = entries_[pos_];
+        auto node = ns_->entry_node(dir_.silo, dir_.elem, dir_.path, e);
+        if (!node) continue;  // no version selected: invisible
+        tavrel_dirent d = ns_->dirent(*node, e.name, off_++);
+        std::string rec;
+        if (tavrel_dirent_encode(&d, &rec) != TBS_ST_OK) fail(TBS_ST_INTERNAL, "directory entry does not encode");
+        w.part(PART_DIRECTORY_ENTRY, rec);
+        put_object(w, *ns_, *node);
+        ServedRow row = ns_->served_row(*node);
+        if (!repo_->served_unchanged(view_.id, row)) served.push_back(std::move(row));
+      }
+      record_served(srv_, view_.id, served);
+      if (pos_ >= entries_.size()) finish(w, 0, std::string());
+    } catch (const ServerError& e) {
+      finish(w, e.code(), e.what());
+    } catch (const std::exception& e) {
+      finish(w, TBS_ST_INTERNAL, std::string("internal error: ") + e.what());
+    }
+    *out = w.take();
+    return true;
+  }
+
+  tbs_status_t final_status() const override { return final_status_; }
+
+ private:
+  static constexpr size_t kBatch = 256;
+
+  void finish(ReplyWriter& w, tbs_status_t code, const std::string& msg) {
+    w.status(code, msg);
     w.end();
-    return w.take();
-  });
-  record_served(srv, view.id, served);
-  return body;
+    final_status_ = code;
+    finished_ = true;
+  }
+
+  WanServer& srv_;
+  std::shared_ptr<std::shared_mutex> lock_;
+  std::shared_lock<std::shared_mutex> guard_;
+  ViewRow view_;
+  // Destroyed in reverse order: the namespace, then the transaction, then the connection.
+  std::unique_ptr<Store::Lease> lease_;
+  std::unique_ptr<Txn> txn_;
+  std::unique_ptr<Repo> repo_;
+  std::unique_ptr<ViewNamespace> ns_;
+  Node dir_;
+  std::vector<Entry> entries_;
+  size_t pos_ = 0;
+  uint32_t off_ = 2;
+  bool begun_ = false, finished_ = false;
+  tbs_status_t final_status_ = -1;
+};
+
+std::string get_directory_contents(WanServer& srv, const Args& a) {
+  DirectoryStream s(srv, a);
+  std::string all, piece;
+  while (s.next(&piece)) all += piece;
+  return all;
 }
 
 }  // namespace
+
+std::unique_ptr<ReplyStream> start_directory_contents(WanServer& srv, const Args& args) {
+  return std::make_unique<DirectoryStream>(srv, args);
+}
 
 bool is_agent_rpc(const std::string& rpc) {
   return rpc == RPC_GET_SILO_INFO || rpc == RPC_GET_CONFIG_SPEC || rpc == RPC_SET_CONFIG_SPEC ||

@@ -335,6 +335,21 @@ void WanServer::install_routes() {
     try {
       if (!args_ok) fail(TBS_ST_BAD_ARG, err);
       if (!is_agent_rpc(rpc)) fail(TBS_ST_BAD_ARG, "unknown RPC \"" + rpc + "\"");
+      if (rpc == RPC_GET_DIRECTORY_CONTENTS && !plan.any()) {
+        // Listings stream: the first entries leave before the last are read.
+        std::shared_ptr<ReplyStream> stream = start_directory_contents(*this, Args(std::move(parsed)));
+        t_current.status = 0;
+        res.set_chunked_content_provider(kReplyType, [stream](size_t, httplib::DataSink& sink) {
+          std::string piece;
+          if (!stream->next(&piece)) {
+            t_current.status = stream->final_status();
+            sink.done();
+            return true;
+          }
+          return piece.empty() || sink.write(piece.data(), piece.size());
+        });
+        return;
+      }
       body = run_agent_rpc(*this, rpc, Args(std::move(parsed)));
       t_current.status = 0;
     } catch (const ServerError& e) {
