@@ -1,6 +1,7 @@
 #include "wan/http_client_base.h"
 
 #include <cstring>
+#include <strings.h>
 
 #include "base/fileutl.h"
 #include "core/tavrel_trace.h"

@@ -13,6 +13,7 @@
 
 #include <httplib.h>
 
+#include <cerrno>
 #include <cstdlib>
 #include <filesystem>
 #include <fstream>
