@@ -16,6 +16,7 @@
 #include "ops/tavrel_abstract_op.h"
 #include "ops/tavrel_conn_handler_base.h"
 #include "ops/tavrel_request_handler_base.h"
+#include "wan/rclient_session.h"
 
 Tavrel_View_Handler* Tavrel_View_Handler::g_instance = nullptr;
 Tavrel_View* Tavrel_View_Handler::g_view = nullptr;
@@ -76,7 +77,8 @@ Tavrel_View* Tavrel_View_Handler::get_view() {
 bool Tavrel_View_Handler::has_view() { return g_view != nullptr; }
 
 void Tavrel_View_Handler::clean_up() {
-  // The WAN client's transfer handles and its global state are released here once it exists.
+  // Idle transfer handles of the WAN session, then libcurl's global state.
+  RClient_Session::clean_up();
 }
 
 int Tavrel_View_Handler::prepare_view() {
