@@ -473,7 +473,9 @@ TEST(AgentProcess, TraceSettingsFromFileAndCommandLine) {
               c.want_tavrel_steps)
         << c.conf << " " << testing::PrintToString(c.args);
     EXPECT_EQ(t.find("s3cret-pw"), std::string::npos);  // passwords never reach the trace
-    if (c.want_tavrel_steps) EXPECT_NE(t.find("<password>*****</password>"), std::string::npos);
+    if (c.want_tavrel_steps) {
+      EXPECT_NE(t.find("<password>*****</password>"), std::string::npos);
+    }
   }
 }
 
