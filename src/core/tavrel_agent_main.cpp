@@ -32,6 +32,7 @@
 #include "core/tavrel_view.h"
 #include "core/tavrel_view_handler.h"
 #include "ops/tavrel_conn_handler_base.h"
+#include "ops/tavrel_server.h"
 
 namespace {
 
@@ -259,6 +260,15 @@ int tavrel_agent_main(int argc, char** argv) {
       pending_err.clear();
       pending_trace.clear();
     }
+
+    // The view reaches the process's server parameters and the configuration reaches the view
+    // through these hooks (the core library sits below both).
+    Tavrel_View_Hooks hooks = Tavrel_View::get_hooks();
+    hooks.server_url = [] { return Tavrel_Server::get_url(); };
+    Tavrel_View::install_hooks(hooks);
+    Tavrel_Config::set_view_lookup([]() -> Tavrel_View* {
+      return Tavrel_View_Handler::has_view() ? Tavrel_View_Handler::get_view() : nullptr;
+    });
 
     // 15.-17. View handler, forced-shutdown thread, first request.
     trace.writeTrace(TRACE_LEVEL_4, "Creating view handler for location %s", storage.c_str());

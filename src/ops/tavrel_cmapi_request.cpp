@@ -50,13 +50,8 @@ int Tavrel_CMAPI_Request::handle_request() {
 void Tavrel_CMAPI_Request::cancel_request() {
   Tavrel_Trace trace(TAVREL, "Tavrel_CMAPI_Request", "cancel_request");
   if (begin_request() != 0) return;
-  std::string root = "ShutdownInProgress";
-  std::string txid;
-  if (m_op && !m_op->get_request_name().empty()) {
-    root = m_op->get_request_name();
-    txid = m_op->get_txid();  // lets a client with several requests in flight match the reply
-  }
-  std::string response = Tavrel_AbstractOp::make_status_response(root, txid, TAVREL_ST_VIEW_ENDING, SHUTDOWN_MESSAGE);
+  std::string response;
+  Tavrel_AbstractOp::get_shutdown_response(m_op, response);
   trace.writeTrace(TRACE_LEVEL_4, "Response string is %s", response.c_str());
   m_handler->send_response(response);
 }

@@ -12,13 +12,14 @@ class Tavrel_Request_Handler_Base;
 
 class Tavrel_CMAPI_Request : public Tavrel_Request {
  public:
-  // The message of a request that the ending view will not serve.
-  static constexpr const char* SHUTDOWN_MESSAGE = "tavrel_agent is shutting down; no new requests can be processed.\n";
-
   Tavrel_CMAPI_Request(Tavrel_Request_Handler_Base* handler, const std::string& text);
   ~Tavrel_CMAPI_Request() override;
 
+  // Builds the operation, runs it and sends its answer. A request for which no operation could be
+  // built gets no answer (its status is returned).
   int handle_request() override;
+  // Answers the request with 20026 and message 73 without running it (see
+  // Tavrel_AbstractOp::get_shutdown_response), unless no operation could be built.
   void cancel_request() override;
   bool is_equivalent(const Tavrel_Request*) const override { return false; }
   std::string toString() const override { return m_request; }

@@ -1,0 +1,364 @@
+// Hostile requests through the operation factory (create_xml_request_handler, process_request,
+// get_response): every input gets its exact reply, nothing outside the request is read (no file is
+// opened, no connection is made), and the memory of one request stays bounded.
+//
+// The inputs are those of the XML layer's own hostile corpus; what is checked here is the agent's
+// answer, not the parser's diagnostics. Proof of "nothing read": a directory of marker files watched
+// with inotify and a loopback listener that counts connections, both first shown to fire. Memory: every
+// operator new of the process is counted (the XML library allocates through it too).
+#include <arpa/inet.h>
+#include <netinet/in.h>
+#include <poll.h>
+#include <sys/inotify.h>
+#include <sys/socket.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <atomic>
+#include <cstdlib>
+#include <fstream>
+#include <functional>
+#include <new>
+#include <thread>
+
+#include "ops/ops_test_util.h"
+
+// ---- heap accounting --------------------------------------------------------------------------------
+
+namespace {
+std::atomic<std::size_t> g_live{0};
+std::atomic<std::size_t> g_peak{0};
+constexpr std::size_t kHeader = 16;
+
+void* counted_alloc(std::size_t n) {
+  void* base = std::malloc(n + kHeader);
+  if (!base) return nullptr;
+  *static_cast<std::size_t*>(base) = n;
+  std::size_t live = g_live.fetch_add(n, std::memory_order_relaxed) + n;
+  std::size_t peak = g_peak.load(std::memory_order_relaxed);
+  while (live > peak && !g_peak.compare_exchange_weak(peak, live, std::memory_order_relaxed)) {
+  }
+  return static_cast<char*>(base) + kHeader;
+}
+
+// Memory from the counting operator new goes back to free(); the compiler cannot see that the two
+// belong together.
+#pragma GCC diagnostic push
+#pragma GCC diagnostic ignored "-Wpragmas"
+#pragma GCC diagnostic ignored "-Wunknown-warning-option"
+#pragma GCC diagnostic ignored "-Wmismatched-new-delete"
+void counted_free(void* p) {
+  if (!p) return;
+  char* base = static_cast<char*>(p) - kHeader;
+  g_live.fetch_sub(*reinterpret_cast<std::size_t*>(base), std::memory_order_relaxed);
+  std::free(base);
+}
+#pragma GCC diagnostic pop
+}  // namespace
+
+void* operator new(std::size_t n) {
+  void* p = counted_alloc(n);
+  if (!p) throw std::bad_alloc();
+  return p;
+}
+void* operator new[](std::size_t n) { return operator new(n); }
+void* operator new(std::size_t n, const std::nothrow_t&) noexcept { return counted_alloc(n); }
+void* operator new[](std::size_t n, const std::nothrow_t&) noexcept { return counted_alloc(n); }
+void operator delete(void* p) noexcept { counted_free(p); }
+void operator delete[](void* p) noexcept { counted_free(p); }
+void operator delete(void* p, std::size_t) noexcept { counted_free(p); }
+void operator delete[](void* p, std::size_t) noexcept { counted_free(p); }
+void operator delete(void* p, const std::nothrow_t&) noexcept { counted_free(p); }
+void operator delete[](void* p, const std::nothrow_t&) noexcept { counted_free(p); }
+
+namespace {
+
+using ops_test::Reply;
+
+// Heap growth above the level at construction, at its highest.
+class PeakHeap {
+ public:
+  PeakHeap() : base(g_live.load()) { g_peak.store(base); }
+  std::size_t growth() const { return g_peak.load() - base; }
+
+ private:
+  std::size_t base;
+};
+
+// ---- detectors ------------------------------------------------------------------------------------------
+
+const char kMarker[] = "MARKER-7d02aa";
+
+class MarkerDir {
+ public:
+  MarkerDir() {
+    char tmpl[] = "/tmp/tavrel-hostile-XXXXXX";
+    path = mkdtemp(tmpl);
+    std::ofstream(path + "/marker.txt") << kMarker;
+    std::ofstream(path + "/marker.dtd") << "<!ENTITY leak \"" << kMarker << "\">";
+    std::ofstream(path + "/marker.xsd") << "<!-- " << kMarker << " -->";
+    fd = inotify_init1(IN_NONBLOCK | IN_CLOEXEC);
+    wd = inotify_add_watch(fd, path.c_str(), IN_OPEN | IN_ACCESS);
+  }
+  ~MarkerDir() {
+    close(fd);
+    EXPECT_EQ(std::system(("rm -rf '" + path + "'").c_str()), 0);
+  }
+  bool watching() const { return fd >= 0 && wd >= 0; }
+  int events() {
+    alignas(inotify_event) char buf[4096];
+    int count = 0;
+    for (;;) {
+      ssize_t n = read(fd, buf, sizeof buf);
+      if (n <= 0) break;
+      for (char* p = buf; p < buf + n; count++) p += sizeof(inotify_event) + reinterpret_cast<inotify_event*>(p)->len;
+    }
+    return count;
+  }
+  std::string path;
+
+ private:
+  int fd = -1;
+  int wd = -1;
+};
+
+class Listener {
+ public:
+  Listener() {
+    fd = socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
+    sockaddr_in a{};
+    a.sin_family = AF_INET;
+    a.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+    if (bind(fd, reinterpret_cast<sockaddr*>(&a), sizeof a) != 0 || listen(fd, 16) != 0) return;
+    socklen_t len = sizeof a;
+    getsockname(fd, reinterpret_cast<sockaddr*>(&a), &len);
+    port = ntohs(a.sin_port);
+    thread = std::thread([this] {
+      while (!stop.load()) {
+        pollfd p{fd, POLLIN, 0};
+        if (poll(&p, 1, 20) == 1) {
+          int c = accept(fd, nullptr, nullptr);
+          if (c >= 0) {
+            accepted.fetch_add(1);
+            close(c);
+          }
+        }
+      }
+    });
+  }
+  ~Listener() {
+    stop.store(true);
+    if (thread.joinable()) thread.join();
+    close(fd);
+  }
+  int connections() {
+    std::this_thread::sleep_for(std::chrono::milliseconds(30));  // let one in flight be counted
+    return accepted.exchange(0);
+  }
+  int port = 0;
+
+ private:
+  int fd = -1;
+  std::atomic<bool> stop{false};
+  std::atomic<int> accepted{0};
+  std::thread thread;
+};
+
+std::string repeat(const std::string& s, std::size_t n) {
+  std::string out;
+  out.reserve(s.size() * n);
+  for (std::size_t i = 0; i < n; ++i) out += s;
+  return out;
+}
+
+std::string fill(std::string s, const std::string& dir, int port) {
+  for (auto [from, to] : {std::pair<std::string, std::string>{"{DIR}", dir}, {"{PORT}", std::to_string(port)}})
+    for (size_t p = s.find(from); p != std::string::npos; p = s.find(from, p + to.size())) s.replace(p, from.size(), to);
+  return s;
+}
+
+std::string billion_laughs() {
+  std::string dtd = "<!DOCTYPE lolz [<!ENTITY lol \"lol\">";
+  for (int i = 1; i < 10; ++i) {
+    dtd += "<!ENTITY lol" + std::to_string(i) + " \"";
+    for (int j = 0; j < 10; ++j) dtd += i == 1 ? "&lol;" : "&lol" + std::to_string(i - 1) + ";";
+    dtd += "\">";
+  }
+  return dtd + "]><lolz version=\"1\" tx-id=\"bl\">&lol9;</lolz>";
+}
+
+const std::string kLocation = "/views/hostile";
+const std::string kParseError = "Parse error in \"/views/hostile\".\n";
+const std::string kUnrecognized = "Unrecognized IPC: \"XMLError\".\n";
+
+enum class Answer { kUnparsable, kUnrecognised, kEncoding };
+
+struct HostileCase {
+  const char* name;
+  std::function<std::string()> input;  // "{DIR}" and "{PORT}" are filled in
+  Answer answer;
+  std::string txid;
+  const char* ctype = "C.UTF-8";
+};
+
+std::vector<HostileCase> hostile_cases() {
+  auto fixed = [](std::string s) { return [s] { return s; }; };
+  std::vector<HostileCase> v;
+  // Entity expansion.
+  v.push_back({"BillionLaughs", billion_laughs, Answer::kUnparsable, "bl"});
+  v.push_back({"QuadraticBlowup",
+               [] {
+                 return "<!DOCTYPE a [<!ENTITY x \"" + std::string(100000, 'x') + "\">]><a tx-id=\"qb\">" +
+                        repeat("&x;", 20000) + "</a>";
+               },
+               Answer::kUnparsable, "qb"});
+  v.push_back({"UndeclaredEntity", fixed("<lolz tx-id=\"ue\">&lol9;</lolz>"), Answer::kUnparsable, "ue"});
+  // External entities and DTDs, local files and URLs.
+  v.push_back({"ExternalEntityFileUrl",
+               fixed("<!DOCTYPE a [<!ENTITY e SYSTEM \"file://{DIR}/marker.txt\">]><a tx-id=\"ef\">&e;</a>"),
+               Answer::kUnparsable, "ef"});
+  v.push_back({"ExternalEntityPath",
+               fixed("<!DOCTYPE a [<!ENTITY e SYSTEM \"{DIR}/marker.txt\">]><a tx-id=\"ep\">&e;</a>"),
+               Answer::kUnparsable, "ep"});
+  v.push_back({"ExternalDtdFile", fixed("<!DOCTYPE a SYSTEM \"{DIR}/marker.dtd\"><a tx-id=\"ed\">&leak;</a>"),
+               Answer::kUnparsable, "ed"});
+  v.push_back({"ExternalEntityUrl",
+               fixed("<!DOCTYPE a [<!ENTITY e SYSTEM \"http://127.0.0.1:{PORT}/e\">]><a tx-id=\"eu\">&e;</a>"),
+               Answer::kUnparsable, "eu"});
+  v.push_back({"ExternalDtdPublicUrl",
+               fixed("<!DOCTYPE a PUBLIC \"-//X//DTD Y//EN\" \"http://127.0.0.1:{PORT}/d.dtd\"><a tx-id=\"pu\"/>"),
+               Answer::kUnparsable, "pu"});
+  v.push_back({"ParameterEntityUrl",
+               fixed("<!DOCTYPE a [<!ENTITY % p SYSTEM \"http://127.0.0.1:{PORT}/p\"> %p;]><a tx-id=\"pe\"/>"),
+               Answer::kUnparsable, "pe"});
+  v.push_back({"InternalDtdOnly", fixed("<!DOCTYPE Probe><Probe version=\"1\" tx-id=\"dt\"/>"),
+               Answer::kUnparsable, "dt"});
+  // References a naive processor might follow; plain text here, so the document is well formed.
+  v.push_back({"SchemaLocationHints",
+               fixed("<a tx-id=\"sl\" xmlns:xsi=\"http://www.w3.org/2001/XMLSchema-instance\" "
+                     "xsi:schemaLocation=\"urn:x http://127.0.0.1:{PORT}/s.xsd\" "
+                     "xsi:noNamespaceSchemaLocation=\"file://{DIR}/marker.xsd\">v</a>"),
+               Answer::kUnrecognised, "sl"});
+  v.push_back({"XInclude",
+               fixed("<a tx-id=\"xi\" xmlns:xi=\"http://www.w3.org/2001/XInclude\">"
+                     "<xi:include href=\"file://{DIR}/marker.txt\" parse=\"text\"/></a>"),
+               Answer::kUnrecognised, "xi"});
+  v.push_back({"StylesheetInstruction",
+               fixed("<?xml-stylesheet type=\"text/xsl\" href=\"http://127.0.0.1:{PORT}/s.xsl\"?><a tx-id=\"ss\"/>"),
+               Answer::kUnrecognised, "ss"});
+  // Nesting.
+  v.push_back({"DeepNestingAtTheLimit",
+               [] { return "<a tx-id=\"n1\">" + repeat("<a>", 255) + "x" + repeat("</a>", 256); },
+               Answer::kUnrecognised, "n1"});
+  v.push_back({"DeepNestingOneTooDeep", [] { return "<a tx-id=\"n2\">" + repeat("<a>", 256) + repeat("</a>", 257); },
+               Answer::kUnparsable, "n2"});
+  v.push_back({"DeepNestingMillion", [] { return repeat("<a>", 1000000); }, Answer::kUnparsable, ""});
+  v.push_back({"TooManySiblings", [] { return "<a tx-id=\"sb\">" + repeat("<b/>", 200000) + "</a>"; },
+               Answer::kUnparsable, "sb"});
+  // Size.
+  v.push_back({"HugeAttribute", [] { return "<a tx-id=\"ha\" v=\"" + std::string(4u << 20, 'v') + "\"/>"; },
+               Answer::kUnrecognised, "ha"});
+  v.push_back({"HugeTxid", [] { return "<a tx-id=\"" + std::string(1u << 20, 't') + "\"/>"; },
+               Answer::kUnrecognised, std::string(1u << 20, 't')});
+  v.push_back({"InputOverTheLimit",
+               [] { return "<a tx-id=\"ol\">" + std::string(16u << 20, 't') + "</a>"; }, Answer::kUnparsable, "ol"});
+  // Bytes that are not UTF-8, and characters XML does not allow.
+  v.push_back({"Utf8LoneContinuation", fixed("<a tx-id=\"u1\">x\x80y</a>"), Answer::kUnparsable, "u1"});
+  v.push_back({"Utf8Overlong", fixed("<a tx-id=\"u2\">\xc0\xaf</a>"), Answer::kUnparsable, "u2"});
+  v.push_back({"Utf8Surrogate", fixed("<a tx-id=\"u3\">\xed\xa0\x80</a>"), Answer::kUnparsable, "u3"});
+  v.push_back({"Utf8TruncatedAtEnd", fixed("<a tx-id=\"u4\">\xe2\x82"), Answer::kUnparsable, "u4"});
+  v.push_back({"Utf8InTxid", fixed("<a tx-id=\"\xff\"/>"), Answer::kUnparsable, "\xef\xbf\xbd"});
+  v.push_back({"CharRefSurrogate", fixed("<a tx-id=\"c1\">&#xD800;</a>"), Answer::kUnparsable, "c1"});
+  v.push_back({"NulByte", [] { return std::string("<a tx-id=\"nb\">\0</a>", 19); }, Answer::kUnparsable, "nb"});
+  v.push_back({"ControlCharacter", fixed("<a tx-id=\"cc\">\x01</a>"), Answer::kUnparsable, "cc"});
+  // Well formed in another encoding: the tx-id comes from the document, not from the text.
+  v.push_back({"Utf16WithBom",
+               [] {
+                 std::string ascii = "<a tx-id=\"w16\"/>";
+                 std::string s = "\xff\xfe";
+                 for (char c : ascii) s += std::string(1, c) + '\0';
+                 return s;
+               },
+               Answer::kUnrecognised, "w16"});
+  // Characters with no form in the native character set (ASCII here): in text, names and values.
+  v.push_back({"UnconvertibleText", fixed("<a tx-id=\"e1\">caf\xc3\xa9</a>"), Answer::kEncoding, "e1", "C"});
+  v.push_back({"UnconvertibleName", fixed("<caf\xc3\xa9 tx-id=\"e2\"/>"), Answer::kEncoding, "e2", "C"});
+  v.push_back({"UnconvertibleAttribute", fixed("<a tx-id=\"e3\" v=\"\xe2\x82\xac\"/>"), Answer::kEncoding, "e3", "C"});
+  v.push_back({"UnconvertibleCharRef", fixed("<a tx-id=\"e4\">&#x1F600;</a>"), Answer::kEncoding, "e4", "C"});
+  return v;
+}
+
+TEST(HostileRequests, DetectorsFire) {
+  MarkerDir dir;
+  ASSERT_TRUE(dir.watching());
+  Listener net;
+  ASSERT_NE(net.port, 0);
+  EXPECT_EQ(dir.events(), 0);
+  std::ifstream(dir.path + "/marker.txt").get();
+  EXPECT_GT(dir.events(), 0);
+  int s = socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
+  sockaddr_in a{};
+  a.sin_family = AF_INET;
+  a.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+  a.sin_port = htons(static_cast<uint16_t>(net.port));
+  ASSERT_EQ(connect(s, reinterpret_cast<sockaddr*>(&a), sizeof a), 0);
+  close(s);
+  EXPECT_EQ(net.connections(), 1);
+}
+
+TEST(HostileRequests, EachGetsItsExactReplyAndNothingIsRead) {
+  MarkerDir dir;
+  ASSERT_TRUE(dir.watching());
+  Listener net;
+  ASSERT_NE(net.port, 0);
+  for (const HostileCase& c : hostile_cases()) {
+    SCOPED_TRACE(c.name);
+    const std::string request = fill(c.input(), dir.path, net.port);
+    std::string reply;
+    int status = -1;
+    int op_status = -1;
+    std::size_t growth = 0;
+    {
+      ol_test::ScopedCtype native(c.ctype);
+      PeakHeap heap;
+      reply = ops_test::run_request(Tavrel_AbstractOp::create_xml_request_handler, request, kLocation, &status,
+                                    &op_status);
+      growth = heap.growth();
+    }
+    EXPECT_EQ(status, 0);
+    Reply r = ops_test::read_reply(reply);
+    ASSERT_TRUE(r.parsed) << reply.substr(0, 300);
+    EXPECT_EQ(r.root, "XMLError");
+    EXPECT_TRUE(r.has_attr("tx-id"));
+    EXPECT_TRUE(r.attr("tx-id") == c.txid) << r.attr("tx-id").substr(0, 80);
+    switch (c.answer) {
+      case Answer::kUnparsable:
+        EXPECT_EQ(r.status(), 20020);
+        EXPECT_EQ(r.message, kParseError);
+        EXPECT_EQ(op_status, 20021);
+        break;
+      case Answer::kUnrecognised:
+        EXPECT_EQ(r.status(), 20020);
+        EXPECT_EQ(r.message, kUnrecognized);
+        EXPECT_EQ(op_status, 0);
+        break;
+      case Answer::kEncoding:
+        EXPECT_EQ(r.status(), 20057);
+        EXPECT_EQ(r.message, kParseError);
+        EXPECT_EQ(op_status, 20057);
+        break;
+    }
+    EXPECT_TRUE(r.other_children.empty());
+    EXPECT_EQ(reply.find(kMarker), std::string::npos);
+    EXPECT_EQ(dir.events(), 0) << "a file of the marker directory was opened or read";
+    EXPECT_EQ(net.connections(), 0) << "a connection was made";
+    // Memory: a few times the request, a few hundred bytes per element or attribute it can hold, and a
+    // fixed allowance for the parser and the answer. An expansion of any entity would be far above.
+    std::size_t nodes = 0;
+    for (char ch : request) nodes += ch == '<' || ch == '=';
+    const std::size_t bound = 8 * request.size() + 256 * std::min<std::size_t>(nodes, 200000) + (4u << 20);
+    EXPECT_LE(growth, bound) << "peak heap growth " << growth << " for a request of " << request.size();
+  }
+}
+
+}  // namespace
