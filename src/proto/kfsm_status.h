@@ -1,0 +1,24 @@
+// One table between the statuses of the 1000 range and errno values, shared by the agent's kernel
+// channel and the module daemon, so that a status turned into an errno on one side comes back as the
+// same status on the other.
+//
+//   0 <-> 0          1001 EIO          1002 ENOENT       1007 EOPNOTSUPP   1008 EIO
+//   1009 ENOMEM      1011 ENOENT       1013 ENOENT       1014 ENOENT       1015 EIO
+//   1016 ENOENT      1022 EAGAIN       1033 ESTALE       1046 ENOTCONN     1051 EPERM
+//   1052 ENOENT      1062 ENOMEM       1063 EACCES       1067 EEXIST       1068 EXDEV
+//   1070 ENOTDIR     1071 EISDIR       1072 EINVAL       1080 EROFS        1083 ELOOP
+//   1084 ENAMETOOLONG 1085 ENOTEMPTY   1087 ESTALE       1088 EBUSY        other EIO
+//
+// tbs_errno2status is the inverse: where several statuses share an errno the first of the table wins
+// (ENOENT 1002, EIO 1001, ENOMEM 1062, ESTALE 1087); an errno not in the table gives 1001.
+#pragma once
+
+#include "base/tbs.h"
+
+// The module is done with this view: the answer to every LPC call of a view that was removed.
+constexpr tbs_status_t KFSM_ST_VIEW_GONE = 1046;
+
+int tbs_status2errno(tbs_status_t status);
+tbs_status_t tbs_errno2status(int err);
+// A short text for a status of the 1000 range: the text of its errno ("Success" for 0).
+const char* tbs_strerror(tbs_status_t status);

@@ -1,0 +1,144 @@
+#include "proto/kfsm_wire.h"
+
+#include <sys/socket.h>
+#include <sys/uio.h>
+
+#include <cerrno>
+#include <cstdlib>
+#include <cstring>
+#include <vector>
+
+#include "proto/kfsm_records.h"
+
+std::string kfsm_socket_path() {
+  const char* env = getenv(KFSM_SOCKET_ENV);
+  return env && *env ? env : KFSM_SOCKET_DEFAULT;
+}
+
+int kfsm_frame_send(int fd, uint16_t type, uint32_t seq, const std::string& body) {
+  if (body.size() > KFSM_FRAME_MAX_BODY) return EMSGSIZE;
+  uint8_t hdr[KFSM_FRAME_HDR];
+  kfsm_put_u32(hdr, KFSM_WIRE_MAGIC);
+  kfsm_put_u16(hdr + 4, KFSM_WIRE_VERSION);
+  kfsm_put_u16(hdr + 6, type);
+  kfsm_put_u32(hdr + 8, static_cast<uint32_t>(body.size()));
+  kfsm_put_u32(hdr + 12, seq);
+  struct iovec iov[2] = {{hdr, sizeof hdr}, {const_cast<char*>(body.data()), body.size()}};
+  struct msghdr msg;
+  memset(&msg, 0, sizeof msg);
+  msg.msg_iov = iov;
+  msg.msg_iovlen = body.empty() ? 1 : 2;
+  for (;;) {
+    ssize_t n = sendmsg(fd, &msg, MSG_NOSIGNAL);
+    if (n >= 0) return size_t(n) == sizeof hdr + body.size() ? 0 : EIO;
+    if (errno != EINTR) return errno;
+  }
+}
+
+int kfsm_frame_recv(int fd, kfsm_frame* out) {
+  // One buffer per thread, one byte larger than the largest frame so that truncation shows.
+  thread_local std::vector<char> buf(KFSM_FRAME_HDR + KFSM_FRAME_MAX_BODY + 1);
+  ssize_t n;
+  struct iovec iov = {buf.data(), buf.size()};
+  struct msghdr msg;
+  memset(&msg, 0, sizeof msg);
+  msg.msg_iov = &iov;
+  msg.msg_iovlen = 1;
+  do {
+    n = recvmsg(fd, &msg, MSG_CMSG_CLOEXEC);
+  } while (n < 0 && errno == EINTR);
+  if (n < 0) return errno;
+  if (n == 0) return ECONNRESET;
+  if ((msg.msg_flags & (MSG_TRUNC | MSG_CTRUNC)) || size_t(n) < KFSM_FRAME_HDR) return EPROTO;
+  const uint8_t* p = reinterpret_cast<const uint8_t*>(buf.data());
+  uint32_t len = kfsm_get_u32(p + 8);
+  if (kfsm_get_u32(p) != KFSM_WIRE_MAGIC || kfsm_get_u16(p + 4) != KFSM_WIRE_VERSION || len > KFSM_FRAME_MAX_BODY ||
+      size_t(n) != KFSM_FRAME_HDR + len)
+    return EPROTO;
+  out->type = kfsm_get_u16(p + 6);
+  out->seq = kfsm_get_u32(p + 12);
+  out->body.assign(buf.data() + KFSM_FRAME_HDR, len);
+  return 0;
+}
+
+std::string kfsm_hello_body(uint32_t type, uint32_t pid) {
+  std::string b(8, '\0');
+  kfsm_put_u32(reinterpret_cast<uint8_t*>(b.data()), type);
+  kfsm_put_u32(reinterpret_cast<uint8_t*>(b.data()) + 4, pid);
+  return b;
+}
+
+bool kfsm_parse_hello(const std::string& body, uint32_t* type, uint32_t* pid) {
+  if (body.size() != 8) return false;
+  *type = kfsm_get_u32(reinterpret_cast<const uint8_t*>(body.data()));
+  *pid = kfsm_get_u32(reinterpret_cast<const uint8_t*>(body.data()) + 4);
+  return true;
+}
+
+std::string kfsm_status_body(int32_t status) {
+  std::string b(4, '\0');
+  kfsm_put_u32(reinterpret_cast<uint8_t*>(b.data()), static_cast<uint32_t>(status));
+  return b;
+}
+
+bool kfsm_parse_status(const std::string& body, int32_t* status) {
+  if (body.size() != 4) return false;
+  *status = static_cast<int32_t>(kfsm_get_u32(reinterpret_cast<const uint8_t*>(body.data())));
+  return true;
+}
+
+std::string kfsm_lpc_call_body(uint32_t flags, const std::string& tag, const uint8_t* header, const uint8_t* payload,
+                               size_t payload_len) {
+  std::string b(8, '\0');
+  kfsm_put_u32(reinterpret_cast<uint8_t*>(b.data()), flags);
+  kfsm_put_u32(reinterpret_cast<uint8_t*>(b.data()) + 4, static_cast<uint32_t>(tag.size()));
+  b += tag;
+  if (flags & 1) {
+    b.append(reinterpret_cast<const char*>(header), KFSM_LPC_HDR);
+    if (payload_len) b.append(reinterpret_cast<const char*>(payload), payload_len);
+  }
+  return b;
+}
+
+bool kfsm_parse_lpc_call(const std::string& body, kfsm_lpc_call* out) {
+  const uint8_t* p = reinterpret_cast<const uint8_t*>(body.data());
+  if (body.size() < 8) return false;
+  out->flags = kfsm_get_u32(p);
+  uint32_t taglen = kfsm_get_u32(p + 4);
+  if ((out->flags & ~1u) != 0 || taglen > KFSM_TAG_MAX || body.size() - 8 < taglen) return false;
+  out->tag.assign(body, 8, taglen);
+  if (out->tag.find('\0') != std::string::npos) return false;
+  size_t rest = body.size() - 8 - taglen;
+  out->header.clear();
+  out->payload.clear();
+  if (!(out->flags & 1)) return rest == 0;
+  if (rest < KFSM_LPC_HDR) return false;
+  out->header.assign(body, 8 + taglen, KFSM_LPC_HDR);
+  uint64_t size = kfsm_get_u64(reinterpret_cast<const uint8_t*>(out->header.data()) + 4);
+  if (size > KFSM_LPC_PAYLOAD || rest - KFSM_LPC_HDR != size) return false;
+  out->payload.assign(body, 8 + taglen + KFSM_LPC_HDR, size);
+  return true;
+}
+
+std::string kfsm_lpc_deliver_body(int32_t status, const uint8_t* header, const uint8_t* payload, size_t payload_len) {
+  std::string b = kfsm_status_body(status);
+  if (status == 0) {
+    b.append(reinterpret_cast<const char*>(header), KFSM_LPC_HDR);
+    if (payload_len) b.append(reinterpret_cast<const char*>(payload), payload_len);
+  }
+  return b;
+}
+
+bool kfsm_parse_lpc_deliver(const std::string& body, kfsm_lpc_deliver* out) {
+  if (body.size() < 4) return false;
+  out->status = static_cast<int32_t>(kfsm_get_u32(reinterpret_cast<const uint8_t*>(body.data())));
+  out->header.clear();
+  out->payload.clear();
+  if (out->status != 0) return body.size() == 4;
+  if (body.size() < 4 + KFSM_LPC_HDR) return false;
+  out->header.assign(body, 4, KFSM_LPC_HDR);
+  uint64_t size = kfsm_get_u64(reinterpret_cast<const uint8_t*>(out->header.data()) + 8);
+  if (size > KFSM_LPC_PAYLOAD || body.size() - 4 - KFSM_LPC_HDR != size) return false;
+  out->payload.assign(body, 4 + KFSM_LPC_HDR, size);
+  return true;
+}

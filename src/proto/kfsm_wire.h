@@ -1,0 +1,87 @@
+// Frames of the module socket: the transport under the kernel-channel calls.
+//
+// The socket is AF_UNIX, SOCK_SEQPACKET: one frame is one packet. Every frame starts with a 16-byte
+// header in host byte order:
+//   0 u32 magic 0x4B425654   4 u16 version 1   6 u16 type   8 u32 body length   12 u32 sequence
+// and the body follows. A frame whose magic, version or length is wrong, or that is longer than
+// KFSM_FRAME_MAX_BODY, is a protocol error: the receiver closes the connection.
+//
+// Types and bodies (a result answers the request with the same sequence number):
+//   1 HELLO        u32 handle type, u32 pid of the caller
+//   2 HELLO_OK     i32 status (0: the handle is open)
+//   3 MCB          a command image (kfsm_records.h): block, info, heap
+//   4 MCB_RESULT   an answer image: i32 err, block with status, info with outputs, heap
+//   5 CMD          as MCB, for the commands of kfsm_cmd (11, 20)
+//   6 CMD_RESULT   as MCB_RESULT
+//   7 LPC_CALL     u32 flags (1: a reply is present), u32 tag length (at most 255), the view tag,
+//                  and with flag 1: the 32-byte LPC header and the reply payload (its size as the header
+//                  says, at most 8768 bytes)
+//   8 LPC_DELIVER  i32 status; with status 0: the 32-byte LPC header and the request payload (its size
+//                  as the header says, at most 8768 bytes)
+#pragma once
+
+#include <cstddef>
+#include <cstdint>
+#include <string>
+
+constexpr uint32_t KFSM_WIRE_MAGIC = 0x4B425654;
+constexpr uint16_t KFSM_WIRE_VERSION = 1;
+constexpr size_t KFSM_FRAME_HDR = 16;
+constexpr size_t KFSM_FRAME_MAX_BODY = 64 * 1024;
+constexpr size_t KFSM_TAG_MAX = 255;
+
+enum : uint16_t {
+  KFSM_FRAME_HELLO = 1,
+  KFSM_FRAME_HELLO_OK = 2,
+  KFSM_FRAME_MCB = 3,
+  KFSM_FRAME_MCB_RESULT = 4,
+  KFSM_FRAME_CMD = 5,
+  KFSM_FRAME_CMD_RESULT = 6,
+  KFSM_FRAME_LPC_CALL = 7,
+  KFSM_FRAME_LPC_DELIVER = 8,
+};
+
+// Default path of the module socket, and the variable that overrides it.
+constexpr const char* KFSM_SOCKET_DEFAULT = "/run/tavrel/kfsm.sock";
+constexpr const char* KFSM_SOCKET_ENV = "TAVREL_KFSM_SOCKET";
+// The socket path this process uses: $TAVREL_KFSM_SOCKET when set and not empty, else the default.
+std::string kfsm_socket_path();
+
+struct kfsm_frame {
+  uint16_t type = 0;
+  uint32_t seq = 0;
+  std::string body;
+};
+
+// Sends one frame as one packet (never raising SIGPIPE). 0 or an errno.
+int kfsm_frame_send(int fd, uint16_t type, uint32_t seq, const std::string& body);
+// Receives one packet. 0; ECONNRESET at the end of the stream; EPROTO for a packet that is not a
+// well-formed frame (short, truncated, wrong magic, version or length); or the errno of recv.
+int kfsm_frame_recv(int fd, kfsm_frame* out);
+
+std::string kfsm_hello_body(uint32_t type, uint32_t pid);
+bool kfsm_parse_hello(const std::string& body, uint32_t* type, uint32_t* pid);
+std::string kfsm_status_body(int32_t status);
+bool kfsm_parse_status(const std::string& body, int32_t* status);
+
+struct kfsm_lpc_call {
+  uint32_t flags = 0;
+  std::string tag;
+  std::string header;   // 32 bytes when flags has 1
+  std::string payload;  // the reply payload
+};
+std::string kfsm_lpc_call_body(uint32_t flags, const std::string& tag, const uint8_t* header, const uint8_t* payload,
+                               size_t payload_len);
+// False for a malformed body: unknown flags, tag too long or short of its length, a reply whose size
+// field differs from the payload carried or exceeds 8768 bytes.
+bool kfsm_parse_lpc_call(const std::string& body, kfsm_lpc_call* out);
+
+struct kfsm_lpc_deliver {
+  int32_t status = 0;
+  std::string header;   // 32 bytes when status is 0
+  std::string payload;  // the request payload
+};
+std::string kfsm_lpc_deliver_body(int32_t status, const uint8_t* header, const uint8_t* payload, size_t payload_len);
+// False for a malformed body: status 0 without a header, or a request size that differs from the
+// payload carried or exceeds 8768 bytes.
+bool kfsm_parse_lpc_deliver(const std::string& body, kfsm_lpc_deliver* out);

@@ -1,0 +1,122 @@
+// Frames of the module socket: what a receiver accepts, and every malformed packet it refuses.
+#include "proto/kfsm_wire.h"
+
+#include <sys/socket.h>
+#include <unistd.h>
+
+#include <gtest/gtest.h>
+
+#include <cerrno>
+#include <cstring>
+
+#include "proto/kfsm_records.h"
+
+namespace {
+
+struct Pair {
+  int fd[2] = {-1, -1};
+  Pair() { EXPECT_EQ(socketpair(AF_UNIX, SOCK_SEQPACKET | SOCK_CLOEXEC, 0, fd), 0); }
+  ~Pair() {
+    for (int f : fd)
+      if (f >= 0) close(f);
+  }
+};
+
+std::string header(uint32_t magic, uint16_t version, uint16_t type, uint32_t len, uint32_t seq) {
+  std::string h(KFSM_FRAME_HDR, '\0');
+  uint8_t* p = reinterpret_cast<uint8_t*>(h.data());
+  kfsm_put_u32(p, magic);
+  kfsm_put_u16(p + 4, version);
+  kfsm_put_u16(p + 6, type);
+  kfsm_put_u32(p + 8, len);
+  kfsm_put_u32(p + 12, seq);
+  return h;
+}
+
+TEST(KfsmWire, FrameRoundTripAndHeaderBytes) {
+  Pair p;
+  std::string body = "hello body";
+  ASSERT_EQ(kfsm_frame_send(p.fd[0], KFSM_FRAME_MCB, 77, body), 0);
+  char raw[64];
+  ssize_t n = recv(p.fd[1], raw, sizeof raw, MSG_PEEK);
+  ASSERT_EQ(n, ssize_t(KFSM_FRAME_HDR + body.size()));
+  EXPECT_EQ(std::string(raw, KFSM_FRAME_HDR), header(0x4B425654, 1, 3, uint32_t(body.size()), 77));
+  kfsm_frame f;
+  ASSERT_EQ(kfsm_frame_recv(p.fd[1], &f), 0);
+  EXPECT_EQ(f.type, KFSM_FRAME_MCB);
+  EXPECT_EQ(f.seq, 77u);
+  EXPECT_EQ(f.body, body);
+  ASSERT_EQ(kfsm_frame_send(p.fd[0], KFSM_FRAME_HELLO_OK, 1, ""), 0);  // an empty body is a frame too
+  ASSERT_EQ(kfsm_frame_recv(p.fd[1], &f), 0);
+  EXPECT_TRUE(f.body.empty());
+  EXPECT_EQ(kfsm_frame_send(p.fd[0], 1, 1, std::string(KFSM_FRAME_MAX_BODY + 1, 'x')), EMSGSIZE);
+}
+
+TEST(KfsmWire, MalformedPacketsAreProtocolErrors) {
+  struct Case {
+    const char* what;
+    std::string packet;
+  } cases[] = {
+      {"shorter than a header", std::string(10, 'x')},
+      {"wrong magic", header(0x12345678, 1, 3, 0, 1)},
+      {"wrong version", header(KFSM_WIRE_MAGIC, 2, 3, 0, 1)},
+      {"length beyond the packet", header(KFSM_WIRE_MAGIC, 1, 3, 5, 1) + "abc"},
+      {"length short of the packet", header(KFSM_WIRE_MAGIC, 1, 3, 1, 1) + "abc"},
+      {"length beyond the limit", header(KFSM_WIRE_MAGIC, 1, 3, 0xFFFFFFFFu, 1)},
+      {"packet beyond the limit", header(KFSM_WIRE_MAGIC, 1, 3, KFSM_FRAME_MAX_BODY + 8, 1) +
+                                      std::string(KFSM_FRAME_MAX_BODY + 8, 'y')},
+  };
+  for (const Case& c : cases) {
+    SCOPED_TRACE(c.what);
+    Pair p;
+    int sz = 1 << 20;
+    setsockopt(p.fd[0], SOL_SOCKET, SO_SNDBUF, &sz, sizeof sz);
+    ASSERT_EQ(send(p.fd[0], c.packet.data(), c.packet.size(), 0), ssize_t(c.packet.size()));
+    kfsm_frame f;
+    EXPECT_EQ(kfsm_frame_recv(p.fd[1], &f), EPROTO);
+  }
+  Pair p;
+  close(p.fd[0]);
+  p.fd[0] = -1;
+  kfsm_frame f;
+  EXPECT_EQ(kfsm_frame_recv(p.fd[1], &f), ECONNRESET);
+}
+
+TEST(KfsmWire, LpcBodiesCheckTheirSizes) {
+  uint8_t hdr[KFSM_LPC_HDR] = {};
+  std::string payload(100, 'p');
+  kfsm_lpc_put_reply(hdr, 0, payload.size(), 9);
+  kfsm_lpc_call call;
+  std::string body = kfsm_lpc_call_body(1, "vtag", hdr, reinterpret_cast<const uint8_t*>(payload.data()), payload.size());
+  ASSERT_TRUE(kfsm_parse_lpc_call(body, &call));
+  EXPECT_EQ(call.tag, "vtag");
+  EXPECT_EQ(call.payload, payload);
+  EXPECT_FALSE(kfsm_parse_lpc_call(body.substr(0, body.size() - 1), &call));  // payload short of the size
+  EXPECT_FALSE(kfsm_parse_lpc_call(body + "x", &call));
+  std::string flags2 = body;
+  kfsm_put_u32(reinterpret_cast<uint8_t*>(flags2.data()), 3);
+  EXPECT_FALSE(kfsm_parse_lpc_call(flags2, &call));
+  std::string longtag = kfsm_lpc_call_body(0, std::string(256, 't'), nullptr, nullptr, 0);
+  EXPECT_FALSE(kfsm_parse_lpc_call(longtag, &call));
+  std::string tagpast = kfsm_lpc_call_body(0, "abc", nullptr, nullptr, 0);
+  kfsm_put_u32(reinterpret_cast<uint8_t*>(tagpast.data()) + 4, 200);
+  EXPECT_FALSE(kfsm_parse_lpc_call(tagpast, &call));
+  kfsm_lpc_put_reply(hdr, 0, KFSM_LPC_PAYLOAD + 1, 9);
+  EXPECT_FALSE(kfsm_parse_lpc_call(kfsm_lpc_call_body(1, "v", hdr, nullptr, 0), &call));
+  ASSERT_TRUE(kfsm_parse_lpc_call(kfsm_lpc_call_body(0, "v", nullptr, nullptr, 0), &call));
+  EXPECT_EQ(call.flags, 0u);
+
+  uint8_t rq[KFSM_LPC_HDR] = {};
+  kfsm_lpc_put_request(rq, kfsm_lpc_request_hdr{107, payload.size(), 8768, 4});
+  kfsm_lpc_deliver d;
+  std::string dbody = kfsm_lpc_deliver_body(0, rq, reinterpret_cast<const uint8_t*>(payload.data()), payload.size());
+  ASSERT_TRUE(kfsm_parse_lpc_deliver(dbody, &d));
+  EXPECT_EQ(d.payload, payload);
+  EXPECT_FALSE(kfsm_parse_lpc_deliver(dbody.substr(0, 20), &d));
+  EXPECT_FALSE(kfsm_parse_lpc_deliver(dbody + "zz", &d));
+  ASSERT_TRUE(kfsm_parse_lpc_deliver(kfsm_lpc_deliver_body(1046, nullptr, nullptr, 0), &d));
+  EXPECT_EQ(d.status, 1046);
+  EXPECT_FALSE(kfsm_parse_lpc_deliver(kfsm_lpc_deliver_body(1046, nullptr, nullptr, 0) + "x", &d));
+}
+
+}  // namespace
