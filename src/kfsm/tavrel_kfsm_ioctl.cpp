@@ -1,0 +1,300 @@
+#include "kfsm/tavrel_kfsm_ioctl.h"
+
+#include <cerrno>
+#include <cstdlib>
+#include <cstring>
+
+#include "base/pfm.h"
+#include "base/sysutl.h"
+#include "core/tavrel_status.h"
+#include "core/tavrel_trace.h"
+#include "core/tavrel_view.h"
+#include "kfsm/libkfsm.h"
+#include "kfsm/tavrel_kfsm_request_handler.h"
+#include "proto/kfsm_status.h"
+
+namespace {
+
+// A replica's oid names the same 16 bytes as its uuid.
+tbs_uuid_s oid_to_uuid(const tbs_oid_s& o) {
+  tbs_uuid_s u;
+  memcpy(u.bytes, o.bytes, 16);
+  return u;
+}
+
+uint32_t case_flag() {
+  return Tavrel_KFSM_Ioctl::kfsm_is_case_sensitive() ? uint32_t(KFSM_FLAG_CASE_SENSITIVE) : 0u;
+}
+
+// strdup copies that are freed when the holder goes.
+struct Dup {
+  char* s;
+  explicit Dup(const std::string& v) : s(strdup(v.c_str())) {}
+  ~Dup() { free(s); }
+  Dup(const Dup&) = delete;
+  Dup& operator=(const Dup&) = delete;
+  kfsm_strbuf buf() const { return kfsm_strbuf_of(s); }
+};
+
+void print_mkview(const Tavrel_Trace& trace, const kfsm_mkviewtag_info& m) {
+  trace.writeTrace(TRACE_LEVEL_4, "Mkview info ....");
+  trace.writeTrace(TRACE_LEVEL_4, "    uuid     = %s", tbs_uuid_to_str(m.uuid).c_str());
+  trace.writeTrace(TRACE_LEVEL_4, "    View tag = %s", m.viewtag.s ? m.viewtag.s : "");
+  trace.writeTrace(TRACE_LEVEL_4, "    Spath(u) = %s", m.spath_u.s ? m.spath_u.s : "");
+  trace.writeTrace(TRACE_LEVEL_4, "    Spath(k) = %s", m.spath_k.s ? m.spath_k.s : "");
+  trace.writeTrace(TRACE_LEVEL_4, "    host     = %s", m.host.s ? m.host.s : "");
+  trace.writeTrace(TRACE_LEVEL_4, "    rpath    = %s", m.rpath.s ? m.rpath.s : "");
+  trace.writeTrace(TRACE_LEVEL_4, "    windows view = %d", static_cast<int>(m.flags & 1));
+}
+
+}  // namespace
+
+int Tavrel_KFSM_Ioctl::kfsm_ioctl(kfsmcmd_block* block) {
+  Tavrel_Trace trace(TAVREL_KFSM, "Tavrel_KFSM_Ioctl", "kfsm_ioctl");
+  pfm_inhibit();
+  int status = 0;
+  trace.writeTrace(TRACE_LEVEL_4, "Calling kfsm_view_root_open_type");
+  int handle = kfsm_view_root_open_type(1, &status);
+  if (handle != 0) {
+    int err;
+    do {
+      trace.writeTrace(TRACE_LEVEL_4, "Calling KFSM_MCB_CMD");
+      err = 0;
+      kfsm_mcb_cmd(handle, block, &err);
+      trace.writeTrace(TRACE_LEVEL_4, "Status from KFSM_MCB_CMD = %d (%d)", block->status, err);
+    } while (err == EINTR);
+    status = err == 0 ? block->status : tbs_errno2status(err);
+    kfsm_view_root_close_type(1, handle);
+  }
+  pfm_enable();
+  trace.writeTrace(TRACE_LEVEL_3, "Returning %d", status);
+  return status;
+}
+
+int Tavrel_KFSM_Ioctl::register_view() {
+  Tavrel_Trace trace(TAVREL_KFSM, "Tavrel_KFSM_Ioctl", "register_view");
+  const std::string tag = m_view->get_server_tag();
+  const std::string path = m_view->get_storage_path();
+  const std::string host = sysutl_myhostname();
+  trace.writeTrace(TRACE_LEVEL_3, " Registering view %s (%s)", tag.c_str(), path.c_str());
+  Dup dtag(tag), dpath_u(path), dpath_k(path), dhost(host), drpath(path);
+  kfsm_mkviewtag_info info;
+  memset(&info, 0, sizeof info);
+  info.viewtag = dtag.buf();
+  info.spath_u = dpath_u.buf();
+  info.spath_k = dpath_k.buf();
+  info.host = dhost.buf();
+  info.rpath = drpath.buf();
+  info.uuid = m_view->get_view_uuid();
+  info.flags = 0;
+  trace.writeTrace(TRACE_LEVEL_4, "Entry...");
+  trace.writeTrace(TRACE_LEVEL_4, "     view tag       = %s", tag.c_str());
+  trace.writeTrace(TRACE_LEVEL_4, "     path             = %s", path.c_str());
+  trace.writeTrace(TRACE_LEVEL_4, "     host name    = %s", host.c_str());
+  trace.writeTrace(TRACE_LEVEL_4, "     host path      = %s %s", host.c_str(), path.c_str());
+  trace.writeTrace(TRACE_LEVEL_4, "     uuid              = %s", tbs_uuid_to_str(info.uuid).c_str());
+  trace.writeTrace(TRACE_LEVEL_4, "     windows view = %d", 0);
+  trace.writeTrace(TRACE_LEVEL_4, "Before mkview");
+  print_mkview(trace, info);
+
+  Tavrel_KFSM_Request_Handler* handler = Tavrel_KFSM_Request_Handler::get_instance();
+  if (!handler) return 1062;
+  handler->set_view_tag(tag);
+
+  kfsmcmd_block block;
+  memset(&block, 0, sizeof block);
+  block.cmd = KFSM_CMD_MKVIEW;
+  block.flags = case_flag();
+  block.infolen = KFSM_MKVIEWTAG_IMAGE;
+  block.infop = &info;
+  int status = kfsm_ioctl(&block);
+  trace.writeTrace(TRACE_LEVEL_3, "Status from mkview = %d", status);
+  return status;
+}
+
+int Tavrel_KFSM_Ioctl::unregister_view() {
+  Tavrel_Trace trace(TAVREL_KFSM, "Tavrel_KFSM_Ioctl", "unregister_view");
+  const std::string tag = m_view->get_server_tag();
+  trace.writeTrace(TRACE_LEVEL_3, "Removing view tag = %s", tag.c_str());
+  Dup dtag(tag);
+  kfsm_strbuf info = dtag.buf();
+  kfsmcmd_block block;
+  memset(&block, 0, sizeof block);
+  block.cmd = KFSM_CMD_RMTAG;
+  block.flags = KFSM_FLAG_CASE_SENSITIVE;
+  block.infolen = KFSM_RMTAG_IMAGE;
+  block.infop = &info;
+  trace.writeTrace(TRACE_LEVEL_4, "Calling kfsm_ioctl");
+  int status = kfsm_ioctl(&block);
+  trace.writeTrace(TRACE_LEVEL_3, "Status from kfsm_ioctl = %d", status);
+  return status;
+}
+
+int Tavrel_KFSM_Ioctl::mount_silo(const std::string& mount_point, const std::string& storage, tbs_oid_s replica,
+                                  tbs_oid_s family) {
+  Tavrel_Trace trace(TAVREL_KFSM, "Tavrel_KFSM_Ioctl", "mount_silo");
+  trace.writeTrace(TRACE_LEVEL_3, "mounting %s from stg %s (replica %s family %s)", mount_point.c_str(),
+                   storage.c_str(), tbs_oid_to_str(replica).c_str(), tbs_oid_to_str(family).c_str());
+  const std::string tag = m_view->get_server_tag();
+  const std::string view_path = m_view->get_storage_path();
+  Dup dtag(tag), dmp(mount_point), dhost(sysutl_myhostname()), dv1(view_path), dv2(view_path),
+      dstg(storage.substr(0, 1024));
+  kfsm_mount_info info;
+  memset(&info, 0, sizeof info);
+  info.version = KFSM_MOUNT_VERSION;
+  info.size = KFSM_MOUNT_IMAGE;
+  info.word4 = 1;
+  info.mount_point = dmp.buf();
+  info.host = dhost.buf();
+  info.word32 = 0;
+  info.view_string1 = dv1.buf();
+  info.view_string2 = dv2.buf();
+  info.storage = dstg.buf();
+  info.family = family;
+  info.word88 = 3000;
+  info.word92 = 1;
+  info.replica = oid_to_uuid(replica);
+  kfsmcmd_block block;
+  memset(&block, 0, sizeof block);
+  block.cmd = KFSM_CMD_MOUNT;
+  block.flags = 0;
+  block.pn = dtag.buf();
+  block.pn2 = dtag.buf();
+  block.infolen = KFSM_MOUNT_IMAGE;
+  block.infop = &info;
+  int status = kfsm_ioctl(&block);
+  if (status == TBS_ST_EXISTS) {
+    trace.writeTrace(TRACE_LEVEL_3, "SILO already mounted");
+    return TAVREL_ST_ALREADY_MOUNTED;
+  }
+  return Tavrel_View::tbs_to_tavrel_status(status);
+}
+
+int Tavrel_KFSM_Ioctl::umount_silo(const std::string& mount_point, tbs_oid_s replica, int* raw) {
+  Tavrel_Trace trace(TAVREL_KFSM, "Tavrel_KFSM_Ioctl", "umount_silo");
+  trace.writeTrace(TRACE_LEVEL_3, "unmounting %s (replica %s)", mount_point.c_str(), tbs_oid_to_str(replica).c_str());
+  const std::string tag = m_view->get_server_tag();
+  Dup dtag(tag), dmp(mount_point);
+  kfsm_umount_info info;
+  memset(&info, 0, sizeof info);
+  info.mount_point = dmp.buf();
+  info.replica = oid_to_uuid(replica);
+  kfsmcmd_block block;
+  memset(&block, 0, sizeof block);
+  block.cmd = KFSM_CMD_UMOUNT;
+  block.pn = dtag.buf();
+  block.pn2 = dtag.buf();
+  block.infolen = KFSM_UMOUNT_IMAGE;
+  block.infop = &info;
+  int status = kfsm_ioctl(&block);
+  if (raw) *raw = status;
+  if (status == TBS_ST_BAD_ARG) {
+    trace.writeTrace(TRACE_LEVEL_3, "SILO not mounted");
+    return TAVREL_ST_NOT_MOUNTED;
+  }
+  return Tavrel_View::tbs_to_tavrel_status(status);
+}
+
+uint32_t Tavrel_KFSM_Ioctl::inval_kind(silo_op_t op) {
+  switch (op) {
+    case 14: case 17: case 27: case 32: case 66:
+      return KFSM_INVAL_OBJ_TREE;
+    case 126: case 131:
+      return KFSM_INVAL_OBJ_MOVE;
+    case 124: case 130:
+      return KFSM_INVAL_OBJ_ATTR;
+    default:
+      return KFSM_INVAL_OBJ;
+  }
+}
+
+int Tavrel_KFSM_Ioctl::inval(kfsm_inval_info* info) {
+  Tavrel_Trace trace(TAVREL_KFSM, "Tavrel_KFSM_Ioctl", "inval");
+  char root[KFSM_VIEW_ROOT_MAX];
+  const std::string tag = m_view->get_server_tag();
+  int st = tbs_view_root_type(1, root, tag.c_str());
+  if (st != 0) {
+    trace.writeTrace(TRACE_LEVEL_2, "tbs_view_root_type failed: %d", st);
+    return 1011;
+  }
+  trace.writeTrace(TRACE_LEVEL_4, "invalidate kind %u in %s", info->kind, root);
+  kfsmcmd_block block;
+  memset(&block, 0, sizeof block);
+  block.cmd = KFSM_CMD_INVAL;
+  block.flags = case_flag();
+  block.pn = kfsm_strbuf_of(root);
+  block.pn2 = kfsm_strbuf_empty();
+  block.infolen = KFSM_INVAL_IMAGE;
+  block.infop = info;
+  return kfsm_ioctl(&block);
+}
+
+int Tavrel_KFSM_Ioctl::view_inval_view() {
+  Tavrel_Trace trace(TAVREL_KFSM, "Tavrel_KFSM_Ioctl", "view_inval_view");
+  kfsm_inval_info info;
+  memset(&info, 0, sizeof info);
+  info.version = KFSM_INVAL_VERSION;
+  info.kind = KFSM_INVAL_VIEW;
+  return inval(&info);
+}
+
+int Tavrel_KFSM_Ioctl::view_inval_name(const tbs_uuid_s* silo, const tbs_oid_s* dir, const char* name) {
+  Tavrel_Trace trace(TAVREL_KFSM, "Tavrel_KFSM_Ioctl", "view_inval_name");
+  kfsm_inval_info info;
+  memset(&info, 0, sizeof info);
+  info.version = KFSM_INVAL_VERSION;
+  info.kind = KFSM_INVAL_NAME;
+  if (silo) info.silo = *silo;
+  if (dir) info.obj = *dir;
+  info.name = kfsm_strbuf_of(name);
+  return inval(&info);
+}
+
+int Tavrel_KFSM_Ioctl::view_inval_obj(const tbs_uuid_s* silo, const tbs_oid_s* obj, silo_op_t op) {
+  Tavrel_Trace trace(TAVREL_KFSM, "Tavrel_KFSM_Ioctl", "view_inval_obj");
+  kfsm_inval_info info;
+  memset(&info, 0, sizeof info);
+  info.version = KFSM_INVAL_VERSION;
+  info.kind = inval_kind(op);
+  if (silo) info.silo = *silo;
+  if (obj) info.obj = *obj;
+  return inval(&info);
+}
+
+int Tavrel_KFSM_Ioctl::view_get_xstat(const std::string& path, view_vstat* vstat, tbs_oid_s* oid, tbs_uuid_s* uuid,
+                                      int* flag, tbs_uuid_s* uuid2) {
+  return get_xstat(path, vstat, oid, uuid, flag, 1, uuid2);
+}
+
+int Tavrel_KFSM_Ioctl::view_lget_xstat(const std::string& path, view_vstat* vstat, tbs_oid_s* oid, tbs_uuid_s* uuid,
+                                       int* flag, tbs_uuid_s* uuid2) {
+  return get_xstat(path, vstat, oid, uuid, flag, 0, uuid2);
+}
+
+int Tavrel_KFSM_Ioctl::get_xstat(const std::string& path, view_vstat* vstat, tbs_oid_s* oid, tbs_uuid_s* uuid,
+                                 int* flag, int follow, tbs_uuid_s* uuid2) {
+  Tavrel_Trace trace(TAVREL_KFSM, "Tavrel_KFSM_Ioctl", "get_xstat");
+  trace.writeTrace(TRACE_LEVEL_4, "xstat %s (follow %d)", path.c_str(), follow);
+  Dup dpath(path);
+  view_vstat local;
+  memset(&local, 0, sizeof local);
+  kfsm_xstat_info info;
+  memset(&info, 0, sizeof info);
+  info.vstat = &local;
+  kfsmcmd_block block;
+  memset(&block, 0, sizeof block);
+  block.cmd = KFSM_CMD_XSTAT;
+  block.flags = case_flag() | (follow ? 0u : uint32_t(KFSM_FLAG_NOFOLLOW));
+  block.pn = dpath.buf();
+  block.pn2 = dpath.buf();
+  block.infolen = KFSM_XSTAT_IMAGE;
+  block.infop = &info;
+  int status = kfsm_ioctl(&block);
+  if (status != 0) return status;
+  if (vstat) *vstat = local;
+  if (oid) *oid = info.oid;
+  if (uuid) *uuid = info.uuid;
+  if (flag) *flag = info.flag;
+  if (uuid2) *uuid2 = info.uuid2;
+  return 0;
+}

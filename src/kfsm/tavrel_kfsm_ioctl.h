@@ -1,0 +1,65 @@
+// Tavrel_KFSM_Ioctl: the downcalls of the agent to the kernel module. It holds only the view and is
+// made where a command is needed, used and deleted; any thread may use its own object at any time,
+// also while the LPC threads are blocked (each command opens and closes its own handle).
+//
+// Statuses are of the 1000 range (tbs_status_t), except mount_silo and umount_silo, which give the
+// agent's own statuses: 0, 20046 (already mounted), 20047 (not mounted), or tbs_to_tavrel_status of
+// the module's answer.
+#pragma once
+
+#include <cstdint>
+#include <string>
+
+#include "base/tbs.h"
+#include "proto/kfsm_records.h"
+
+class Tavrel_View;
+
+// Operation codes of the changes that lead to an object invalidation.
+typedef int silo_op_t;
+
+class Tavrel_KFSM_Ioctl {
+ public:
+  explicit Tavrel_KFSM_Ioctl(Tavrel_View* view) : m_view(view) {}
+  virtual ~Tavrel_KFSM_Ioctl() = default;
+
+  // The single way of running a block: opens a handle, runs the block (again while the call is
+  // interrupted), closes the handle, all while process exit is held off. A failure of the call gives
+  // tbs_errno2status of its errno, otherwise the block's status.
+  int kfsm_ioctl(kfsmcmd_block* block);
+
+  // Registers the view (tag, storage path, host, uuid) with the module, and records the tag for the
+  // LPC threads. 1062 when the request handler cannot be had.
+  int register_view();
+  int unregister_view();
+
+  // Mounts SILO `mount_point` (its tag, "/name") of storage `storage` in this view.
+  int mount_silo(const std::string& mount_point, const std::string& storage, tbs_oid_s replica, tbs_oid_s family);
+  // Unmounts it; the module's raw status goes to *status (may be null).
+  int umount_silo(const std::string& mount_point, tbs_oid_s replica, int* status);
+
+  // Invalidations of the module's name and attribute caches. 1011 when the view root is unknown.
+  int view_inval_view();
+  int view_inval_name(const tbs_uuid_s* silo, const tbs_oid_s* dir, const char* name);
+  int view_inval_obj(const tbs_uuid_s* silo, const tbs_oid_s* obj, silo_op_t op);
+  // The kind of object invalidation for an operation code.
+  static uint32_t inval_kind(silo_op_t op);
+
+  // Stat of a path through the module: the attributes and identifiers of the object the path names.
+  // view_get_xstat follows a final symbolic link, view_lget_xstat does not. Output pointers may be
+  // null. The module's status, or the call's failure.
+  int view_get_xstat(const std::string& path, view_vstat* vstat, tbs_oid_s* oid, tbs_uuid_s* uuid, int* flag,
+                     tbs_uuid_s* uuid2);
+  int view_lget_xstat(const std::string& path, view_vstat* vstat, tbs_oid_s* oid, tbs_uuid_s* uuid, int* flag,
+                      tbs_uuid_s* uuid2);
+
+  // Whether names compare exactly on this system: true.
+  static bool kfsm_is_case_sensitive() { return true; }
+
+ private:
+  int get_xstat(const std::string& path, view_vstat* vstat, tbs_oid_s* oid, tbs_uuid_s* uuid, int* flag, int follow,
+                tbs_uuid_s* uuid2);
+  int inval(kfsm_inval_info* info);
+
+  Tavrel_View* m_view;
+};
