@@ -1,0 +1,19 @@
+// Settings of the module daemon. Every time is in milliseconds unless named in seconds.
+#pragma once
+
+#include <string>
+
+struct Kfsmd_Options {
+  std::string socket_path;        // the module socket
+  std::string root = "/view";     // views appear as <root>/<view tag>/<silo tag>
+  int lpc_wait_ms = 30 * 1000;    // how long a request waits for a view's first LPC thread
+  int lpc_orphan_ms = 5 * 1000;   // how long it waits after the view's last LPC thread went away
+  double entry_timeout = 30;      // seconds a cacheable name stays in the kernel
+  double negative_timeout = 5;    // seconds a cached "no such name" stays
+  double attr_timeout_silo = 5;   // seconds attributes of a SILO object stay
+  double attr_timeout_private = 1;
+  size_t max_connections = 1024;  // connections open at once, all users together
+  size_t max_views = 1024;
+  size_t max_views_per_user = 64;
+  size_t max_mounts_per_view = 256;
+};
