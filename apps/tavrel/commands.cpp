@@ -120,7 +120,7 @@ int cmd_mkview(Options& opts) {
   client::XmlNode req = request_root(opts, "MkView");
   std::string uuid = opts.get("--uuid", tbs_uuid_to_str(tbs_uuid_create()));
   req.child(client::XmlNode("view-uuid", uuid));
-  req.child(client::XmlNode("view-type", opts.get("--type", "")));
+  req.child(client::XmlNode("view-type", opts.get("--type", "automatic")));
   req.child(client::XmlNode("cltxt-cache-dir", fileutl_abspn(opts.get("--cache-dir", opts.storage + "/cache"))));
   req.child(client::XmlNode("server-tag", opts.get("--tag")));
   req.child(client::XmlNode("text-mode", opts.get("--text-mode", "unix")));
@@ -245,7 +245,7 @@ const std::vector<Command>& commands() {
       {"mkview", "make a new view storage and start its agent",
        "  --tag TAG                   the view's tag (required)\n"
        "  --uuid UUID                 the view's identity (default: a new one)\n"
-       "  --type TYPE                 view type (\"tkm\" for a task-stream view)\n"
+       "  --type TYPE                 view type (default automatic; \"tkm\" for a task-stream view)\n"
        "  --text-mode MODE            text mode (default unix)\n"
        "  --cache-dir DIR             cleartext cache (default <storage>/cache)\n"
        "  --preserve-times            keep the repository's modification times\n"

@@ -31,6 +31,8 @@
 #include "core/tavrel_trace.h"
 #include "core/tavrel_view.h"
 #include "core/tavrel_view_handler.h"
+#include "kfsm/kfsm_view_hooks.h"
+#include "ops/tavrel_abstract_op.h"
 #include "ops/tavrel_conn_handler_base.h"
 #include "ops/tavrel_server.h"
 
@@ -265,10 +267,17 @@ int tavrel_agent_main(int argc, char** argv) {
     // through these hooks (the core library sits below both).
     Tavrel_View_Hooks hooks = Tavrel_View::get_hooks();
     hooks.server_url = [] { return Tavrel_Server::get_url(); };
+    tavrel_kfsm_fill_view_hooks(&hooks);
+    // The name-service cache and the view database are not part of this agent yet: views are made
+    // and started without them.
+    hooks.without_store = true;
     Tavrel_View::install_hooks(hooks);
-    Tavrel_Config::set_view_lookup([]() -> Tavrel_View* {
+    auto current_view = []() -> Tavrel_View* {
       return Tavrel_View_Handler::has_view() ? Tavrel_View_Handler::get_view() : nullptr;
-    });
+    };
+    Tavrel_Config::set_view_lookup(current_view);
+    Tavrel_AbstractOp::set_view_source(current_view);
+    Tavrel_AbstractOp::set_view_sink([](Tavrel_View* view) { Tavrel_View_Handler::set_view(view); });
 
     // 15.-17. View handler, forced-shutdown thread, first request.
     trace.writeTrace(TRACE_LEVEL_4, "Creating view handler for location %s", storage.c_str());

@@ -163,6 +163,26 @@ int Tavrel_View::create() {
   status = create_metadata_file();
   if (status != 0) return status;
 
+  if (g_hooks.without_store) {
+    trace.writeTrace(TRACE_LEVEL_4, "No name-service cache and view database in this process");
+    set_current_gn(0, false);
+    return register_kfsm();
+  }
+  status = start_store();
+  if (status != 0) return status;
+
+  tbs_uuid_s uuid;
+  if (tbs_str_to_uuid(m_view_uuid_str, &uuid) != 0 || !g_hooks.db_create_vns_view ||
+      g_hooks.db_create_vns_view(uuid, 0) != 0) {
+    trace.writeTrace(TRACE_LEVEL_1, "Failed to create vns entry for view.");
+    return TAVREL_ST_FAILURE;
+  }
+  set_current_gn(0, false);
+  return register_kfsm();
+}
+
+int Tavrel_View::start_store() {
+  Tavrel_Trace trace(TAVREL, "Tavrel_View", "start_store");
   if (!g_hooks.cache_init) {
     trace.writeTrace(TRACE_LEVEL_1, "No name-service cache to start");
     return TAVREL_ST_CACHE_START;
@@ -175,15 +195,7 @@ int Tavrel_View::create() {
     append_message(TVR_MSG_DB_INIT, db_status);
     return TAVREL_ST_CACHE_START;
   }
-
-  tbs_uuid_s uuid;
-  if (tbs_str_to_uuid(m_view_uuid_str, &uuid) != 0 || !g_hooks.db_create_vns_view ||
-      g_hooks.db_create_vns_view(uuid, 0) != 0) {
-    trace.writeTrace(TRACE_LEVEL_1, "Failed to create vns entry for view.");
-    return TAVREL_ST_FAILURE;
-  }
-  set_current_gn(0, false);
-  return register_kfsm();
+  return TAVREL_ST_OK;
 }
 
 int Tavrel_View::start() {
@@ -200,18 +212,13 @@ int Tavrel_View::start() {
   status = create_metadata_file();
   if (status != 0) return status;
 
-  if (!g_hooks.cache_init) {
-    trace.writeTrace(TRACE_LEVEL_1, "No name-service cache to start");
-    return TAVREL_ST_CACHE_START;
+  if (g_hooks.without_store) {
+    trace.writeTrace(TRACE_LEVEL_4, "No name-service cache and view database in this process");
+    set_current_gn(0, false);
+    return register_kfsm();
   }
-  if (g_hooks.cache_init() != 0) return TAVREL_ST_CACHE_START;
-
-  int db_status = g_hooks.start_db ? g_hooks.start_db(m_storage_path, m_view_uuid_str, &m_db) : 1001;
-  if (db_status != 0) {
-    trace.writeTrace(TRACE_LEVEL_1, "start_db failed: %d", db_status);
-    append_message(TVR_MSG_DB_INIT, db_status);
-    return TAVREL_ST_CACHE_START;
-  }
+  status = start_store();
+  if (status != 0) return status;
 
   unsigned gn = 0;
   if (!g_hooks.db_get_vns_view_gn || g_hooks.db_get_vns_view_gn(&gn) != 0) {
@@ -593,6 +600,14 @@ std::string Tavrel_View::get_view_textmode() const {
 
 int Tavrel_View::set_cache_size(unsigned size, std::string& message, bool save) {
   Tavrel_Trace trace(TAVREL, "Tavrel_View", "set_cache_size");
+  if (g_hooks.without_store) {
+    // No cache to size: the size is only kept for the metadata file.
+    m_cache_size = size;
+    if (!save) return 0;
+    int rc = create_metadata_file();
+    if (rc != 0) message += imsg_format(&_tvr_view_msg_table, TVR_MSG_CACHE_SAVE);
+    return rc;
+  }
   if (!g_hooks.cache_set_size) {
     trace.writeTrace(TRACE_LEVEL_1, "No name-service cache to size");
     message += imsg_format(&_tvr_view_msg_table, TVR_MSG_CACHE_SIZE, size, tbs_status_text(1001).c_str());

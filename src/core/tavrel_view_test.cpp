@@ -177,6 +177,32 @@ TEST_F(ViewTest, CreateMakesTheStorageAndRunsTheSequenceInOrder) {
   EXPECT_EQ(server_lock_holder(m_stg + "/.pid"), 0) << "the lock goes with the object";
 }
 
+TEST_F(ViewTest, AProcessWithoutStoreSkipsCacheAndDatabaseButStillRegisters) {
+  // The cache and database seams are installed but must not be called; the kernel module is.
+  Tavrel_View_Hooks h = fake_hooks();
+  h.without_store = true;
+  Tavrel_View::install_hooks(h);
+  {
+    std::unique_ptr<Tavrel_View> v(new_view());
+    Tavrel_View::set_current_gn(9, true);
+    ASSERT_EQ(v->create(), 0) << v->get_status_message();
+    EXPECT_EQ(g_fake.calls, "register,");
+    EXPECT_EQ(Tavrel_View::get_current_gn(), 0u);
+    EXPECT_EQ(v->get_db(), nullptr);
+  }
+  g_fake.calls.clear();
+  Tavrel_View::set_current_gn(5, true);
+  std::unique_ptr<Tavrel_View> v(Tavrel_View::get_view_from_stg(m_stg));
+  ASSERT_EQ(v->start(), 0) << v->get_status_message();
+  EXPECT_EQ(g_fake.calls, "register,");
+  EXPECT_EQ(Tavrel_View::get_current_gn(), 0u);
+  // A failing registration still fails the start.
+  v.reset();
+  g_fake.register_rc = 1008;
+  v.reset(Tavrel_View::get_view_from_stg(m_stg));
+  EXPECT_EQ(v->start(), 20001);
+}
+
 TEST_F(ViewTest, CreateRefusesWhatAlreadyExistsAndTouchesNothing) {
   struct Case {
     const char* name;

@@ -26,6 +26,7 @@
 namespace {
 std::atomic<Tavrel_AbstractOp::Factory> g_factory{nullptr};
 std::atomic<Tavrel_AbstractOp::ViewSource> g_view_source{nullptr};
+std::atomic<Tavrel_AbstractOp::ViewSink> g_view_sink{nullptr};
 
 // The request as it may appear in a trace: without password contents.
 std::string traceable(const Tavrel_Trace& trace, int level, const std::string& request) {
@@ -73,6 +74,15 @@ Tavrel_AbstractOp::~Tavrel_AbstractOp() = default;
 void Tavrel_AbstractOp::set_request_factory(Factory factory) { g_factory.store(factory); }
 
 void Tavrel_AbstractOp::set_view_source(ViewSource source) { g_view_source.store(source); }
+
+void Tavrel_AbstractOp::set_view_sink(ViewSink sink) { g_view_sink.store(sink); }
+
+bool Tavrel_AbstractOp::install_view(Tavrel_View* view) {
+  ViewSink sink = g_view_sink.load();
+  if (!sink) return false;
+  sink(view);
+  return true;
+}
 
 Tavrel_AbstractOp* Tavrel_AbstractOp::create_xml_request_handler(const std::string& request,
                                                                  const std::string& view_location, int* status) {

@@ -109,6 +109,12 @@ class Tavrel_AbstractOp {
   // none yet. Until one is installed get_view() finds no view.
   typedef Tavrel_View* (*ViewSource)();
   static void set_view_source(ViewSource source);
+  // Where MkView and StartView hand the view they made or opened: a function that takes ownership of
+  // it and makes it the process's view. Until one is installed install_view() refuses (false) and
+  // the caller keeps the view.
+  typedef void (*ViewSink)(Tavrel_View* view);
+  static void set_view_sink(ViewSink sink);
+  static bool install_view(Tavrel_View* view);
 
   // ---- Replies that no operation builds -------------------------------------------------------------
   // The reply to a first request for which no operation could be built: root "Unknown", no tx-id, the

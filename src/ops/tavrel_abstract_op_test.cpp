@@ -1,5 +1,6 @@
 // The operation framework: the factory and its error replies, the envelope checks, the shared request
 // parsers, the view and path split, the response envelope, and the XML layer's trace hook.
+#include <algorithm>
 #include <unistd.h>
 
 #include <cstdlib>
@@ -187,21 +188,43 @@ TEST(OperationFramework, ErrorReplies) {
   }
 }
 
-TEST(OperationFramework, ProcessFactoryAnswersEveryRootAsUnrecognised) {
-  // No operation is in the process's table yet: even the names of the table's future rows are
-  // answered as unrecognised, and the table has no row at all.
-  EXPECT_EQ(tavrel_op_table_size(), 0u);
-  for (const char* root : {"StartView", "MkView", "Checkin", "EndView", "Anything"}) {
-    int status = -1;
+TEST(OperationFramework, ProcessTableKeepsItsOrderAndAnswersOthersAsUnrecognised) {
+  // Every row names an operation of the known set, once, in the comparison order, with the highest
+  // version that operation accepts.
+  const std::vector<std::string> order = {
+      "Checkin", "Checkout", "Connect", "Disconnect", "EndView", "GetAggregatedState", "GetCache", "GetChildren",
+      "GetConfigSpec", "GetMetadata", "GetMountedSiloList", "Hijack", "InvalidateCheckouts", "IsSiloMounted",
+      "IsProjectSilo", "IsUpdateInProgress", "IsSiloPublic", "Load", "MergeDirectory", "Mkelem", "MkView",
+      "MountSilo", "Move", "Restore", "Rmname", "SetCache", "SetConfigSpec", "StartView", "Uncheckout", "Unhijack",
+      "Update"};
+  const Tavrel_Op_Entry* table = tavrel_op_table();
+  ASSERT_GT(tavrel_op_table_size(), 0u);
+  size_t last = 0;
+  for (size_t i = 0; i < tavrel_op_table_size(); i++) {
+    auto at = std::find(order.begin(), order.end(), table[i].name);
+    ASSERT_NE(at, order.end()) << table[i].name;
+    size_t pos = static_cast<size_t>(at - order.begin());
+    if (i > 0) EXPECT_GT(pos, last) << table[i].name << " out of order";
+    last = pos;
+    EXPECT_STREQ(table[i].highest_version, std::string(table[i].name) == "Uncheckout" ? "2" : "1");
+  }
+  // A row of the table is built; a root outside it is answered as unrecognised.
+  int status = -1;
+  Reply r = read_reply(ops_test::run_request(Tavrel_AbstractOp::create_xml_request_handler,
+                                             "<IsUpdateInProgress version=\"1\" tx-id=\"p\"/>", kLocation, &status));
+  EXPECT_EQ(r.root, "IsUpdateInProgress");
+  EXPECT_EQ(r.status(), 0);
+  EXPECT_EQ(r.attr("tx-id"), "p");
+  for (const char* root : {"Anything", "isupdateinprogress", "XMLError"}) {
     const std::string request = std::string("<") + root + " version=\"1\" tx-id=\"q\"/>";
     std::string text =
         ops_test::run_request(Tavrel_AbstractOp::create_xml_request_handler, request, kLocation, &status);
     EXPECT_EQ(status, 0);
-    Reply r = read_reply(text);
-    EXPECT_EQ(r.root, "XMLError") << root;
-    EXPECT_EQ(r.status(), 20020) << root;
-    EXPECT_EQ(r.attr("tx-id"), "q") << root;
-    EXPECT_EQ(r.message, kUnrecognized) << root;
+    Reply u = read_reply(text);
+    EXPECT_EQ(u.root, "XMLError") << root;
+    EXPECT_EQ(u.status(), 20020) << root;
+    EXPECT_EQ(u.attr("tx-id"), "q") << root;
+    EXPECT_EQ(u.message, kUnrecognized) << root;
   }
 }
 

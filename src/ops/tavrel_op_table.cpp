@@ -2,6 +2,12 @@
 
 #include <array>
 
+#include "ops/tavrel_connect.h"
+#include "ops/tavrel_disconnect.h"
+#include "ops/tavrel_is_update_in_progress.h"
+#include "ops/tavrel_mkview.h"
+#include "ops/tavrel_startview.h"
+
 namespace {
 
 // Builds an operation of class Op from the parsed request (ownership of `doc` passes to it).
@@ -14,11 +20,16 @@ template <class Op>
 // GetCache, GetChildren, GetConfigSpec, GetMetadata, GetMountedSiloList, Hijack, InvalidateCheckouts,
 // IsSiloMounted, IsProjectSilo, IsUpdateInProgress, IsSiloPublic, Load, MergeDirectory, Mkelem, MkView,
 // MountSilo, Move, Restore, Rmname, SetCache, SetConfigSpec, StartView, Uncheckout ("2"), Unhijack,
-// Update. A row reads {"Checkin", "1", &make_op<Tavrel_Checkin>}. None of these operations is built
-// yet, so the table is empty and every request is answered as unrecognised.
-constexpr std::array<Tavrel_Op_Entry, 0> kOperations{};
+// Update. Operations join the table as they are built.
+constexpr Tavrel_Op_Entry kOperations[] = {
+    {"Connect", "1", &make_op<Tavrel_Connect>},
+    {"Disconnect", "1", &make_op<Tavrel_Disconnect>},
+    {"IsUpdateInProgress", "1", &make_op<Tavrel_IsUpdateInProgress>},
+    {"MkView", "1", &make_op<Tavrel_Mkview>},
+    {"StartView", "1", &make_op<Tavrel_Startview>},
+};
 
 }  // namespace
 
-const Tavrel_Op_Entry* tavrel_op_table() { return kOperations.data(); }
-size_t tavrel_op_table_size() { return kOperations.size(); }
+const Tavrel_Op_Entry* tavrel_op_table() { return kOperations; }
+size_t tavrel_op_table_size() { return sizeof(kOperations) / sizeof(kOperations[0]); }
