@@ -4,8 +4,13 @@
 
 #include "ops/tavrel_connect.h"
 #include "ops/tavrel_disconnect.h"
+#include "ops/tavrel_get_mounted_silo_list.h"
+#include "ops/tavrel_is_project_silo.h"
+#include "ops/tavrel_is_silo_mounted.h"
+#include "ops/tavrel_is_silo_public.h"
 #include "ops/tavrel_is_update_in_progress.h"
 #include "ops/tavrel_mkview.h"
+#include "ops/tavrel_mountsilo.h"
 #include "ops/tavrel_startview.h"
 
 namespace {
@@ -24,8 +29,13 @@ template <class Op>
 constexpr Tavrel_Op_Entry kOperations[] = {
     {"Connect", "1", &make_op<Tavrel_Connect>},
     {"Disconnect", "1", &make_op<Tavrel_Disconnect>},
+    {"GetMountedSiloList", "1", &make_op<Tavrel_GetMountedSiloList>},
+    {"IsSiloMounted", "1", &make_op<Tavrel_IsSiloMounted>},
+    {"IsProjectSilo", "1", &make_op<Tavrel_IsProjectSilo>},
     {"IsUpdateInProgress", "1", &make_op<Tavrel_IsUpdateInProgress>},
+    {"IsSiloPublic", "1", &make_op<Tavrel_IsSiloPublic>},
     {"MkView", "1", &make_op<Tavrel_Mkview>},
+    {"MountSilo", "1", &make_op<Tavrel_Mountsilo>},
     {"StartView", "1", &make_op<Tavrel_Startview>},
 };
 

@@ -1,0 +1,408 @@
+// The mount operations against the reference server (in this process, SILOs imported from small
+// trees) and a scripted module: what reaches the module, what the mount table and its file hold
+// afterwards, and every refusal with its status and message.
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <cstring>
+#include <fstream>
+#include <memory>
+#include <string>
+#include <vector>
+
+#include "base/fileutl.h"
+#include "core/tavrel_config.h"
+#include "core/tavrel_view.h"
+#include "core/tavrel_view_storage.h"
+#include "kfsm/kfsm_test_util.h"
+#include "ops/ops_test_util.h"
+#include "ops/tavrel_connect.h"
+#include "ops/tavrel_mountsilo.h"
+#include "ops/tavrel_server.h"
+#include "server/importer.h"
+#include "server/wan_server.h"
+#include "wan/rclient_session.h"
+#include "xml/ol_xml_elem.h"
+
+namespace {
+
+using ops_test::read_reply;
+using ops_test::Reply;
+
+Tavrel_View* g_test_view = nullptr;
+Tavrel_View* test_view() { return g_test_view; }
+
+// The children of the answer's root other than status-message: tag, text, and the texts of their own
+// children (for lists).
+struct Child {
+  std::string tag, text;
+  std::vector<std::string> items;
+};
+std::vector<Child> answer_children(const std::string& text) {
+  ol_test::ScopedCtype utf8("C.UTF-8");
+  OlXmlParser parser;
+  OlXmlParser::Result result;
+  std::unique_ptr<OlXmlDoc> doc(parser.parse(text, result));
+  std::vector<Child> out;
+  if (!doc || !doc->get_root()) return out;
+  for (const OlXmlElem* c : doc->get_root()->get_children()) {
+    if (c->get_tag() == "status-message") continue;
+    Child ch{c->get_tag(), c->get_value(), {}};
+    for (const OlXmlElem* i : c->get_children()) ch.items.push_back(i->get_tag() + "=" + i->get_value());
+    out.push_back(ch);
+  }
+  return out;
+}
+
+class MountOps : public ::testing::Test {
+ protected:
+  void SetUp() override {
+    char tmpl[] = "/tmp/tavrel_mount_ops.XXXXXX";
+    ASSERT_NE(mkdtemp(tmpl), nullptr);
+    root = tmpl;
+    storage = root + "/view";
+    ASSERT_EQ(fileutl_mkpath(storage, 0700), 0);
+    for (const char* t : {"a", "b"}) {
+      fileutl_mkpath(root + "/tree_" + t + "/d", 0755);
+      std::ofstream(root + "/tree_" + t + "/d/f.txt") << "text " << t << "\n";
+    }
+    {
+      tavrel_server::Store store(root + "/store.db");
+      tavrel_server::ImportOptions pub;
+      pub.is_public = true;
+      proj = tavrel_server::import_tree(store, "/proj", root + "/tree_a", pub).silo;
+      tavrel_server::ImportOptions project;
+      project.is_project = true;
+      other = tavrel_server::import_tree(store, "/other", root + "/tree_b", project).silo;
+    }
+    tavrel_server::ServerConfig cfg;
+    cfg.store_path = root + "/store.db";
+    cfg.users = {{"alice", "secret"}};
+    cfg.threads = 4;
+    server = std::make_unique<tavrel_server::WanServer>(cfg);
+    int port = server->start();
+    ASSERT_GT(port, 0);
+
+    view = std::make_unique<Tavrel_View>("0b5c6a1e-2f4d-4c1a-9e7b-3d2c1b0a9f8e", "vtag", "unix", "", root + "/cache",
+                                         storage, 0);
+    g_test_view = view.get();
+    Tavrel_AbstractOp::set_view_source(&test_view);
+    Tavrel_Config::set_view_lookup(&test_view);
+    Tavrel_Config::clear_mount_tables_for_test();
+    Tavrel_Mountsilo::install_mount_hook();
+
+    peer = std::make_unique<Kfsm_Peer>(sock.path, "/view");
+    ASSERT_EQ(peer->start(), 0);
+
+    Tavrel_Server::Fields f;
+    f.url = "http://127.0.0.1:" + std::to_string(port) + "/tavrel";
+    f.username = "alice";
+    f.password = "secret";
+    Tavrel_Server::set_fields(f);
+    Tavrel_Server::set_online(false);
+    std::string message;
+    ASSERT_EQ(Tavrel_Connect::connect_to_server(message, storage), 0) << message;
+  }
+
+  void TearDown() override {
+    peer->stop();
+    Tavrel_Server::set_online(false);
+    RClient_Session::get_session()->flush_curl_handles();
+    RClient_Session::get_session()->clear_login();
+    server.reset();
+    Tavrel_Config::set_mount_hook(nullptr);
+    Tavrel_Config::clear_mount_tables_for_test();
+    Tavrel_Config::set_view_lookup(nullptr);
+    Tavrel_AbstractOp::set_view_source(nullptr);
+    g_test_view = nullptr;
+    view.reset();
+    Tavrel_View_Storage::remove_tree(root);
+  }
+
+  // Runs one request; the answer's text in *text when asked.
+  Reply run(const std::string& request, std::string* text = nullptr) {
+    int status = -1;
+    std::string answer =
+        ops_test::run_request(Tavrel_AbstractOp::create_xml_request_handler, request, storage, &status);
+    EXPECT_EQ(status, 0);
+    if (text) *text = answer;
+    return read_reply(answer);
+  }
+  Reply mount(const std::string& tag, const std::string& state = "true") {
+    return run("<MountSilo version=\"1\" tx-id=\"m\"><silo-tag mount-state=\"" + state + "\">" + tag +
+               "</silo-tag></MountSilo>");
+  }
+  // The one-element answer of a query, "" when there is none.
+  std::string ask(const std::string& op, const std::string& tag, int* status = nullptr) {
+    std::string text;
+    Reply r = run("<" + op + " version=\"1\" tx-id=\"q\"><silo-tag>" + tag + "</silo-tag></" + op + ">", &text);
+    if (status) *status = r.status();
+    auto children = answer_children(text);
+    return children.size() == 1 ? children[0].text : "";
+  }
+  std::vector<std::string> listed() {
+    std::string text;
+    Reply r = run("<GetMountedSiloList version=\"1\" tx-id=\"l\"/>", &text);
+    EXPECT_EQ(r.status(), 0);
+    auto children = answer_children(text);
+    EXPECT_EQ(children.size(), 1u);
+    if (children.size() != 1 || children[0].tag != "mounted-silo-list") return {"<no list>"};
+    return children[0].items;
+  }
+  std::string mounted_file() {
+    std::string text;
+    if (fileutl_read_file(storage + "/.mounted_silos", &text, 1 << 20) != 0) return "<none>";
+    return text;
+  }
+  std::vector<kfsm_command> commands_of(uint32_t cmd) {
+    std::vector<kfsm_command> out;
+    for (auto& c : peer->commands())
+      if (c.cmd == cmd) out.push_back(c);
+    return out;
+  }
+  static std::string line_of(const tavrel_server::Silo& s) {
+    return s.tag + "=" + tbs_uuid_to_str(s.replica) + "=" + tbs_uuid_to_str(s.family) + "=" + s.storage + "=" +
+           (s.is_public ? "true" : "false") + "=" + (s.is_project ? "true" : "false") + "\n";
+  }
+
+  kfsm_test::Temp_Socket sock;
+  std::string root, storage;
+  tavrel_server::Silo proj, other;
+  std::unique_ptr<tavrel_server::WanServer> server;
+  std::unique_ptr<Tavrel_View> view;
+  std::unique_ptr<Kfsm_Peer> peer;
+};
+
+TEST_F(MountOps, MountQueryAndUnmountKeepModuleTableAndFileInStep) {
+  EXPECT_EQ(listed(), std::vector<std::string>{});
+  for (const char* op : {"IsSiloMounted", "IsSiloPublic", "IsProjectSilo"}) {
+    int st = -1;
+    EXPECT_EQ(ask(op, "/proj", &st), "false") << op;
+    EXPECT_EQ(st, 0) << op;
+  }
+
+  Reply m = mount("/proj");
+  ASSERT_EQ(m.status(), 0) << m.message;
+  EXPECT_EQ(m.attr("tx-id"), "m");
+  auto mounts = commands_of(KFSM_CMD_MOUNT);
+  ASSERT_EQ(mounts.size(), 1u);
+  EXPECT_EQ(mounts[0].pn.text, "vtag");
+  kfsm_mount_args a;
+  ASSERT_TRUE(kfsm_parse_mount(mounts[0], &a));
+  EXPECT_EQ(a.mount_point, "/proj");
+  EXPECT_EQ(a.storage, proj.storage);
+  EXPECT_EQ(a.replica, proj.replica);
+  EXPECT_EQ(0, memcmp(a.family.bytes, proj.family.bytes, 16));
+  EXPECT_EQ(a.view_string1, storage);
+  EXPECT_EQ(mounted_file(), line_of(proj));
+
+  // The second SILO: the flags come from the server, the list is in tag order.
+  ASSERT_EQ(mount("/other").status(), 0);
+  EXPECT_EQ(listed(), (std::vector<std::string>{"silo-tag=/other", "silo-tag=/proj"}));
+  EXPECT_EQ(mounted_file(), line_of(other) + line_of(proj));
+  struct {
+    const char* op;
+    const char* tag;
+    const char* answer;
+  } queries[] = {{"IsSiloMounted", "/proj", "true"}, {"IsSiloPublic", "/proj", "true"},
+                 {"IsProjectSilo", "/proj", "false"}, {"IsSiloPublic", "/other", "false"},
+                 {"IsProjectSilo", "/other", "true"}, {"IsSiloMounted", "/nowhere", "false"}};
+  for (const auto& q : queries) EXPECT_EQ(ask(q.op, q.tag), q.answer) << q.op << " " << q.tag;
+
+  // Asking for the state it is in already: 20032, and the module is not asked.
+  Reply again = mount("/proj");
+  EXPECT_EQ(again.status(), 20032);
+  EXPECT_EQ(again.message, "/proj is already mounted.\n");
+  EXPECT_EQ(commands_of(KFSM_CMD_MOUNT).size(), 2u);
+
+  // Anything but "true" unmounts.
+  Reply u = mount("/proj", "TRUE");
+  ASSERT_EQ(u.status(), 0) << u.message;
+  auto umounts = commands_of(KFSM_CMD_UMOUNT);
+  ASSERT_EQ(umounts.size(), 1u);
+  kfsm_umount_args ua;
+  ASSERT_TRUE(kfsm_parse_umount(umounts[0], &ua));
+  EXPECT_EQ(ua.mount_point, "/proj");
+  EXPECT_EQ(ua.replica, proj.replica);
+  EXPECT_EQ(mounted_file(), line_of(other));
+  EXPECT_EQ(ask("IsSiloMounted", "/proj"), "false");
+  EXPECT_EQ(ask("IsSiloPublic", "/proj"), "false") << "unmounted: no longer known";
+
+  Reply u2 = run("<MountSilo version=\"1\" tx-id=\"m\"><silo-tag>/proj</silo-tag></MountSilo>");
+  EXPECT_EQ(u2.status(), 20032);
+  EXPECT_EQ(u2.message, "/proj is not currently mounted.\n");
+  ASSERT_EQ(mount("/other", "false").status(), 0);
+  EXPECT_EQ(listed(), std::vector<std::string>{});
+  EXPECT_EQ(mounted_file(), "");
+}
+
+TEST_F(MountOps, ModuleAnswersDecideTheOutcomeAndAFailureLeavesTheTable) {
+  struct Case {
+    const char* name;
+    bool mount_first;  // /proj mounted before the request
+    uint32_t cmd;      // the command whose answer is scripted
+    int32_t module;    // the module's status
+    int status;        // the operation's
+    bool mounted_after;
+    const char* message;
+  } cases[] = {
+      {"module had it mounted", false, KFSM_CMD_MOUNT, 1067, 0, true, ""},
+      {"module refuses the mount", false, KFSM_CMD_MOUNT, 1001, 20037, false, "Failed to mount SILO /proj.\n"},
+      {"module did not have it", true, KFSM_CMD_UMOUNT, 1072, 0, false, ""},
+      {"busy", true, KFSM_CMD_UMOUNT, 1088, 20037, true, "Unable to unmount SILO /proj: Device or resource busy\n"},
+      {"module refuses the unmount", true, KFSM_CMD_UMOUNT, 1001, 20037, true,
+       "Unable to unmount SILO /proj: Input/output error\n"},
+  };
+  for (const auto& c : cases) {
+    SCOPED_TRACE(c.name);
+    if (c.mount_first) {
+      ASSERT_EQ(mount("/proj").status(), 0);
+    }
+    const std::string before = mounted_file();
+    peer->push_status(c.cmd, c.module);
+    Reply r = mount("/proj", c.cmd == KFSM_CMD_MOUNT ? "true" : "false");
+    EXPECT_EQ(r.status(), c.status) << r.message;
+    EXPECT_EQ(r.message, c.message);
+    EXPECT_EQ(ask("IsSiloMounted", "/proj"), c.mounted_after ? "true" : "false");
+    if (c.status != 0) {
+      EXPECT_EQ(mounted_file(), before) << "a failure leaves the file";
+    }
+    EXPECT_EQ(mounted_file() == line_of(proj), c.mounted_after);
+    // Back to nothing mounted, module and table, for the next case.
+    if (c.mounted_after) {
+      ASSERT_EQ(mount("/proj", "false").status(), 0);
+    }
+  }
+}
+
+TEST_F(MountOps, WithoutSiloInformationNothingIsMounted) {
+  // Offline the server is not asked at all; an unknown tag is refused by the server.
+  Tavrel_Server::set_online(false);
+  Reply off = mount("/proj");
+  EXPECT_EQ(off.status(), 20035);
+  EXPECT_EQ(off.message, "Failed to mount SILO /proj.\n");
+  Tavrel_Server::set_online(true);
+  Reply unknown = mount("/nosuch");
+  EXPECT_EQ(unknown.status(), 20035);
+  EXPECT_NE(unknown.message.find("Failed to mount SILO /nosuch.\n"), std::string::npos) << unknown.message;
+  EXPECT_TRUE(commands_of(KFSM_CMD_MOUNT).empty());
+  EXPECT_EQ(listed(), std::vector<std::string>{});
+  EXPECT_EQ(mounted_file(), "<none>");
+}
+
+TEST_F(MountOps, TableEntriesTheModuleCannotUseOrTheFileCannotKeep) {
+  // An entry without a replica cannot be unmounted: 20036, and the module is not asked.
+  SILO_mount_info bad;
+  bad.silo_tag = "/proj";
+  bad.mount_state = 1;
+  ASSERT_EQ(Tavrel_Config::get_instance()->set_mount_state(bad), 0);
+  EXPECT_EQ(mount("/proj", "false").status(), 20036);
+  EXPECT_TRUE(commands_of(KFSM_CMD_UMOUNT).empty());
+  Tavrel_Config::clear_mount_tables_for_test();
+
+  // The file cannot be written (a directory stands in its place): the module and the table in memory
+  // have the SILO, the answer says 20043.
+  ASSERT_EQ(unlink((storage + "/.mounted_silos").c_str()), 0);
+  ASSERT_EQ(mkdir((storage + "/.mounted_silos").c_str(), 0700), 0);
+  EXPECT_EQ(mount("/proj").status(), 20043);
+  EXPECT_EQ(commands_of(KFSM_CMD_MOUNT).size(), 1u);
+  EXPECT_EQ(ask("IsSiloMounted", "/proj"), "true");
+
+  // Without a view nothing reaches the module.
+  Tavrel_Config::clear_mount_tables_for_test();
+  g_test_view = nullptr;
+  Reply nv = mount("/other");
+  EXPECT_EQ(nv.status(), 20019);
+  EXPECT_EQ(commands_of(KFSM_CMD_MOUNT).size(), 1u);
+}
+
+TEST_F(MountOps, RequestsWithoutAUsableTagAreRefused) {
+  const std::string bad_tags[] = {"", "<silo-tag/>", "<silo-tag mount-state=\"true\"></silo-tag>",
+                                  "<silo-tag>/a=b</silo-tag>", "<silo-tag>/a&#10;b</silo-tag>",
+                                  "<other>/proj</other>"};
+  for (const char* op : {"MountSilo", "IsSiloMounted", "IsSiloPublic", "IsProjectSilo"}) {
+    for (const auto& body : bad_tags) {
+      std::string text;
+      Reply r = run(std::string("<") + op + " version=\"1\" tx-id=\"t\">" + body + "</" + op + ">", &text);
+      EXPECT_EQ(r.root, op);
+      EXPECT_EQ(r.status(), 20021) << op << " " << body;
+      EXPECT_EQ(r.message, "Parse error in \"" + storage + "\".\n") << op << " " << body;
+      EXPECT_TRUE(answer_children(text).empty()) << op << " " << body;
+    }
+    Reply no_txid = run(std::string("<") + op + " version=\"1\"><silo-tag>/proj</silo-tag></" + op + ">");
+    EXPECT_EQ(no_txid.status(), 20021) << op;
+  }
+  EXPECT_EQ(run("<GetMountedSiloList version=\"1\"/>").status(), 20021);
+  EXPECT_TRUE(peer->commands().empty());
+}
+
+TEST_F(MountOps, RemountMountsWhatTheFileListsAndGoesOnPastFailures) {
+  // The file as an earlier run of the view left it, with one line that cannot be read, and a storage
+  // path holding the field separator.
+  other.storage = "/global/other=store";
+  const std::string file = line_of(other) + "garbage-without-identities\n" + line_of(proj);
+  ASSERT_EQ(fileutl_write_atomic(storage + "/.mounted_silos", file, 0600), 0);
+  Tavrel_Server::set_online(false);  // a remount needs no server
+  ASSERT_EQ(Tavrel_Config::get_instance()->remount_silos(), 0);
+  auto mounts = commands_of(KFSM_CMD_MOUNT);
+  ASSERT_EQ(mounts.size(), 2u);
+  kfsm_mount_args a;
+  ASSERT_TRUE(kfsm_parse_mount(mounts[0], &a));
+  EXPECT_EQ(a.mount_point, "/other");
+  EXPECT_EQ(a.storage, other.storage);
+  EXPECT_EQ(a.replica, other.replica);
+  EXPECT_EQ(listed(), (std::vector<std::string>{"silo-tag=/other", "silo-tag=/proj"}));
+  EXPECT_EQ(ask("IsProjectSilo", "/other"), "true");
+  EXPECT_EQ(mounted_file(), line_of(other) + line_of(proj)) << "rewritten without the bad line";
+
+  // A SILO the module refuses stays out of the table; the others are mounted all the same.
+  Tavrel_Config::clear_mount_tables_for_test();
+  peer->push_status(KFSM_CMD_MOUNT, 1001);
+  EXPECT_EQ(Tavrel_Config::get_instance()->remount_silos(), 20045);
+  EXPECT_EQ(commands_of(KFSM_CMD_MOUNT).size(), 4u);
+  EXPECT_EQ(listed(), std::vector<std::string>{"silo-tag=/proj"});
+  EXPECT_EQ(mounted_file(), line_of(proj)) << "the file follows what the module mounted";
+}
+
+TEST_F(MountOps, EndOfViewUnmountsInTheModuleAndKeepsTheTable) {
+  ASSERT_EQ(mount("/proj").status(), 0);
+  ASSERT_EQ(mount("/other").status(), 0);
+  const std::string file = mounted_file();
+  // /other (first in tag order) is busy once, then lets go; /proj was gone from the module already.
+  peer->push_status(KFSM_CMD_UMOUNT, 1088);
+  peer->push_status(KFSM_CMD_UMOUNT, 0);
+  peer->push_status(KFSM_CMD_UMOUNT, 1072);
+  EXPECT_EQ(Tavrel_Mountsilo::unmount_all_in_kernel(view.get()), 0);
+  auto umounts = commands_of(KFSM_CMD_UMOUNT);
+  ASSERT_EQ(umounts.size(), 3u);
+  std::vector<std::string> points;
+  for (auto& c : umounts) {
+    kfsm_umount_args u;
+    ASSERT_TRUE(kfsm_parse_umount(c, &u));
+    points.push_back(u.mount_point);
+  }
+  EXPECT_EQ(points, (std::vector<std::string>{"/other", "/other", "/proj"}));
+  EXPECT_EQ(mounted_file(), file);
+  EXPECT_EQ(listed(), (std::vector<std::string>{"silo-tag=/other", "silo-tag=/proj"}));
+
+  // Busy twice: reported, the next SILO is still unmounted.
+  peer->push_status(KFSM_CMD_UMOUNT, 1088);
+  peer->push_status(KFSM_CMD_UMOUNT, 1088);
+  EXPECT_EQ(Tavrel_Mountsilo::unmount_all_in_kernel(view.get()), 20037);
+  EXPECT_EQ(commands_of(KFSM_CMD_UMOUNT).size(), 6u);
+  EXPECT_EQ(Tavrel_Mountsilo::unmount_all_in_kernel(nullptr), 20019);
+}
+
+TEST_F(MountOps, ProcessSiloServesCallersWithoutARequest) {
+  Tavrel_Mountsilo up(storage, "/proj", true);
+  EXPECT_EQ(up.process_silo(), 0);
+  EXPECT_EQ(up.get_status(), 0);
+  Tavrel_Mountsilo again(storage, "/proj", true);
+  EXPECT_EQ(again.process_silo(), 20032);
+  EXPECT_EQ(again.get_status_message(), "/proj is already mounted.\n");
+  Tavrel_Mountsilo down(storage, "/proj", false);
+  EXPECT_EQ(down.process_silo(), 0);
+  EXPECT_EQ(mounted_file(), "");
+}
+
+}  // namespace
