@@ -175,12 +175,25 @@ int cmd_status(Options& opts) {
   if (!fileutl_exists(opts.storage)) return fail(kNoAgent, "no view storage at " + opts.storage);
   pid_t pid = view_pid(opts);
   std::string tag = metadata(opts, "server-tag");
+  // A running view is asked whether an update runs: that also shows it answers.
+  std::string updating;
+  if (pid > 0) {
+    client::Response reply;
+    std::string raw;
+    int rc = call(opts, request_root(opts, "IsUpdateInProgress").to_document(), &reply, &raw);
+    if (rc != kOk) return rc;
+    const client::XmlNode* n = reply.status == 0 ? reply.root.find("is-update-in-progress") : nullptr;
+    updating = n ? n->text : "";
+  }
   if (opts.output == Output::kJson) {
-    printf("{\"storage\":\"%s\",\"view_tag\":\"%s\",\"running\":%s,\"pid\":%d}\n", opts.storage.c_str(), tag.c_str(),
+    printf("{\"storage\":\"%s\",\"view_tag\":\"%s\",\"running\":%s,\"pid\":%d", opts.storage.c_str(), tag.c_str(),
            pid > 0 ? "true" : "false", pid > 0 ? static_cast<int>(pid) : 0);
+    if (!updating.empty()) printf(",\"update_in_progress\":%s", updating == "true" ? "true" : "false");
+    printf("}\n");
   } else {
     printf("storage: %s\nview-tag: %s\nrunning: %s\n", opts.storage.c_str(), tag.c_str(), pid > 0 ? "true" : "false");
     if (pid > 0) printf("pid: %d\n", static_cast<int>(pid));
+    if (!updating.empty()) printf("update-in-progress: %s\n", updating.c_str());
   }
   return pid > 0 ? kOk : kNoAgent;
 }

@@ -209,6 +209,7 @@ TEST_F(ViewLife, MakeEndAndStartAgainAgainstTheServer) {
   Outcome status = tavrel({"--json", "status"});
   EXPECT_EQ(status.code, 0);
   EXPECT_NE(status.out.find("\"running\":true"), std::string::npos) << status.out;
+  EXPECT_NE(status.out.find("\"update_in_progress\":false"), std::string::npos) << status.out;
   Outcome upd = sh("echo '<IsUpdateInProgress version=\"1\"/>' | HOME='" + home + "' '" + bin("tavrel") + "' -s '" +
                storage + "' --json raw --add-txid");
   EXPECT_EQ(upd.code, 0) << upd.err;
