@@ -13,8 +13,10 @@
 #include "core/tavrel_trace.h"
 #include "core/tavrel_log.h"
 #include "core/tavrel_view.h"
+#include "kfsm/tavrel_kfsm_request_handler.h"
 #include "ops/tavrel_abstract_op.h"
 #include "ops/tavrel_conn_handler_base.h"
+#include "ops/tavrel_mountsilo.h"
 #include "ops/tavrel_request_handler_base.h"
 #include "wan/rclient_session.h"
 
@@ -34,6 +36,16 @@ void release_standard_streams() {
   dup2(fd, 1);
   if (isatty(2)) dup2(fd, 2);
   if (fd > 2) close(fd);
+}
+// After the view's work has ended: the SILOs leave the module one by one (a busy one is tried again
+// once), the table and its file staying as they are so that the next start mounts the same set; then
+// the view is unregistered, which lets the module detach whatever is still mounted.
+void end_view_in_kernel(Tavrel_View* view) {
+  Tavrel_Trace trace(TAVREL, "Tavrel_View_Handler", "end_view_in_kernel");
+  int st = Tavrel_Mountsilo::unmount_all_in_kernel(view);
+  if (st != 0) trace.writeTrace(TRACE_LEVEL_1, "Not every SILO could be unmounted: %d", st);
+  st = view->cleanup();
+  trace.writeTrace(TRACE_LEVEL_3, "Unregistered view: %d", st);
 }
 }  // namespace
 
@@ -115,14 +127,20 @@ int Tavrel_View_Handler::prepare_view() {
 int Tavrel_View_Handler::run() {
   Tavrel_Trace trace(TAVREL, "Tavrel_View_Handler", "run");
   int status = 0;
+  Tavrel_KFSM_Request_Handler* kfsm = Tavrel_KFSM_Request_Handler::get_instance();
   Tavrel_Thread_Manager_Base* mgr = Tavrel_Thread_Manager_Base::get_instance();
   Tavrel_Conn_Handler_Base* conn = g_view ? Tavrel_Conn_Handler_Base::get_conn_handler(g_view) : nullptr;
   bool conn_started = false;
-  if (!mgr || !conn) status = TAVREL_ST_NO_OBJECT;
+  if (!kfsm || !mgr || !conn) status = TAVREL_ST_NO_OBJECT;
   if (status == 0) status = mgr->initialize();
   if (status == 0) {
+    // The LPC threads of the kernel channel serve the view's file system from here on. They end when
+    // the module lets the view go (1046, after the view is unregistered) or at shutdown. A view the
+    // module does not know gets no threads; its clients are served all the same.
     trace.writeTrace(TRACE_LEVEL_4, "Starting KFSM listening");
-    int rc = conn->start();
+    int rc = kfsm->start_listening();
+    if (rc != 0) trace.writeTrace(TRACE_LEVEL_1, "No KFSM listening: %d", rc);
+    rc = conn->start();
     if (rc != 0) {
       trace.writeTrace(TRACE_LEVEL_1, "Unable to start connection handler thread: error %d", rc);
       status = TAVREL_ST_THREAD_START;
@@ -134,11 +152,15 @@ int Tavrel_View_Handler::run() {
     }
   } else {
     if (g_view) g_view->cleanup();
-    mgr->set_should_exit();
-    mgr->terminate();
+    if (mgr) {
+      mgr->set_should_exit();
+      mgr->terminate();
+    }
   }
+  if (kfsm) kfsm->stop_listening();
   if (conn_started) conn->join();
   delete conn;
+  if (conn_started && g_view) end_view_in_kernel(g_view);
   return status;
 }
 
