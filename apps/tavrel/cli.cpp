@@ -255,8 +255,9 @@ int main(int argc, char** argv) {
     }
     return help ? kOk : kUsage;
   }
-  if (opts.storage.empty()) return fail(kUsage, "no view storage: give --storage PATH or set TAVREL_STORAGE");
-  opts.storage = fileutl_abspn(opts.storage);
+  if (opts.storage.empty() && cmd->needs_storage)
+    return fail(kUsage, "no view storage: give --storage PATH or set TAVREL_STORAGE");
+  if (!opts.storage.empty()) opts.storage = fileutl_abspn(opts.storage);
   return cmd->run(opts);
 }
 

@@ -46,9 +46,12 @@ struct Command {
   std::vector<std::string> value_options; // options that take a value
   std::vector<std::string> flag_options;  // options without a value
   int (*run)(Options& opts);
+  bool needs_storage = true;              // false: runs without a view storage (e.g. the module daemon)
 };
 
 const std::vector<Command>& commands();
+// The rows of the mount commands (mount, umount, mounts, silo) and of the module daemon (kfsmd).
+std::vector<Command> mount_commands();
 int main(int argc, char** argv);
 
 // Shared by the commands.

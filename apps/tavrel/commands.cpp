@@ -282,7 +282,12 @@ const std::vector<Command>& commands() {
       {"raw", "send an XML request from FILE or standard input and print the reply",
        "  --add-txid                  add a tx-id attribute to the root\n", {}, {"--add-txid"}, cmd_raw},
   };
-  return table;
+  static const std::vector<Command> all = [] {
+    std::vector<Command> rows = table;
+    for (const Command& c : mount_commands()) rows.push_back(c);
+    return rows;
+  }();
+  return all;
 }
 
 }  // namespace tavrel::cli
