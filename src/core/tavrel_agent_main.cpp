@@ -23,6 +23,7 @@
 #include "base/imsg.h"
 #include "base/olthread.h"
 #include "base/pfm.h"
+#include "base/server.h"
 #include "base/strutl.h"
 #include "base/sysutl.h"
 #include "core/tavrel_config.h"
@@ -226,7 +227,10 @@ int tavrel_agent_main(int argc, char** argv) {
       if (r == child) break;
       if (r < 0 && errno != EINTR) break;
     }
-    remove(Tavrel_Conn_Handler_Base::listener_path(storage).c_str());
+    // The listener belongs to whoever holds the view lock: a second agent refused on a running view
+    // must not take the running agent's listener away (no client could reach that view any more).
+    pid_t holder = server_lock_holder(storage + "/" + Tavrel_View::LOCK_FILE);
+    if (holder <= 0 || holder == child) remove(Tavrel_Conn_Handler_Base::listener_path(storage).c_str());
     if (WIFEXITED(st)) _exit(WEXITSTATUS(st));
     _exit(2);
   }

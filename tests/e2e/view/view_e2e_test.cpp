@@ -310,6 +310,7 @@ TEST_F(ViewLife, SecondStartOfARunningViewIsRefusedAndTheFirstGoesOn) {
   EXPECT_NE(second.out.find("status-code=\"3\""), std::string::npos) << second.out;
   EXPECT_NE(second.out.find("in use by process " + std::to_string(first)), std::string::npos) << second.out;
   EXPECT_EQ(agent_pid(), first);
+  EXPECT_TRUE(fileutl_exists(storage + "/.ipc/rlistener")) << "the refused agent leaves the running one's listener";
   EXPECT_EQ(tavrel({"--json", "status"}).code, 0);
   Outcome again = tavrel({"startview"}, creds());
   EXPECT_EQ(again.code, 0);
