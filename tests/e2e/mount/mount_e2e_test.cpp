@@ -308,6 +308,14 @@ TEST_F(SiloMounts, StoppingTheDaemonDetachesTheMounts) {
   EXPECT_EQ(status.code, 3);
   EXPECT_NE(status.out.find("running: false"), std::string::npos) << status.out;
   EXPECT_EQ(kfsmd("stop").code, 3) << "nothing left to stop";
+  // A pid file left behind may name an unrelated process by now: it is never signalled.
+  pid_t other = spawn({"/bin/sleep", "60"}, dir + "/sleep.log");
+  ASSERT_GT(other, 0);
+  std::ofstream(dir + "/run/kfsmd.pid") << other << "\n";
+  EXPECT_EQ(kfsmd("stop").code, 3);
+  EXPECT_EQ(waitpid(other, nullptr, WNOHANG), 0) << "the unrelated process must still run";
+  kill(other, SIGKILL);
+  waitpid(other, nullptr, 0);
 }
 
 }  // namespace
