@@ -7,6 +7,7 @@
 // Skipped, with the reason, where a FUSE file system cannot be mounted; with TAVREL_REQUIRE_FUSE=1 the
 // skip is a failure. Everything is made under a temporary directory; mounts left there by a failing
 // test are detached in the teardown.
+#include <dirent.h>
 #include <fcntl.h>
 #include <gtest/gtest.h>
 #include <netinet/in.h>
@@ -283,7 +284,8 @@ TEST_F(SiloMounts, MountsComeBackWhenTheViewStartsAgain) {
   EXPECT_EQ(mounts_under(root + "/"), std::vector<std::string>{});
   EXPECT_NE(slurp(storage + "/.mounted_silos").find("/proj="), std::string::npos);
 
-  Outcome start = tavrel({"startview", "--server-url", url(), "--user", "alice", "--password-file", dir + "/pw"});
+  Outcome start = tavrel({"--trace", "4", "startview", "--server-url", url(), "--user", "alice", "--password-file",
+                          dir + "/pw"});
   ASSERT_EQ(start.code, 0) << start.out << start.err;
   EXPECT_EQ(start.err.find("note"), std::string::npos) << start.err;
   EXPECT_TRUE(mounted(proj_mp)) << slurp("/proc/self/mounts");
@@ -291,9 +293,33 @@ TEST_F(SiloMounts, MountsComeBackWhenTheViewStartsAgain) {
   EXPECT_EQ(tavrel({"mounts"}).out, "/proj\n");
   EXPECT_EQ(slurp(storage + "/log/tvr.log").find("SILO remount failed"), std::string::npos);
 
-  // Offline too: the start needs no server to mount what the file lists.
+  // Ended while the mount point is busy: the agent tries twice, then unregisters the view, and the
+  // daemon detaches the mount.
+  pid_t agent = server_lock_holder(storage + "/.pid");
+  ASSERT_GT(agent, 0);
+  int held = open(proj_mp.c_str(), O_PATH | O_CLOEXEC);
+  ASSERT_GE(held, 0) << strerror(errno);
   ASSERT_EQ(tavrel({"endview"}).code, 0);
+  close(held);
   EXPECT_FALSE(mounted(proj_mp));
+  std::string trace;
+  if (DIR* d = opendir((home + "/tavrel_trace").c_str())) {
+    while (dirent* e = readdir(d)) {
+      const std::string name = e->d_name;
+      if (name.find("_p" + std::to_string(agent) + ".log") != std::string::npos) trace = slurp(home + "/tavrel_trace/" + name);
+    }
+    closedir(d);
+  }
+  ASSERT_FALSE(trace.empty()) << "no trace of agent " << agent;
+  size_t busy = trace.find("EBUSY, sleeping"), failed = trace.find("Unmount failed for /proj"),
+         unregistered = trace.find("Unregistered view");
+  EXPECT_NE(busy, std::string::npos);
+  EXPECT_NE(failed, std::string::npos);
+  EXPECT_NE(unregistered, std::string::npos);
+  EXPECT_LT(busy, failed);
+  EXPECT_LT(failed, unregistered);
+
+  // Offline too: the start needs no server to mount what the file lists.
   ASSERT_EQ(tavrel({"startview", "--offline", "--server-url", url()}).code, 0);
   EXPECT_TRUE(mounted(proj_mp));
 }
