@@ -35,6 +35,7 @@
 #include "kfsm/kfsm_view_hooks.h"
 #include "ops/tavrel_abstract_op.h"
 #include "ops/tavrel_conn_handler_base.h"
+#include "ops/tavrel_mountsilo.h"
 #include "ops/tavrel_server.h"
 
 namespace {
@@ -282,6 +283,8 @@ int tavrel_agent_main(int argc, char** argv) {
     Tavrel_Config::set_view_lookup(current_view);
     Tavrel_AbstractOp::set_view_source(current_view);
     Tavrel_AbstractOp::set_view_sink([](Tavrel_View* view) { Tavrel_View_Handler::set_view(view); });
+    // StartView mounts the SILOs of the mount table again through this hook.
+    Tavrel_Mountsilo::install_mount_hook();
 
     // 15.-17. View handler, forced-shutdown thread, first request.
     trace.writeTrace(TRACE_LEVEL_4, "Creating view handler for location %s", storage.c_str());
