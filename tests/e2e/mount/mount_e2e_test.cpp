@@ -32,76 +32,12 @@
 
 #include "base/fileutl.h"
 #include "base/server.h"
+#include "tests/e2e/e2e_process.h"
 #include "kfsmd/fuse/kfsmd_fuse_mount.h"
 
 namespace {
 
-std::string bin(const std::string& name) {
-  const char* dir = getenv("TAVREL_BIN_DIR");
-  return std::string(dir ? dir : ".") + "/" + name;
-}
-
-std::string slurp(const std::string& path) {
-  std::string text;
-  fileutl_read_file(path, &text, 16 << 20);
-  return text;
-}
-
-struct Outcome {
-  int code = -1;
-  std::string out, err;
-};
-
-int free_port() {
-  int fd = socket(AF_INET, SOCK_STREAM, 0);
-  sockaddr_in a{};
-  a.sin_family = AF_INET;
-  a.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-  socklen_t len = sizeof a;
-  if (bind(fd, reinterpret_cast<sockaddr*>(&a), sizeof a) != 0 ||
-      getsockname(fd, reinterpret_cast<sockaddr*>(&a), &len) != 0) {
-    close(fd);
-    return -1;
-  }
-  close(fd);
-  return ntohs(a.sin_port);
-}
-
-bool wait_for(int ms, const std::function<bool()>& pred) {
-  auto until = std::chrono::steady_clock::now() + std::chrono::milliseconds(ms);
-  while (!pred()) {
-    if (std::chrono::steady_clock::now() > until) return false;
-    std::this_thread::sleep_for(std::chrono::milliseconds(20));
-  }
-  return true;
-}
-
-pid_t spawn(const std::vector<std::string>& argv, const std::string& log) {
-  pid_t pid = fork();
-  if (pid == 0) {
-    FILE* f = freopen(log.c_str(), "a", stderr);
-    (void)f;
-    f = freopen(log.c_str(), "a", stdout);
-    (void)f;
-    std::vector<char*> args;
-    for (const auto& a : argv) args.push_back(const_cast<char*>(a.c_str()));
-    args.push_back(nullptr);
-    execv(args[0], args.data());
-    _exit(127);
-  }
-  return pid;
-}
-
-void stop(pid_t& pid) {
-  if (pid <= 0) return;
-  kill(pid, SIGTERM);
-  int st;
-  if (!wait_for(10000, [&] { return waitpid(pid, &st, WNOHANG) == pid; })) {
-    kill(pid, SIGKILL);
-    waitpid(pid, &st, 0);
-  }
-  pid = -1;
-}
+using namespace e2e;
 
 // Mount points of the kernel's table that lie under `prefix` (octal escapes as the kernel writes them;
 // the paths here hold none).
