@@ -171,29 +171,54 @@ int cmd_endview(Options& opts) {
   return kOk;
 }
 
+// Asks the running view `op` and returns its reply's root when the status is 0 (null otherwise, also
+// for an agent that does not know the operation); a transport failure sets *rc.
+bool ask(Options& opts, const char* op, client::Response* reply, int* rc) {
+  std::string raw;
+  *rc = call(opts, request_root(opts, op).to_document(), reply, &raw);
+  return *rc == kOk && reply->status == 0;
+}
+
 int cmd_status(Options& opts) {
   if (!fileutl_exists(opts.storage)) return fail(kNoAgent, "no view storage at " + opts.storage);
   pid_t pid = view_pid(opts);
   std::string tag = metadata(opts, "server-tag");
-  // A running view is asked whether an update runs: that also shows it answers.
+  // A running view is asked whether an update runs (which also shows that it answers) and what is
+  // mounted.
   std::string updating;
+  std::vector<std::string> mounts;
+  bool mounts_known = false;
   if (pid > 0) {
     client::Response reply;
-    std::string raw;
-    int rc = call(opts, request_root(opts, "IsUpdateInProgress").to_document(), &reply, &raw);
+    int rc = kOk;
+    if (ask(opts, "IsUpdateInProgress", &reply, &rc)) {
+      const client::XmlNode* n = reply.root.find("is-update-in-progress");
+      if (n) updating = n->text;
+    }
     if (rc != kOk) return rc;
-    const client::XmlNode* n = reply.status == 0 ? reply.root.find("is-update-in-progress") : nullptr;
-    updating = n ? n->text : "";
+    if (ask(opts, "GetMountedSiloList", &reply, &rc)) {
+      mounts_known = true;
+      if (const client::XmlNode* list = reply.root.find("mounted-silo-list"))
+        for (const client::XmlNode& c : list->children)
+          if (c.tag == "silo-tag") mounts.push_back(c.text);
+    }
+    if (rc != kOk) return rc;
   }
   if (opts.output == Output::kJson) {
     printf("{\"storage\":\"%s\",\"view_tag\":\"%s\",\"running\":%s,\"pid\":%d", opts.storage.c_str(), tag.c_str(),
            pid > 0 ? "true" : "false", pid > 0 ? static_cast<int>(pid) : 0);
     if (!updating.empty()) printf(",\"update_in_progress\":%s", updating == "true" ? "true" : "false");
+    if (mounts_known) {
+      printf(",\"mounts\":[");
+      for (size_t i = 0; i < mounts.size(); i++) printf("%s\"%s\"", i ? "," : "", mounts[i].c_str());
+      printf("]");
+    }
     printf("}\n");
   } else {
     printf("storage: %s\nview-tag: %s\nrunning: %s\n", opts.storage.c_str(), tag.c_str(), pid > 0 ? "true" : "false");
     if (pid > 0) printf("pid: %d\n", static_cast<int>(pid));
     if (!updating.empty()) printf("update-in-progress: %s\n", updating.c_str());
+    for (const std::string& m : mounts) printf("mounted: %s\n", m.c_str());
   }
   return pid > 0 ? kOk : kNoAgent;
 }

@@ -197,6 +197,8 @@ TEST_F(SiloMounts, MountQueryUnmountAndABusyMountPoint) {
   EXPECT_FALSE(mounted(proj_mp));
   EXPECT_TRUE(mounted(lib_mp));
   EXPECT_EQ(tavrel({"mounts"}).out, "/lib\n");
+  Outcome st = tavrel({"--json", "status"});
+  EXPECT_NE(st.out.find("\"mounts\":[\"/lib\"]"), std::string::npos) << st.out;
   Outcome u2 = tavrel({"umount", "/proj"});
   EXPECT_EQ(u2.code, 1);
   EXPECT_NE(u2.err.find("/proj is not currently mounted."), std::string::npos) << u2.err;
