@@ -56,6 +56,9 @@ AgentStarted start_agent(const AgentStart& how) {
   if (pid == 0) {
     dup2(in_pipe[0], 0);
     dup2(out_pipe[1], 1);
+    // The agent lives on after the starter: it must not keep descriptors of the starter's caller open
+    // (a pipe of a shell's command substitution, say, would then never see its end).
+    close_range(3, ~0U, 0);
     // A UTF-8 locale lets the agent convert non-ASCII names.
     setenv("LC_ALL", "C.UTF-8", 1);
     execv(argv[0], argv.data());

@@ -3,6 +3,7 @@
 // Covered: making a view (login, config spec cached), ending and starting it again, starting with
 // the server down and going online with `connect`, wrong credentials, a second start of a running
 // view, and a start after the agent was killed with SIGKILL.
+#include <dirent.h>
 #include <gtest/gtest.h>
 #include <netinet/in.h>
 #include <signal.h>
@@ -270,6 +271,33 @@ TEST_F(ViewLife, KilledAgentLeavesAViewThatStartsCleanly) {
   EXPECT_NE(agent_pid(), pid);
   Outcome cs = tavrel({"--json", "status"});
   EXPECT_EQ(cs.code, 0) << cs.out;
+}
+
+TEST_F(ViewLife, TheAgentKeepsNoDescriptorOfWhoStartedIt) {
+  start_server();
+  // A descriptor the caller of `tavrel` holds open (here fd 7 on a file) must not live on in the
+  // agent, which outlasts the command: a pipe held that way would never see its end.
+  std::string held = dir + "/held-by-the-caller";
+  std::string cmd = "exec 7>'" + held + "'; HOME='" + home + "' TAVREL_KFSM_SOCKET='" + socket_path +
+                    "' TAVREL_AGENT='" + bin("tavrel_agent") + "' '" + bin("tavrel") + "' -s '" + storage +
+                    "' mkview --tag v6 --server-url " + url() + " --user alice --password-file '" + dir + "/pw'";
+  Outcome mk = sh(cmd);
+  ASSERT_EQ(mk.code, 0) << mk.err;
+  pid_t pid = agent_pid();
+  ASSERT_GT(pid, 0);
+  std::string fd_dir = "/proc/" + std::to_string(pid) + "/fd";
+  DIR* d = opendir(fd_dir.c_str());
+  ASSERT_NE(d, nullptr);
+  int checked = 0;
+  while (dirent* e = readdir(d)) {
+    char target[4096] = {};
+    if (readlink((fd_dir + "/" + e->d_name).c_str(), target, sizeof target - 1) > 0) {
+      checked++;
+      EXPECT_NE(std::string(target), held) << "fd " << e->d_name;
+    }
+  }
+  closedir(d);
+  EXPECT_GT(checked, 3);
 }
 
 }  // namespace
