@@ -157,12 +157,18 @@ int cmd_startview(Options& opts) {
 int cmd_endview(Options& opts) {
   pid_t pid = view_pid(opts);
   if (pid <= 0) return fail(kNoAgent, "the view is not running");
-  if (opts.has("--request")) {
-    int rc = call_and_print(opts, request_root(opts, "EndView"));
-    if (rc != kOk && rc != kEnded) return rc;
-  } else {
-    // The forced end: the agent ends its work on a signal as it does on EndView.
+  if (opts.has("--signal") || opts.has("--kill")) {
+    // The forced end (SIGTERM: the same steps as EndView, but a busy SILO does not keep the view
+    // up), or SIGKILL as the last resort.
     if (kill(pid, opts.has("--kill") ? SIGKILL : SIGTERM) != 0) return fail(kNoAgent, "cannot signal the agent");
+  } else {
+    client::Response reply;
+    std::string raw;
+    int rc = call(opts, request_root(opts, "EndView").to_document(), &reply, &raw);
+    if (rc == kEnded) rc = kOk;  // the view went away while answering
+    if (rc != kOk) return rc;
+    if (reply.status != 0) return print_reply(opts, reply, raw);  // e.g. a busy SILO: the view stays up
+    if (!opts.quiet && opts.output == Output::kHuman && !reply.message.empty()) fputs(reply.message.c_str(), stdout);
   }
   int limit = opts.timeout_s * 1000;
   if (!wait_until(limit, [&] { return view_pid(opts) <= 0 && !fileutl_exists(listener(opts)); }))
@@ -293,10 +299,10 @@ const std::vector<Command>& commands() {
       {"startview", "start the agent of an existing view", "  --offline                   start without contacting the server\n",
        with_server({}), {"--offline"}, cmd_startview},
       {"endview", "end a running view",
-       "  --request                   ask the agent with an EndView request\n"
-       "  --signal                    end it with SIGTERM (the default)\n"
+       "  (default)                   ask the agent with an EndView request; a busy SILO keeps the view up\n"
+       "  --signal                    the forced end with SIGTERM\n"
        "  --kill                      SIGKILL, the last resort\n",
-       {}, {"--request", "--signal", "--kill"}, cmd_endview},
+       {}, {"--signal", "--kill"}, cmd_endview},
       {"status", "whether the view runs, and its process", "", {}, {}, cmd_status},
       {"connect", "bring the view online, with new credentials", "", with_server({}), {}, cmd_connect},
       {"disconnect", "take the view offline", "", {}, {}, cmd_disconnect},

@@ -35,6 +35,7 @@
 #include "kfsm/kfsm_view_hooks.h"
 #include "ops/tavrel_abstract_op.h"
 #include "ops/tavrel_conn_handler_base.h"
+#include "ops/tavrel_endview.h"
 #include "ops/tavrel_mountsilo.h"
 #include "ops/tavrel_server.h"
 
@@ -105,7 +106,15 @@ void* tavrel_agent_force_shutdown_thread(void*) {
   Tavrel_Trace trace(TAVREL, "tavrel_agent", "tavrel_agent_shutdown_now");
   if (g_view_storage)
     Tavrel_Log::get_instance(g_view_storage)->write_log(TAVREL_LOG_WARN, &_tvr_bin_bin_msg_table, 5);
-  Tavrel_View_Handler::perform_shutdown(true);
+  // The forced end: the same steps as EndView. A signal that comes before there is a view (during
+  // the first request) still stops the agent.
+  if (g_view_storage && Tavrel_View_Handler::has_view()) {
+    Tavrel_Endview end(g_view_storage, true);
+    int status = end.perform_endview();
+    trace.writeTrace(TRACE_LEVEL_3, "Forced end: %d %s", status, end.get_status_message().c_str());
+  } else {
+    Tavrel_View_Handler::perform_shutdown(true);
+  }
   return nullptr;
 }
 

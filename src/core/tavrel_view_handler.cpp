@@ -16,7 +16,6 @@
 #include "kfsm/tavrel_kfsm_request_handler.h"
 #include "ops/tavrel_abstract_op.h"
 #include "ops/tavrel_conn_handler_base.h"
-#include "ops/tavrel_mountsilo.h"
 #include "ops/tavrel_request_handler_base.h"
 #include "wan/rclient_session.h"
 
@@ -36,16 +35,6 @@ void release_standard_streams() {
   dup2(fd, 1);
   if (isatty(2)) dup2(fd, 2);
   if (fd > 2) close(fd);
-}
-// After the view's work has ended: the SILOs leave the module one by one (a busy one is tried again
-// once), the table and its file staying as they are so that the next start mounts the same set; then
-// the view is unregistered, which lets the module detach whatever is still mounted.
-void end_view_in_kernel(Tavrel_View* view) {
-  Tavrel_Trace trace(TAVREL, "Tavrel_View_Handler", "end_view_in_kernel");
-  int st = Tavrel_Mountsilo::unmount_all_in_kernel(view);
-  if (st != 0) trace.writeTrace(TRACE_LEVEL_1, "Not every SILO could be unmounted: %d", st);
-  st = view->cleanup();
-  trace.writeTrace(TRACE_LEVEL_3, "Unregistered view: %d", st);
 }
 }  // namespace
 
@@ -160,7 +149,6 @@ int Tavrel_View_Handler::run() {
   if (kfsm) kfsm->stop_listening();
   if (conn_started) conn->join();
   delete conn;
-  if (conn_started && g_view) end_view_in_kernel(g_view);
   return status;
 }
 

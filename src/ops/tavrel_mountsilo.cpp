@@ -16,22 +16,16 @@
 #include "wan/get_siloinfo.h"
 #include "xml/ol_xml_elem.h"
 
-namespace {
-
-// A replica or family identity as the module's records carry it: the same 16 bytes.
-tbs_oid_s oid_of(const tbs_uuid_s& u) {
+tbs_oid_s Tavrel_Mountsilo::as_oid(const tbs_uuid_s& u) {
   tbs_oid_s o;
   memcpy(o.bytes, u.bytes, sizeof o.bytes);
   return o;
 }
 
-// Waits `seconds` without being woken by signals other than through select's own return.
-void pause_seconds(int seconds) {
+void Tavrel_Mountsilo::pause_seconds(int seconds) {
   struct timeval tv = {seconds, 0};
   select(0, nullptr, nullptr, nullptr, &tv);
 }
-
-}  // namespace
 
 void Tavrel_Mountsilo::parse_request() {
   Tavrel_Trace trace(TAVREL, "Tavrel_Mountsilo", "parse_request");
@@ -102,8 +96,8 @@ int Tavrel_Mountsilo::do_mount(const SILO_mount_info& info) {
     trace.writeTrace(TRACE_LEVEL_1, " get_view failed ");
     return TAVREL_ST_NO_VIEW_INFO;
   }
-  int st = Tavrel_KFSM_Ioctl(m_view).mount_silo(info.silo_tag, info.storage, oid_of(info.replica_uuid),
-                                                oid_of(info.family_uuid));
+  int st = Tavrel_KFSM_Ioctl(m_view).mount_silo(info.silo_tag, info.storage, as_oid(info.replica_uuid),
+                                                as_oid(info.family_uuid));
   trace.writeTrace(TRACE_LEVEL_4, "Status from mount_silo = %d", st);
   if (st == TAVREL_ST_ALREADY_MOUNTED) st = 0;
   if (st != 0) return TAVREL_ST_KERNEL_MOUNT;
@@ -124,7 +118,7 @@ int Tavrel_Mountsilo::unmount_silo() {
     return st;
   }
   int error = 0;
-  int st = Tavrel_KFSM_Ioctl(m_view).umount_silo(m_silo_tag, oid_of(info.replica_uuid), &error);
+  int st = Tavrel_KFSM_Ioctl(m_view).umount_silo(m_silo_tag, as_oid(info.replica_uuid), &error);
   trace.writeTrace(TRACE_LEVEL_4, "Status from umount_silo = %d (%d)", st, error);
   if (st == TAVREL_ST_NOT_MOUNTED) {
     trace.writeTrace(TRACE_LEVEL_3, "SILO not mounted, setting status to OK");
@@ -148,29 +142,3 @@ int Tavrel_Mountsilo::remount_entry(SILO_mount_info& entry) {
 
 void Tavrel_Mountsilo::install_mount_hook() { Tavrel_Config::set_mount_hook(&Tavrel_Mountsilo::remount_entry); }
 
-int Tavrel_Mountsilo::unmount_all_in_kernel(Tavrel_View* view) {
-  Tavrel_Trace trace(TAVREL, "Tavrel_Mountsilo", "unmount_all_in_kernel");
-  if (!view) {
-    trace.writeTrace(TRACE_LEVEL_1, "no ioctl available");
-    return TAVREL_ST_NO_VIEW_INFO;
-  }
-  Tavrel_KFSM_Ioctl ioctl(view);
-  int result = 0;
-  for (const SILO_mount_info& e : Tavrel_Config::get_instance()->get_mounted_silos()) {
-    int error = 0;
-    int st = ioctl.umount_silo(e.silo_tag, oid_of(e.replica_uuid), &error);
-    if (error == TBS_ST_BUSY) {
-      trace.writeTrace(TRACE_LEVEL_3, "EBUSY, sleeping");
-      pause_seconds(BUSY_RETRY_SECONDS);
-      st = ioctl.umount_silo(e.silo_tag, oid_of(e.replica_uuid), &error);
-      trace.writeTrace(TRACE_LEVEL_3, "after EBUSY: %d (%d)", st, error);
-    }
-    if (st == 0 || st == TAVREL_ST_NOT_MOUNTED) {
-      trace.writeTrace(TRACE_LEVEL_3, "Unmounted %s", e.silo_tag.c_str());
-      continue;
-    }
-    trace.writeTrace(TRACE_LEVEL_1, "Unmount failed for %s: %s", e.silo_tag.c_str(), tbs_strerror(error));
-    result = TAVREL_ST_KERNEL_MOUNT;
-  }
-  return result;
-}

@@ -32,8 +32,6 @@ class Tavrel_Mountsilo : public Tavrel_SiloTagOp {
  public:
   static constexpr const char* MOUNT_STATE = "mount-state";
   static constexpr const char* REQUEST_NAME = "MountSilo";
-  // Time before a busy SILO is tried once more in unmount_all_in_kernel.
-  static constexpr int BUSY_RETRY_SECONDS = 2;
 
   Tavrel_Mountsilo(const std::string& location, OlXmlDoc* doc) : Tavrel_SiloTagOp(location, doc) {}
   // Built in code: bring `tag` into the state `wanted` (true mounted) with process_silo().
@@ -59,10 +57,10 @@ class Tavrel_Mountsilo : public Tavrel_SiloTagOp {
   // Installs remount_entry as Tavrel_Config's mount hook (once at process start).
   static void install_mount_hook();
 
-  // Unmounts every SILO of the table from the module, leaving table and file as they are (the next
-  // start mounts the same set). A busy SILO is tried once more after BUSY_RETRY_SECONDS. Used when the
-  // view ends. 0, or the status of the last failure (20037; 20019 without a view).
-  static int unmount_all_in_kernel(Tavrel_View* view);
+  // A replica or family identity as the module's records carry it: the same 16 bytes.
+  static tbs_oid_s as_oid(const tbs_uuid_s& uuid);
+  // Waits `seconds` (select, so that it sleeps through nothing but its own time-out).
+  static void pause_seconds(int seconds);
 
  private:
   void parse_request();

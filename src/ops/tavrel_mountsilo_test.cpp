@@ -17,6 +17,7 @@
 #include "kfsm/kfsm_test_util.h"
 #include "ops/ops_test_util.h"
 #include "ops/tavrel_connect.h"
+#include "ops/tavrel_endview.h"
 #include "ops/tavrel_mountsilo.h"
 #include "ops/tavrel_server.h"
 #include "server/importer.h"
@@ -372,7 +373,12 @@ TEST_F(MountOps, EndOfViewUnmountsInTheModuleAndKeepsTheTable) {
   peer->push_status(KFSM_CMD_UMOUNT, 1088);
   peer->push_status(KFSM_CMD_UMOUNT, 0);
   peer->push_status(KFSM_CMD_UMOUNT, 1072);
-  EXPECT_EQ(Tavrel_Mountsilo::unmount_all_in_kernel(view.get()), 0);
+  {
+    Tavrel_Endview end(storage, false);
+    EXPECT_EQ(end.unmount_silos(), 0);
+    EXPECT_EQ(end.get_status_message(), "Unmounted SILO /other.\nUnmounted SILO /proj.\n");
+    EXPECT_EQ(end.get_unmounted().size(), 2u);
+  }
   auto umounts = commands_of(KFSM_CMD_UMOUNT);
   ASSERT_EQ(umounts.size(), 3u);
   std::vector<std::string> points;
@@ -382,15 +388,34 @@ TEST_F(MountOps, EndOfViewUnmountsInTheModuleAndKeepsTheTable) {
     points.push_back(u.mount_point);
   }
   EXPECT_EQ(points, (std::vector<std::string>{"/other", "/other", "/proj"}));
-  EXPECT_EQ(mounted_file(), file);
+  EXPECT_EQ(mounted_file(), file) << "the table stays for the next start";
   EXPECT_EQ(listed(), (std::vector<std::string>{"silo-tag=/other", "silo-tag=/proj"}));
 
-  // Busy twice: reported, the next SILO is still unmounted.
+  // /other busy twice: reported, /proj is still unmounted, and then mounted again since the view
+  // stays up.
+  const size_t mounts_before = commands_of(KFSM_CMD_MOUNT).size();
   peer->push_status(KFSM_CMD_UMOUNT, 1088);
   peer->push_status(KFSM_CMD_UMOUNT, 1088);
-  EXPECT_EQ(Tavrel_Mountsilo::unmount_all_in_kernel(view.get()), 20037);
+  {
+    Tavrel_Endview end(storage, false);
+    EXPECT_NE(end.unmount_silos(), 0);
+    const std::string& m = end.get_status_message();
+    EXPECT_EQ(m.find("Unable to unmount SILO /other: "), 0u) << m;
+    EXPECT_NE(m.find("Unmounted SILO /proj.\nNot every SILO could be unmounted; the view stays up.\nSILOs remounted.\n"),
+              std::string::npos)
+        << m;
+  }
   EXPECT_EQ(commands_of(KFSM_CMD_UMOUNT).size(), 6u);
-  EXPECT_EQ(Tavrel_Mountsilo::unmount_all_in_kernel(nullptr), 20019);
+  auto mounts = commands_of(KFSM_CMD_MOUNT);
+  ASSERT_EQ(mounts.size(), mounts_before + 1);
+  kfsm_mount_args again;
+  ASSERT_TRUE(kfsm_parse_mount(mounts.back(), &again));
+  EXPECT_EQ(again.mount_point, "/proj");
+  // Without a view nothing is tried.
+  Tavrel_AbstractOp::set_view_source(nullptr);
+  Tavrel_Endview none(storage, false);
+  EXPECT_EQ(none.unmount_silos(), 20019);
+  EXPECT_EQ(commands_of(KFSM_CMD_UMOUNT).size(), 6u);
 }
 
 TEST_F(MountOps, ProcessSiloServesCallersWithoutARequest) {

@@ -4,6 +4,7 @@
 
 #include "ops/tavrel_connect.h"
 #include "ops/tavrel_disconnect.h"
+#include "ops/tavrel_endview.h"
 #include "ops/tavrel_get_mounted_silo_list.h"
 #include "ops/tavrel_is_project_silo.h"
 #include "ops/tavrel_is_silo_mounted.h"
@@ -29,6 +30,7 @@ template <class Op>
 constexpr Tavrel_Op_Entry kOperations[] = {
     {"Connect", "1", &make_op<Tavrel_Connect>},
     {"Disconnect", "1", &make_op<Tavrel_Disconnect>},
+    {"EndView", "1", &make_op<Tavrel_Endview>},
     {"GetMountedSiloList", "1", &make_op<Tavrel_GetMountedSiloList>},
     {"IsSiloMounted", "1", &make_op<Tavrel_IsSiloMounted>},
     {"IsProjectSilo", "1", &make_op<Tavrel_IsProjectSilo>},

@@ -122,7 +122,7 @@ TEST_F(Cli, ViewLifeAndRequests) {
   EXPECT_EQ(r.code, 1);
   EXPECT_NE(r.err.find("tavrel: XMLError failed: UNRECOGNIZED_REQUEST (20020)"), std::string::npos) << r.err;
 
-  r = run({"endview"});
+  r = run({"endview", "--signal"});
   EXPECT_EQ(r.code, 0) << r.err;
   r = run({"status"});
   EXPECT_EQ(r.code, 3);
@@ -137,7 +137,7 @@ TEST_F(Cli, PasswordFromEnvironmentAndStartFailure) {
   std::string first;
   ASSERT_EQ(fileutl_read_file(storage + "/.first-request", &first, 1 << 20), 0);
   EXPECT_NE(first.find("<password>from-env</password>"), std::string::npos);
-  EXPECT_EQ(run({"endview"}).code, 0);
+  EXPECT_EQ(run({"endview", "--signal"}).code, 0);
 
   // An agent that cannot be run at all.
   r = run({"--agent", "/nonexistent/agent", "startview", "--offline"});

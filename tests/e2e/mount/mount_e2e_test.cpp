@@ -231,31 +231,48 @@ TEST_F(SiloMounts, MountsComeBackWhenTheViewStartsAgain) {
   EXPECT_EQ(tavrel({"mounts"}).out, "/proj\n");
   EXPECT_EQ(slurp(storage + "/log/tvr.log").find("SILO remount failed"), std::string::npos);
 
-  // Ended while the mount point is busy: the agent tries twice, then unregisters the view, and the
-  // daemon detaches the mount.
+  // EndView while the mount point is busy: the SILO is tried twice, the view stays up and says why.
   pid_t agent = server_lock_holder(storage + "/.pid");
   ASSERT_GT(agent, 0);
   int held = open(proj_mp.c_str(), O_PATH | O_CLOEXEC);
   ASSERT_GE(held, 0) << strerror(errno);
-  ASSERT_EQ(tavrel({"endview"}).code, 0);
+  Outcome busy = tavrel({"endview"});
+  EXPECT_EQ(busy.code, 1) << busy.out << busy.err;
+  EXPECT_NE(busy.err.find("Unable to unmount SILO /proj"), std::string::npos) << busy.err;
+  EXPECT_NE(busy.err.find("Not every SILO could be unmounted"), std::string::npos) << busy.err;
+  EXPECT_TRUE(mounted(proj_mp));
+  EXPECT_EQ(server_lock_holder(storage + "/.pid"), agent);
+  EXPECT_EQ(tavrel({"mounts"}).out, "/proj\n");
+
+  // The forced end (a signal) with the mount point still busy: tried twice, then the view is
+  // unregistered anyway, so the daemon detaches the mount; the agent itself goes on.
+  ASSERT_EQ(kill(agent, SIGTERM), 0);
+  EXPECT_TRUE(wait_for(20000, [&] { return !mounted(proj_mp); })) << slurp("/proc/self/mounts");
   close(held);
-  EXPECT_FALSE(mounted(proj_mp));
   std::string trace;
-  if (DIR* d = opendir((home + "/tavrel_trace").c_str())) {
-    while (dirent* e = readdir(d)) {
-      const std::string name = e->d_name;
-      if (name.find("_p" + std::to_string(agent) + ".log") != std::string::npos) trace = slurp(home + "/tavrel_trace/" + name);
+  EXPECT_TRUE(wait_for(10000, [&] {
+    if (DIR* d = opendir((home + "/tavrel_trace").c_str())) {
+      while (dirent* e = readdir(d)) {
+        const std::string name = e->d_name;
+        if (name.find("_p" + std::to_string(agent) + ".log") != std::string::npos)
+          trace = slurp(home + "/tavrel_trace/" + name);
+      }
+      closedir(d);
     }
-    closedir(d);
-  }
-  ASSERT_FALSE(trace.empty()) << "no trace of agent " << agent;
-  size_t busy = trace.find("EBUSY, sleeping"), failed = trace.find("Unmount failed for /proj"),
-         unregistered = trace.find("Unregistered view");
-  EXPECT_NE(busy, std::string::npos);
+    return trace.find("Forced end:") != std::string::npos;
+  })) << "no end of the forced end in the trace of agent " << agent;
+  size_t busy_at = trace.rfind("EBUSY, sleeping"), failed = trace.rfind("Unmount failed for /proj"),
+         unregistered = trace.rfind("Status from cleanup");
+  EXPECT_NE(busy_at, std::string::npos);
   EXPECT_NE(failed, std::string::npos);
   EXPECT_NE(unregistered, std::string::npos);
-  EXPECT_LT(busy, failed);
+  EXPECT_LT(busy_at, failed);
   EXPECT_LT(failed, unregistered);
+  EXPECT_EQ(server_lock_holder(storage + "/.pid"), agent) << "a forced end that could not unmount keeps running";
+  // EndView then ends it: the module no longer knows the view, so nothing of it is mounted.
+  Outcome end2 = tavrel({"endview"});
+  ASSERT_EQ(end2.code, 0) << end2.out << end2.err;
+  EXPECT_LE(server_lock_holder(storage + "/.pid"), 0);
 
   // Offline too: the start needs no server to mount what the file lists.
   ASSERT_EQ(tavrel({"startview", "--offline", "--server-url", url()}).code, 0);

@@ -152,9 +152,13 @@ TEST_F(ViewLife, MakeEndAndStartAgainAgainstTheServer) {
   EXPECT_NE(upd.out.find("\"status\":0"), std::string::npos) << upd.out;
   EXPECT_NE(upd.out.find("false"), std::string::npos) << upd.out;
 
-  ASSERT_EQ(tavrel({"endview"}).code, 0);
+  // EndView (the default of `tavrel endview`): nothing mounted, so nothing to report; it logs out.
+  Outcome end = tavrel({"endview"});
+  ASSERT_EQ(end.code, 0) << end.err;
+  EXPECT_EQ(end.out, "view ended\n");
   EXPECT_LE(agent_pid(), 0);
   EXPECT_FALSE(fileutl_exists(storage + "/.ipc/rlistener"));
+  EXPECT_TRUE(has(rpcs(), "logout"));
 
   size_t before = rpcs().size();
   Outcome start = tavrel({"startview"}, creds());
@@ -169,6 +173,11 @@ TEST_F(ViewLife, MakeEndAndStartAgainAgainstTheServer) {
   std::string log = slurp(storage + "/log/tvr.log");
   EXPECT_NE(log.find("Using view \"" + storage + "\""), std::string::npos) << log;
   EXPECT_NE(log.find("Exiting, status = 0."), std::string::npos) << log;
+  EXPECT_EQ(log.find("Interrupted"), std::string::npos) << "ended by request, not by signal: " << log;
+  // The forced end by signal says so in the log.
+  ASSERT_EQ(tavrel({"startview"}, creds()).code, 0);
+  ASSERT_EQ(tavrel({"endview", "--signal"}).code, 0);
+  EXPECT_NE(slurp(storage + "/log/tvr.log").find("Interrupted...exiting."), std::string::npos);
 }
 
 TEST_F(ViewLife, StartOfflineWhileTheServerIsDownThenConnect) {
