@@ -92,6 +92,7 @@ void Tavrel_Mkview::process_request() {
   m_status = Tavrel_Connect::connect_to_server(m_status_message, location);
   trace.writeTrace(TRACE_LEVEL_4, "Status from Login run = %d", m_status);
   if (m_status != 0) {
+    view->cleanup();  // registered with the module by create(): a later MkView may use the tag again
     view->cleanup_storage();
     return;
   }
@@ -101,6 +102,7 @@ void Tavrel_Mkview::process_request() {
   if (st != 0) {
     trace.writeTrace(TRACE_LEVEL_1, "Fetching the config spec failed with %d", st);
     m_status = TAVREL_ST_NO_OBJECT;
+    view->cleanup();
     view->cleanup_storage();
   }
 }

@@ -279,6 +279,28 @@ TEST_F(SiloMounts, MountsComeBackWhenTheViewStartsAgain) {
   EXPECT_TRUE(mounted(proj_mp));
 }
 
+TEST_F(SiloMounts, AFailedMkViewLeavesNoRegistrationBehind) {
+  // A creation that fails after registering (here at the login) takes its registration back, so the
+  // same view tag can be made again at once.
+  std::ofstream(dir + "/badpw") << "wrong\n";
+  const std::string second = dir + "/view2";
+  auto on_second = [&](const std::string& args) {
+    return sh(env() + "'" + bin("tavrel") + "' -s '" + second + "' -t 30 " + args);
+  };
+  const std::string make = "mkview --tag v2 --server-url " + url() + " --user alice --password-file ";
+  Outcome bad = on_second(make + "'" + dir + "/badpw'");
+  EXPECT_EQ(bad.code, 1) << bad.out << bad.err;
+  EXPECT_NE(bad.err.find("20034"), std::string::npos) << bad.err;
+  EXPECT_FALSE(fileutl_exists(second));
+  Outcome good = on_second(make + "'" + dir + "/pw'");
+  ASSERT_EQ(good.code, 0) << good.out << good.err;
+  ASSERT_EQ(on_second("mount /proj").code, 0);
+  EXPECT_TRUE(mounted(root + "/v2/proj"));
+  Outcome end = on_second("endview");
+  EXPECT_EQ(end.code, 0) << end.err;
+  EXPECT_FALSE(mounted(root + "/v2/proj"));
+}
+
 TEST_F(SiloMounts, StoppingTheDaemonDetachesTheMounts) {
   ASSERT_EQ(tavrel({"mount", "/proj"}).code, 0);
   ASSERT_TRUE(mounted(proj_mp));
