@@ -60,25 +60,14 @@ int view_status(RClient_Abstract_Cmd& cmd, std::string* message = nullptr) {
   return rc;
 }
 
-class ClearTextTest : public WanTest {
+class ClearTextTest : public ScriptedServerTest {
  protected:
+  ClearTextTest() : ScriptedServerTest("/tavrel/cltxt/", true) {}
   void SetUp() override {
-    WanTest::SetUp();
+    ScriptedServerTest::SetUp();
     out = home->path() + "/out";
-    server = std::make_unique<Test_Wan_Server>();
-    server->add_user("u", "p");
-    ASSERT_EQ(login(server->base_url(), "u", "p"), 0);
-  }
-  void TearDown() override {
-    server.reset();
-    WanTest::TearDown();
-  }
-  void answer(const std::string& doc, size_t block = 1 << 20) {
-    server->on_get("/tavrel/cltxt/",
-                   [doc, block](const Recorded&, httplib::Response& res) { serve_chunked(res, doc, block); });
   }
   std::string out;
-  std::unique_ptr<Test_Wan_Server> server;
 };
 
 TEST_F(ClearTextTest, AGetOfTheTailWithTheSessionCookies) {

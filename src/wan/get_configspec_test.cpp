@@ -23,23 +23,9 @@ tbs_uuid_s view_uuid() {
   return u;
 }
 
-class GetConfigSpecTest : public WanTest {
+class GetConfigSpecTest : public ScriptedServerTest {
  protected:
-  void SetUp() override {
-    WanTest::SetUp();
-    server = std::make_unique<Test_Wan_Server>();
-    server->add_user("u", "p");
-    ASSERT_EQ(login(server->base_url(), "u", "p"), 0);
-  }
-  void TearDown() override {
-    server.reset();
-    WanTest::TearDown();
-  }
-  void answer(const std::string& doc, size_t block = 1 << 20) {
-    server->on_rpc(tavrel_wan::RPC_GET_CONFIG_SPEC,
-                   [doc, block](const Recorded&, httplib::Response& res) { serve_chunked(res, doc, block); });
-  }
-  std::unique_ptr<Test_Wan_Server> server;
+  GetConfigSpecTest() : ScriptedServerTest(tavrel_wan::RPC_GET_CONFIG_SPEC, false) {}
 };
 
 TEST_F(GetConfigSpecTest, BothFormsOfTheRequest) {

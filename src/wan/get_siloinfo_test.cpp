@@ -29,23 +29,9 @@ ReplyItems info_items(const std::string& family = kFamily, const std::string& re
           {tavrel_wan::ITEM_IS_PROJECT, proj}};
 }
 
-class SiloInfoTest : public WanTest {
+class SiloInfoTest : public ScriptedServerTest {
  protected:
-  void SetUp() override {
-    WanTest::SetUp();
-    server = std::make_unique<Test_Wan_Server>();
-    server->add_user("u", "p");
-    ASSERT_EQ(login(server->base_url(), "u", "p"), 0);
-  }
-  void TearDown() override {
-    server.reset();
-    WanTest::TearDown();
-  }
-  void answer(const std::string& doc, size_t block = 1 << 20) {
-    server->on_rpc(tavrel_wan::RPC_GET_SILO_INFO,
-                   [doc, block](const Recorded&, httplib::Response& res) { serve_chunked(res, doc, block); });
-  }
-  std::unique_ptr<Test_Wan_Server> server;
+  SiloInfoTest() : ScriptedServerTest(tavrel_wan::RPC_GET_SILO_INFO, false) {}
 };
 
 TEST_F(SiloInfoTest, RequestCarriesTheTagOnly) {

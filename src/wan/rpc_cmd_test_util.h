@@ -11,6 +11,7 @@
 #include <string>
 
 #include "proto/reply_writer.h"
+#include "wan/wan_test_fixture.h"
 #include "wan/wan_test_support.h"
 
 namespace wan_test {
@@ -70,5 +71,36 @@ std::string make_doc(F fill) {
   w.end();
   return w.take();
 }
+
+// A session logged in (user "u", password "p") to a scripted test server, whose answer to the
+// command under test each test sets with answer(). Subclasses name the RPC (or, for a GET, the
+// path prefix) through the constructor.
+class ScriptedServerTest : public WanTest {
+ protected:
+  ScriptedServerTest(std::string rpc, bool is_get) : m_rpc(std::move(rpc)), m_get(is_get) {}
+  void SetUp() override {
+    WanTest::SetUp();
+    server = std::make_unique<Test_Wan_Server>();
+    server->add_user("u", "p");
+    ASSERT_EQ(login(server->base_url(), "u", "p"), 0);
+  }
+  void TearDown() override {
+    server.reset();
+    WanTest::TearDown();
+  }
+  // The server answers the command with `doc`, sent in blocks of `block` bytes.
+  void answer(const std::string& doc, size_t block = 1 << 20) {
+    auto handler = [doc, block](const Recorded&, httplib::Response& res) { serve_chunked(res, doc, block); };
+    if (m_get)
+      server->on_get(m_rpc, handler);
+    else
+      server->on_rpc(m_rpc, handler);
+  }
+  std::unique_ptr<Test_Wan_Server> server;
+
+ private:
+  std::string m_rpc;
+  bool m_get;
+};
 
 }  // namespace wan_test

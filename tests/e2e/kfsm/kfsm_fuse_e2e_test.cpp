@@ -37,6 +37,7 @@
 #include "kfsm/tavrel_kfsm_request_handler.h"
 #include "kfsm/tavrel_kfsm_thread_unix.h"
 #include "kfsmd/fuse/kfsmd_fuse_mount.h"
+#include "tests/e2e/e2e_fuse.h"
 #include "proto/view_records.h"
 
 namespace {
@@ -223,23 +224,10 @@ std::string mount_line(const std::string& mp) {
   return "";
 }
 
-bool fuse_checked = false, fuse_ok = false;
-std::string fuse_why;
-
 class KfsmFuse : public ::testing::Test {
  protected:
   void SetUp() override {
-    if (!fuse_checked) {
-      fuse_ok = kfsmd_fuse_available(&fuse_why);
-      fuse_checked = true;
-    }
-    if (!fuse_ok) {
-      const char* req = getenv("TAVREL_REQUIRE_FUSE");
-      if (req && std::string(req) == "1") {
-        FAIL() << "FUSE is required but not available: " << fuse_why;
-      }
-      GTEST_SKIP() << "FUSE not available: " << fuse_why;
-    }
+    TAVREL_E2E_NEED_FUSE();
     for (auto& c : g_calls) c = 0;
     char tmpl[] = "/tmp/kfsm_e2e.XXXXXX";
     ASSERT_NE(mkdtemp(tmpl), nullptr);

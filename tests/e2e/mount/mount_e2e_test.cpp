@@ -34,6 +34,7 @@
 #include "base/server.h"
 #include "tests/e2e/e2e_process.h"
 #include "kfsmd/fuse/kfsmd_fuse_mount.h"
+#include "tests/e2e/e2e_fuse.h"
 
 namespace {
 
@@ -54,23 +55,10 @@ std::vector<std::string> mounts_under(const std::string& prefix) {
   return out;
 }
 
-bool fuse_checked = false, fuse_ok = false;
-std::string fuse_why;
-
 class SiloMounts : public ::testing::Test {
  protected:
   void SetUp() override {
-    if (!fuse_checked) {
-      fuse_ok = kfsmd_fuse_available(&fuse_why);
-      fuse_checked = true;
-    }
-    if (!fuse_ok) {
-      const char* req = getenv("TAVREL_REQUIRE_FUSE");
-      if (req && std::string(req) == "1") {
-        FAIL() << "FUSE is required but not available: " << fuse_why;
-      }
-      GTEST_SKIP() << "FUSE not available: " << fuse_why;
-    }
+    TAVREL_E2E_NEED_FUSE();
     char tmpl[] = "/tmp/tavrel-mount-e2e-XXXXXX";
     ASSERT_NE(mkdtemp(tmpl), nullptr);
     dir = tmpl;
