@@ -22,6 +22,7 @@
 #include <thread>
 
 #include "ops/ops_test_util.h"
+#include "xml/ol_xml_detectors_test_util.h"
 
 // ---- heap accounting --------------------------------------------------------------------------------
 
@@ -85,84 +86,9 @@ class PeakHeap {
   std::size_t base;
 };
 
-// ---- detectors ------------------------------------------------------------------------------------------
-
-const char kMarker[] = "MARKER-7d02aa";
-
-class MarkerDir {
- public:
-  MarkerDir() {
-    char tmpl[] = "/tmp/tavrel-hostile-XXXXXX";
-    path = mkdtemp(tmpl);
-    std::ofstream(path + "/marker.txt") << kMarker;
-    std::ofstream(path + "/marker.dtd") << "<!ENTITY leak \"" << kMarker << "\">";
-    std::ofstream(path + "/marker.xsd") << "<!-- " << kMarker << " -->";
-    fd = inotify_init1(IN_NONBLOCK | IN_CLOEXEC);
-    wd = inotify_add_watch(fd, path.c_str(), IN_OPEN | IN_ACCESS);
-  }
-  ~MarkerDir() {
-    close(fd);
-    EXPECT_EQ(std::system(("rm -rf '" + path + "'").c_str()), 0);
-  }
-  bool watching() const { return fd >= 0 && wd >= 0; }
-  int events() {
-    alignas(inotify_event) char buf[4096];
-    int count = 0;
-    for (;;) {
-      ssize_t n = read(fd, buf, sizeof buf);
-      if (n <= 0) break;
-      for (char* p = buf; p < buf + n; count++) p += sizeof(inotify_event) + reinterpret_cast<inotify_event*>(p)->len;
-    }
-    return count;
-  }
-  std::string path;
-
- private:
-  int fd = -1;
-  int wd = -1;
-};
-
-class Listener {
- public:
-  Listener() {
-    fd = socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
-    sockaddr_in a{};
-    a.sin_family = AF_INET;
-    a.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-    if (bind(fd, reinterpret_cast<sockaddr*>(&a), sizeof a) != 0 || listen(fd, 16) != 0) return;
-    socklen_t len = sizeof a;
-    getsockname(fd, reinterpret_cast<sockaddr*>(&a), &len);
-    port = ntohs(a.sin_port);
-    thread = std::thread([this] {
-      while (!stop.load()) {
-        pollfd p{fd, POLLIN, 0};
-        if (poll(&p, 1, 20) == 1) {
-          int c = accept(fd, nullptr, nullptr);
-          if (c >= 0) {
-            accepted.fetch_add(1);
-            close(c);
-          }
-        }
-      }
-    });
-  }
-  ~Listener() {
-    stop.store(true);
-    if (thread.joinable()) thread.join();
-    close(fd);
-  }
-  int connections() {
-    std::this_thread::sleep_for(std::chrono::milliseconds(30));  // let one in flight be counted
-    return accepted.exchange(0);
-  }
-  int port = 0;
-
- private:
-  int fd = -1;
-  std::atomic<bool> stop{false};
-  std::atomic<int> accepted{0};
-  std::thread thread;
-};
+using ol_test::kMarker;
+using ol_test::Listener;
+using ol_test::MarkerDir;
 
 std::string repeat(const std::string& s, std::size_t n) {
   std::string out;
