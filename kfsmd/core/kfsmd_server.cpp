@@ -29,16 +29,8 @@ int Kfsmd_Server::start() {
     bool live = probe >= 0 && connect(probe, reinterpret_cast<sockaddr*>(&addr), sizeof addr) == 0;
     if (probe >= 0) close(probe);
     if (live) return EADDRINUSE;
-    unlink(path.c_str());
   }
-  m_listen = socket(AF_UNIX, SOCK_SEQPACKET | SOCK_CLOEXEC, 0);
-  if (m_listen < 0) return errno;
-  mode_t old = umask(0);
-  int rc = bind(m_listen, reinterpret_cast<sockaddr*>(&addr), sizeof addr);
-  umask(old);
-  if (rc != 0 || chmod(path.c_str(), 0666) != 0 || listen(m_listen, 128) != 0) {
-    int e = errno;
-    close(m_listen);
+  if (int e = kfsm_listen(path, 0666, 128, &m_listen)) {
     m_listen = -1;
     return e;
   }

@@ -14,17 +14,7 @@ Kfsm_Peer::Kfsm_Peer(const std::string& socket_path, const std::string& root) : 
 Kfsm_Peer::~Kfsm_Peer() { stop(); }
 
 int Kfsm_Peer::start() {
-  struct sockaddr_un addr;
-  memset(&addr, 0, sizeof addr);
-  addr.sun_family = AF_UNIX;
-  if (m_path.size() >= sizeof addr.sun_path) return ENAMETOOLONG;
-  memcpy(addr.sun_path, m_path.c_str(), m_path.size() + 1);
-  unlink(m_path.c_str());
-  m_listen = socket(AF_UNIX, SOCK_SEQPACKET | SOCK_CLOEXEC, 0);
-  if (m_listen < 0) return errno;
-  if (bind(m_listen, reinterpret_cast<struct sockaddr*>(&addr), sizeof addr) != 0 || listen(m_listen, 64) != 0) {
-    int e = errno;
-    close(m_listen);
+  if (int e = kfsm_listen(m_path, 0600, 64, &m_listen)) {
     m_listen = -1;
     return e;
   }

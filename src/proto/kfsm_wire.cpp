@@ -1,6 +1,9 @@
 #include "proto/kfsm_wire.h"
 
 #include <sys/socket.h>
+#include <sys/stat.h>
+#include <sys/un.h>
+#include <unistd.h>
 #include <sys/uio.h>
 
 #include <cerrno>
@@ -13,6 +16,28 @@
 std::string kfsm_socket_path() {
   const char* env = getenv(KFSM_SOCKET_ENV);
   return env && *env ? env : KFSM_SOCKET_DEFAULT;
+}
+
+int kfsm_listen(const std::string& path, unsigned mode, int backlog, int* fd) {
+  struct sockaddr_un addr;
+  memset(&addr, 0, sizeof addr);
+  addr.sun_family = AF_UNIX;
+  if (path.empty() || path.size() >= sizeof addr.sun_path) return ENAMETOOLONG;
+  memcpy(addr.sun_path, path.c_str(), path.size() + 1);
+  unlink(path.c_str());
+  int s = socket(AF_UNIX, SOCK_SEQPACKET | SOCK_CLOEXEC, 0);
+  if (s < 0) return errno;
+  // Bound with no permission bits taken away, then set exactly: the name never exists with more.
+  mode_t old = umask(0777);
+  int rc = bind(s, reinterpret_cast<sockaddr*>(&addr), sizeof addr);
+  umask(old);
+  if (rc != 0 || chmod(path.c_str(), static_cast<mode_t>(mode)) != 0 || listen(s, backlog) != 0) {
+    int e = errno;
+    close(s);
+    return e;
+  }
+  *fd = s;
+  return 0;
 }
 
 int kfsm_frame_send(int fd, uint16_t type, uint32_t seq, const std::string& body) {

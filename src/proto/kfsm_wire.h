@@ -46,6 +46,10 @@ constexpr const char* KFSM_SOCKET_DEFAULT = "/run/tavrel/kfsm.sock";
 constexpr const char* KFSM_SOCKET_ENV = "TAVREL_KFSM_SOCKET";
 // The socket path this process uses: $TAVREL_KFSM_SOCKET when set and not empty, else the default.
 std::string kfsm_socket_path();
+// Makes the listening module socket at `path` (SOCK_SEQPACKET, close-on-exec), replacing whatever
+// name is there, with permission bits `mode` and a backlog of `backlog`. The descriptor in *fd;
+// 0 or an errno (ENAMETOOLONG for a path the address cannot hold).
+int kfsm_listen(const std::string& path, unsigned mode, int backlog, int* fd);
 
 struct kfsm_frame {
   uint16_t type = 0;
