@@ -1,4 +1,4 @@
 // tavrel_agent: the per-view daemon.
-#include "core/tavrel_agent_main.h"
+#include "apps/tavrel_agent/tavrel_agent_main.h"
 
 int main(int argc, char** argv) { return tavrel_agent_main(argc, argv); }

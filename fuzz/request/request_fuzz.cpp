@@ -22,7 +22,7 @@
 #include <string>
 
 #include "ops/tavrel_abstract_op.h"
-#include "ops/tavrel_op_table.h"
+#include "apps/tavrel_agent/tavrel_op_table.h"
 #include "xml/ol_xml_elem.h"
 #include "xml/ol_xml_parser.h"
 
@@ -169,6 +169,7 @@ void check_test_table(const std::string& input) {
 
 extern "C" int LLVMFuzzerInitialize(int*, char***) {
   std::setlocale(LC_ALL, "C.UTF-8");
+  Tavrel_AbstractOp::set_op_table(tavrel_op_table(), tavrel_op_table_size());
   return 0;
 }
 

@@ -94,6 +94,10 @@ void Tavrel_Config::set_mount_hook(Mount_Hook hook) { g_mount_hook = hook; }
 
 void Tavrel_Config::set_view_lookup(View_Lookup lookup) { g_view_lookup = lookup; }
 
+bool Tavrel_Config::has_mount_hook() { return g_mount_hook.load() != nullptr; }
+
+bool Tavrel_Config::has_view_lookup() { return g_view_lookup.load() != nullptr; }
+
 std::string Tavrel_Config::find(const std::string& key) const {
   Tavrel_Trace trace(TAVREL, "Tavrel_Config", "find");
   trace.writeTrace(TRACE_LEVEL_5, "Looking for %s", key.c_str());

@@ -86,6 +86,8 @@ class Tavrel_Config {
   // without a mount hook every remount fails (20045).
   static void set_mount_hook(Mount_Hook hook);
   static void set_view_lookup(View_Lookup lookup);
+  static bool has_mount_hook();
+  static bool has_view_lookup();
 
   std::string find(const std::string& key) const;
   bool get_boolean_param(const std::string& key) const;

@@ -26,6 +26,8 @@ enum : int {
   TAVREL_ST_NO_STORAGE = 20023,
   TAVREL_ST_VERSION = 20024,
   TAVREL_ST_VIEW_ENDING = 20026,
+  TAVREL_ST_KFSM_DECODE = 20027,  // a view-protocol request could not be decoded
+  TAVREL_ST_KFSM_ENCODE = 20028,  // a view-protocol reply could not be encoded
   TAVREL_ST_INTERNAL = 20031,
   TAVREL_ST_MOUNT_CONFLICT = 20032,
   TAVREL_ST_DISCONNECTED = 20033,

@@ -20,7 +20,7 @@
 #include "core/tavrel_status.h"
 #include "core/tavrel_thread_manager_base.h"
 #include "core/tavrel_trace.h"
-#include "core/tavrel_view_msg.h"
+#include "core/tavrel_msg_table.h"
 #include "core/tavrel_view_storage.h"
 #include "core/tavrel_view_text_mode.h"
 
@@ -133,14 +133,14 @@ int Tavrel_View::tbs_to_tavrel_status(int status) {
 void Tavrel_View::append_message(int number, ...) {
   va_list ap;
   va_start(ap, number);
-  m_status_message += imsg_vformat(&_tvr_view_msg_table, number, ap);
+  m_status_message += imsg_vformat(&_tvr_lib_lib_msg_table, number, ap);
   va_end(ap);
 }
 
 void Tavrel_View::assign_message(int number, ...) {
   va_list ap;
   va_start(ap, number);
-  m_status_message = imsg_vformat(&_tvr_view_msg_table, number, ap);
+  m_status_message = imsg_vformat(&_tvr_lib_lib_msg_table, number, ap);
   va_end(ap);
 }
 
@@ -192,7 +192,7 @@ int Tavrel_View::start_store() {
   int db_status = g_hooks.start_db ? g_hooks.start_db(m_storage_path, m_view_uuid_str, &m_db) : 1001;
   if (db_status != 0) {
     trace.writeTrace(TRACE_LEVEL_1, "start_db failed: %d", db_status);
-    append_message(TVR_MSG_DB_INIT, db_status);
+    append_message(TVR_LIB_DB_INIT, db_status);
     return TAVREL_ST_CACHE_START;
   }
   return TAVREL_ST_OK;
@@ -239,12 +239,12 @@ int Tavrel_View::check_storage() {
   struct stat st;
   if (lstat(m_storage_path.c_str(), &st) != 0 || !S_ISDIR(st.st_mode)) {
     trace.writeTrace(TRACE_LEVEL_1, "%s is not a directory", m_storage_path.c_str());
-    append_message(TVR_MSG_STORAGE_NOT_DIR, m_storage_path.c_str());
+    append_message(TVR_LIB_STORAGE_NOT_DIR, m_storage_path.c_str());
     return TAVREL_ST_NO_STORAGE;
   }
   if (st.st_uid != geteuid()) {
     trace.writeTrace(TRACE_LEVEL_1, "%s belongs to uid %d", m_storage_path.c_str(), static_cast<int>(st.st_uid));
-    append_message(TVR_MSG_STORAGE_OWNER, m_storage_path.c_str(), static_cast<int>(st.st_uid),
+    append_message(TVR_LIB_STORAGE_OWNER, m_storage_path.c_str(), static_cast<int>(st.st_uid),
                    static_cast<int>(geteuid()));
     return TAVREL_ST_NO_STORAGE;
   }
@@ -253,7 +253,7 @@ int Tavrel_View::check_storage() {
                      m_storage_path.c_str());
     if (chmod(m_storage_path.c_str(), st.st_mode & 07700) != 0) {
       trace.writeTrace(TRACE_LEVEL_1, "chmod %s failed: %s", m_storage_path.c_str(), strerror(errno));
-      append_message(TVR_MSG_STORAGE_OWNER, m_storage_path.c_str(), static_cast<int>(st.st_uid),
+      append_message(TVR_LIB_STORAGE_OWNER, m_storage_path.c_str(), static_cast<int>(st.st_uid),
                      static_cast<int>(geteuid()));
       return TAVREL_ST_NO_STORAGE;
     }
@@ -304,14 +304,14 @@ bool Tavrel_View::is_abandoned_creation(const std::string& location) {
 int Tavrel_View::create_view_storage() {
   Tavrel_Trace trace(TAVREL, "Tavrel_View", "create_view_storage");
   if (m_storage_path.empty() || m_storage_path[0] != '/') {
-    append_message(TVR_MSG_CREATE_STORAGE, EINVAL, m_storage_path.c_str());
+    append_message(TVR_LIB_CREATE_STORAGE, EINVAL, m_storage_path.c_str());
     return TAVREL_ST_MKPATH;
   }
   std::string parent = fileutl_strip_leaf(m_storage_path);
   if (!parent.empty() && parent != "/" && fileutl_mkpath(parent, 0700) != 0) {
     int e = errno;
     trace.writeTrace(TRACE_LEVEL_1, "mkpath %s failed: %s", parent.c_str(), strerror(e));
-    assign_message(TVR_MSG_CREATE_STORAGE, e, m_storage_path.c_str());
+    assign_message(TVR_LIB_CREATE_STORAGE, e, m_storage_path.c_str());
     return TAVREL_ST_MKPATH;
   }
   // The last component is made exclusively: of two creations of one storage only one gets here.
@@ -323,7 +323,7 @@ int Tavrel_View::create_view_storage() {
   int e = errno;
   if (e != EEXIST) {
     trace.writeTrace(TRACE_LEVEL_1, "mkdir %s failed: %s", m_storage_path.c_str(), strerror(e));
-    assign_message(TVR_MSG_CREATE_STORAGE, e, m_storage_path.c_str());
+    assign_message(TVR_LIB_CREATE_STORAGE, e, m_storage_path.c_str());
     return TAVREL_ST_MKPATH;
   }
   // It exists. Only a storage whose creation died before writing the metadata is taken over, and only
@@ -343,7 +343,7 @@ int Tavrel_View::create_view_storage() {
   }
   m_status_message.clear();  // a failed take-over attempt says nothing; the storage simply exists
   trace.writeTrace(TRACE_LEVEL_1, "View storage %s exists", m_storage_path.c_str());
-  assign_message(TVR_MSG_VIEW_EXISTS, m_storage_path.c_str());
+  assign_message(TVR_LIB_VIEW_EXISTS, m_storage_path.c_str());
   return TAVREL_ST_STORAGE_EXISTS;
 }
 
@@ -354,7 +354,7 @@ int Tavrel_View::validate_create_cache_dir() {
   // Cache file paths are handed to the kernel module and used after the agent changed directory.
   if (dir.empty() || dir[0] != '/') {
     trace.writeTrace(TRACE_LEVEL_1, "Cache directory %s is not absolute", dir.c_str());
-    assign_message(TVR_MSG_CACHE_RELATIVE, dir.c_str());
+    assign_message(TVR_LIB_CACHE_RELATIVE, dir.c_str());
     return TAVREL_ST_MALFORMED;
   }
   while (dir.size() > 1 && dir.back() == '/') dir.pop_back();
@@ -366,7 +366,7 @@ int Tavrel_View::validate_create_cache_dir() {
   // shows by replacing cached files.
   if (dir_exists && S_ISDIR(st.st_mode) && st.st_uid != geteuid()) {
     trace.writeTrace(TRACE_LEVEL_1, "Cache directory %s belongs to uid %d", dir.c_str(), static_cast<int>(st.st_uid));
-    assign_message(TVR_MSG_CACHE_OWNER, dir.c_str(), static_cast<int>(st.st_uid), static_cast<int>(geteuid()));
+    assign_message(TVR_LIB_CACHE_OWNER, dir.c_str(), static_cast<int>(st.st_uid), static_cast<int>(geteuid()));
     return TAVREL_ST_CACHE_NOT_EMPTY;
   }
   if (fileutl_exists(hidden)) {
@@ -375,7 +375,7 @@ int Tavrel_View::validate_create_cache_dir() {
   }
   if (Tavrel_View_Storage::find_in_ancestors(dir, CLTXT_CACHE_MARKER)) {
     trace.writeTrace(TRACE_LEVEL_1, "Cache directory %s child of another valid cache location", dir.c_str());
-    assign_message(TVR_MSG_CACHE_NESTED, dir.c_str());
+    assign_message(TVR_LIB_CACHE_NESTED, dir.c_str());
     return TAVREL_ST_CACHE_NESTED;
   }
   if (dir_exists || fileutl_exists(dir)) {
@@ -383,19 +383,19 @@ int Tavrel_View::validate_create_cache_dir() {
     bool empty = Tavrel_View_Storage::is_dir_empty(dir, &status);
     if (status != 0) {
       trace.writeTrace(TRACE_LEVEL_1, "Error checking if %s is empty", dir.c_str());
-      assign_message(TVR_MSG_CACHE_INVALID, dir.c_str());
+      assign_message(TVR_LIB_CACHE_INVALID, dir.c_str());
       return status;
     }
     if (!empty) {
       trace.writeTrace(TRACE_LEVEL_1, "Cache directory %s is not empty", dir.c_str());
-      assign_message(TVR_MSG_CACHE_INVALID, dir.c_str());
+      assign_message(TVR_LIB_CACHE_INVALID, dir.c_str());
       return TAVREL_ST_CACHE_NOT_EMPTY;
     }
   }
   if (fileutl_mkpath(dir, 0700) != 0) {
     int e = errno;
     trace.writeTrace(TRACE_LEVEL_1, "Error creating parent directory for %s: %s", hidden.c_str(), strerror(e));
-    assign_message(TVR_MSG_CACHE_CREATE, strerror(e), dir.c_str());
+    assign_message(TVR_LIB_CREATE_CACHE_DIR, strerror(e), dir.c_str());
     return TAVREL_ST_MKPATH;
   }
   m_created_cache_dir = !dir_exists;
@@ -403,7 +403,7 @@ int Tavrel_View::validate_create_cache_dir() {
   if (fd < 0 && errno != EEXIST) {
     int e = errno;
     trace.writeTrace(TRACE_LEVEL_1, "Error Creating %s", hidden.c_str());
-    assign_message(TVR_MSG_CACHE_CREATE, strerror(e), dir.c_str());
+    assign_message(TVR_LIB_CREATE_CACHE_DIR, strerror(e), dir.c_str());
     return TAVREL_ST_MKPATH;
   }
   if (fd >= 0) {
@@ -420,14 +420,14 @@ int Tavrel_View::create_hostname_file() {
   if (gethostname(buf, sizeof buf - 1) != 0) {
     int e = errno;
     trace.writeTrace(TRACE_LEVEL_1, "can't get hostname: %s", strerror(e));
-    m_status_message += imsg_format(&_tvr_view_base_msg_table, TVR_BASE_MSG_CALL_FAILED, "gethostname", strerror(e));
+    m_status_message += imsg_format(&_tvr_base_msg_table, TVR_BASE_MSG_CALL_FAILED, "gethostname", strerror(e));
     return 2;
   }
   if (server_create_hostname_file(m_storage_path, buf) != 0) {
     int e = errno;
     trace.writeTrace(TRACE_LEVEL_1, "can't create hostname file: %s", strerror(e));
     m_status_message +=
-        imsg_format(&_tvr_view_base_msg_table, TVR_BASE_MSG_CALL_FAILED, "server_create_hostname_file", strerror(e));
+        imsg_format(&_tvr_base_msg_table, TVR_BASE_MSG_CALL_FAILED, "server_create_hostname_file", strerror(e));
     return 2;
   }
   return 0;
@@ -445,7 +445,7 @@ int Tavrel_View::validate_hostname_file() {
     result = server_validate_hostname(m_storage_path, host, &recorded);
   if (result < 1) {
     trace.writeTrace(TRACE_LEVEL_1, "wrong hostname: %s", host.c_str());
-    append_message(TVR_MSG_WRONG_HOST, result < 0 ? "(unknown)" : recorded.c_str());
+    append_message(TVR_LIB_WRONG_HOST, result < 0 ? "(unknown)" : recorded.c_str());
     return TAVREL_ST_WRONG_HOST;
   }
   return 0;
@@ -473,19 +473,19 @@ int Tavrel_View::create_metadata_file() {
     // A line end inside a value would split it into lines that read back as other keys.
     if (has_line_end(f.second)) {
       trace.writeTrace(TRACE_LEVEL_1, "Value of %s holds a line end", f.first);
-      append_message(TVR_MSG_WRITE_FILE, m_metadata_path.c_str(), "a value holds a line end");
+      append_message(TVR_LIB_WRITE_FILE, m_metadata_path.c_str(), "a value holds a line end");
       return TAVREL_ST_WRITE_FILE;
     }
     text += std::string(f.first) + KEY_VALUE_SEP + f.second + "\n";
   }
   if (text.size() > MAX_METADATA_FILE) {
-    append_message(TVR_MSG_WRITE_FILE, m_metadata_path.c_str(), "too long");
+    append_message(TVR_LIB_WRITE_FILE, m_metadata_path.c_str(), "too long");
     return TAVREL_ST_WRITE_FILE;
   }
   if (fileutl_write_atomic(m_metadata_path, text, 0600) != 0) {
     int e = errno;
     trace.writeTrace(TRACE_LEVEL_1, "Writing %s failed: %s", m_metadata_path.c_str(), strerror(e));
-    append_message(TVR_MSG_WRITE_FILE, m_metadata_path.c_str(), strerror(e));
+    append_message(TVR_LIB_WRITE_FILE, m_metadata_path.c_str(), strerror(e));
     return TAVREL_ST_WRITE_FILE;
   }
   return 0;
@@ -500,10 +500,10 @@ int Tavrel_View::read_metadata_file(int full) {
     int e = errno;
     trace.writeTrace(TRACE_LEVEL_1, "%s open failed. errno: %d", m_metadata_path.c_str(), e);
     if (e == EFBIG) {
-      assign_message(TVR_MSG_PARSE_ERROR, m_metadata_path.c_str());
+      assign_message(TVR_LIB_PARSE_ERROR, m_metadata_path.c_str());
       return TAVREL_ST_METADATA_FILE;
     }
-    append_message(TVR_MSG_NO_VIEW_INFO);
+    append_message(TVR_LIB_NO_VIEW_INFO);
     return TAVREL_ST_NO_VIEW_INFO;
   }
   trace.writeTrace(TRACE_LEVEL_4, "%s is open", m_metadata_path.c_str());
@@ -536,7 +536,7 @@ int Tavrel_View::read_metadata_file(int full) {
     } else if (key == CACHE_SIZE_KEY) {
       unsigned long v = 0;
       if (!strutl_strtoul(value, &v) || v > UINT_MAX) {
-        assign_message(TVR_MSG_PARSE_ERROR, m_metadata_path.c_str());
+        assign_message(TVR_LIB_PARSE_ERROR, m_metadata_path.c_str());
         imsg_print(IMSG_ERR, "%s", m_status_message.c_str());
         status = TAVREL_ST_METADATA_FILE;
         break;
@@ -559,7 +559,7 @@ int Tavrel_View::set_view_uuid(const std::string& uuid) {
   tbs_uuid_s u;
   if (tbs_str_to_uuid(uuid, &u) != 0) {
     trace.writeTrace(TRACE_LEVEL_1, "Invalid view UUID %s", uuid.c_str());
-    append_message(TVR_MSG_BAD_UUID, uuid.c_str(), m_storage_path.c_str());
+    append_message(TVR_LIB_BAD_VIEW_UUID, uuid.c_str(), m_storage_path.c_str());
     return TAVREL_ST_VIEW_IDENTITY;
   }
   m_view_uuid = u;
@@ -580,15 +580,15 @@ bool Tavrel_View::is_valid() {
     ok = false;
     append_message(number, args...);
   };
-  if (m_server_tag.empty()) fail(TVR_MSG_NO_SERVER_TAG, path);
-  if (get_view_textmode().empty()) fail(TVR_MSG_NO_TEXT_MODE, path);
+  if (m_server_tag.empty()) fail(TVR_LIB_NO_SERVER_TAG, path);
+  if (get_view_textmode().empty()) fail(TVR_LIB_NO_TEXT_MODE, path);
   tbs_uuid_s u;
   if (m_view_uuid_str.empty())
-    fail(TVR_MSG_NO_UUID, path);
+    fail(TVR_LIB_NO_VIEW_UUID, path);
   else if (tbs_str_to_uuid(m_view_uuid_str, &u) != 0 || tbs_uuid_is_null(u))
-    fail(TVR_MSG_BAD_UUID, m_view_uuid_str.c_str(), path);
-  if (url.empty()) fail(TVR_MSG_BAD_SERVER_INFO, path);
-  if (m_view_type.empty()) fail(TVR_MSG_NO_VIEW_TYPE, path);
+    fail(TVR_LIB_BAD_VIEW_UUID, m_view_uuid_str.c_str(), path);
+  if (url.empty()) fail(TVR_LIB_BAD_SERVER_INFO, path);
+  if (m_view_type.empty()) fail(TVR_LIB_NO_VIEW_TYPE, path);
   return ok;
 }
 
@@ -605,12 +605,12 @@ int Tavrel_View::set_cache_size(unsigned size, std::string& message, bool save) 
     m_cache_size = size;
     if (!save) return 0;
     int rc = create_metadata_file();
-    if (rc != 0) message += imsg_format(&_tvr_view_msg_table, TVR_MSG_CACHE_SAVE);
+    if (rc != 0) message += imsg_format(&_tvr_lib_lib_msg_table, TVR_LIB_CACHE_SAVE);
     return rc;
   }
   if (!g_hooks.cache_set_size) {
     trace.writeTrace(TRACE_LEVEL_1, "No name-service cache to size");
-    message += imsg_format(&_tvr_view_msg_table, TVR_MSG_CACHE_SIZE, size, tbs_status_text(1001).c_str());
+    message += imsg_format(&_tvr_lib_lib_msg_table, TVR_LIB_CACHE_SIZE, size, tbs_status_text(1001).c_str());
     return TAVREL_ST_FAILURE;
   }
   int st = g_hooks.cache_set_size(size, !save);
@@ -618,14 +618,14 @@ int Tavrel_View::set_cache_size(unsigned size, std::string& message, bool save) 
     m_cache_size = size;
     if (!save) return 0;
     int rc = create_metadata_file();
-    if (rc != 0) message += imsg_format(&_tvr_view_msg_table, TVR_MSG_CACHE_SAVE);
+    if (rc != 0) message += imsg_format(&_tvr_lib_lib_msg_table, TVR_LIB_CACHE_SAVE);
     return rc;
   }
   trace.writeTrace(TRACE_LEVEL_1, "ns_cache_set_size(%u) failed: %d", size, st);
   if (st == TBS_ST_BAD_ARG)
-    message += imsg_format(&_tvr_view_msg_table, TVR_MSG_CACHE_MINIMUM, size, MIN_CACHE_SIZE);
+    message += imsg_format(&_tvr_lib_lib_msg_table, TVR_LIB_CACHE_MINIMUM, size, MIN_CACHE_SIZE);
   else
-    message += imsg_format(&_tvr_view_msg_table, TVR_MSG_CACHE_SIZE, size, tbs_status_text(st).c_str());
+    message += imsg_format(&_tvr_lib_lib_msg_table, TVR_LIB_CACHE_SIZE, size, tbs_status_text(st).c_str());
   return tbs_to_tavrel_status(st);
 }
 
@@ -723,13 +723,13 @@ bool Tavrel_View::lock() {
   if (g_held_locks.count(key)) {
     m_lock_holder = getpid();
     trace.writeTrace(TRACE_LEVEL_1, "PID %d owns view lock %s", static_cast<int>(m_lock_holder), m_lock_path.c_str());
-    append_message(TVR_MSG_VIEW_IN_USE, m_storage_path.c_str(), static_cast<int>(m_lock_holder));
+    append_message(TVR_LIB_VIEW_IN_USE, m_storage_path.c_str(), static_cast<int>(m_lock_holder));
     return false;
   }
   struct stat st;
   if (lstat(m_lock_path.c_str(), &st) == 0 && !S_ISREG(st.st_mode)) {
     trace.writeTrace(TRACE_LEVEL_1, "system error trying to get view lock %s", m_lock_path.c_str());
-    append_message(TVR_MSG_LOCK_ERROR, "not a regular file", m_lock_path.c_str());
+    append_message(TVR_LIB_LOCK_ERROR, "not a regular file", m_lock_path.c_str());
     return false;
   }
   pid_t owner = 0;
@@ -737,13 +737,13 @@ bool Tavrel_View::lock() {
   if (r == -2) {
     m_lock_holder = owner;
     trace.writeTrace(TRACE_LEVEL_1, "PID %d owns view lock %s", static_cast<int>(owner), m_lock_path.c_str());
-    append_message(TVR_MSG_VIEW_IN_USE, m_storage_path.c_str(), static_cast<int>(owner));
+    append_message(TVR_LIB_VIEW_IN_USE, m_storage_path.c_str(), static_cast<int>(owner));
     return false;
   }
   if (r < 0) {
     int e = errno;
     trace.writeTrace(TRACE_LEVEL_1, "system error trying to get view lock %s", m_lock_path.c_str());
-    append_message(TVR_MSG_LOCK_ERROR, strerror(e), m_lock_path.c_str());
+    append_message(TVR_LIB_LOCK_ERROR, strerror(e), m_lock_path.c_str());
     return false;
   }
   m_lock_cookie = r;

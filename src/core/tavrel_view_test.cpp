@@ -23,7 +23,7 @@
 #include "base/server.h"
 #include "core/tavrel_status.h"
 #include "core/tavrel_thread_manager_base.h"
-#include "core/tavrel_view_msg.h"
+#include "core/tavrel_msg_table.h"
 #include "core/tavrel_view_storage.h"
 
 namespace {
@@ -258,15 +258,15 @@ TEST_F(ViewTest, CreateRefusesAnInvalidIdentityBeforeMakingAnything) {
     std::vector<int> messages;
   };
   const Case cases[] = {
-      {"", kUuid, "unix", "auto", kUrl, {TVR_MSG_NO_SERVER_TAG}},
-      {"v1", "not-a-uuid", "unix", "auto", kUrl, {TVR_MSG_BAD_UUID}},
-      {"v1", "00000000-0000-0000-0000-000000000000", "unix", "auto", kUrl, {TVR_MSG_BAD_UUID}},
-      {"v1", "", "unix", "auto", kUrl, {TVR_MSG_NO_UUID}},
-      {"v1", kUuid, "ebcdic", "auto", kUrl, {TVR_MSG_NO_TEXT_MODE}},
-      {"v1", kUuid, "unix", "auto", "", {TVR_MSG_BAD_SERVER_INFO}},
-      {"v1", kUuid, "unix", "", kUrl, {TVR_MSG_NO_VIEW_TYPE}},
+      {"", kUuid, "unix", "auto", kUrl, {TVR_LIB_NO_SERVER_TAG}},
+      {"v1", "not-a-uuid", "unix", "auto", kUrl, {TVR_LIB_BAD_VIEW_UUID}},
+      {"v1", "00000000-0000-0000-0000-000000000000", "unix", "auto", kUrl, {TVR_LIB_BAD_VIEW_UUID}},
+      {"v1", "", "unix", "auto", kUrl, {TVR_LIB_NO_VIEW_UUID}},
+      {"v1", kUuid, "ebcdic", "auto", kUrl, {TVR_LIB_NO_TEXT_MODE}},
+      {"v1", kUuid, "unix", "auto", "", {TVR_LIB_BAD_SERVER_INFO}},
+      {"v1", kUuid, "unix", "", kUrl, {TVR_LIB_NO_VIEW_TYPE}},
       // Every missing field is named, in a fixed order.
-      {"", kUuid, "", "", kUrl, {TVR_MSG_NO_SERVER_TAG, TVR_MSG_NO_TEXT_MODE, TVR_MSG_NO_VIEW_TYPE}},
+      {"", kUuid, "", "", kUrl, {TVR_LIB_NO_SERVER_TAG, TVR_LIB_NO_TEXT_MODE, TVR_LIB_NO_VIEW_TYPE}},
   };
   for (const auto& c : cases) {
     SCOPED_TRACE(std::string(c.tag) + "|" + c.uuid + "|" + c.mode + "|" + c.type + "|" + c.url);
@@ -275,8 +275,8 @@ TEST_F(ViewTest, CreateRefusesAnInvalidIdentityBeforeMakingAnything) {
     EXPECT_EQ(v->create(), TAVREL_ST_VIEW_IDENTITY);
     std::string expected;
     for (int m : c.messages)
-      expected += m == TVR_MSG_BAD_UUID ? imsg_format(&_tvr_view_msg_table, m, c.uuid, m_stg.c_str())
-                                        : imsg_format(&_tvr_view_msg_table, m, m_stg.c_str());
+      expected += m == TVR_LIB_BAD_VIEW_UUID ? imsg_format(&_tvr_lib_lib_msg_table, m, c.uuid, m_stg.c_str())
+                                        : imsg_format(&_tvr_lib_lib_msg_table, m, m_stg.c_str());
     EXPECT_EQ(v->get_status_message(), expected);
     EXPECT_FALSE(fileutl_exists(m_root + "/views"));
   }
@@ -414,16 +414,16 @@ TEST_F(ViewTest, CacheDirectoryRules) {
          fileutl_mkpath(r + "/c4/inner", 0700);
          fileutl_write_atomic(r + "/c4/.cltxt_cache", "", 0600);
        },
-       TAVREL_ST_CACHE_NESTED, TVR_MSG_CACHE_NESTED},
+       TAVREL_ST_CACHE_NESTED, TVR_LIB_CACHE_NESTED},
       {"not empty, no marker", r + "/c5",
        [](const std::string& r) {
          fileutl_mkpath(r + "/c5", 0700);
          fileutl_write_atomic(r + "/c5/file", "x", 0600);
        },
-       TAVREL_ST_CACHE_NOT_EMPTY, TVR_MSG_CACHE_INVALID},
+       TAVREL_ST_CACHE_NOT_EMPTY, TVR_LIB_CACHE_INVALID},
       {"a regular file", r + "/c6", [](const std::string& r) { fileutl_write_atomic(r + "/c6", "x", 0600); },
-       TAVREL_ST_LIST_DIR, TVR_MSG_CACHE_INVALID},
-      {"relative", "cache/rel", nullptr, TAVREL_ST_MALFORMED, TVR_MSG_CACHE_RELATIVE},
+       TAVREL_ST_LIST_DIR, TVR_LIB_CACHE_INVALID},
+      {"relative", "cache/rel", nullptr, TAVREL_ST_MALFORMED, TVR_LIB_CACHE_RELATIVE},
       {"trailing separators", r + "/c7///", nullptr, 0, -1},
   };
   for (const auto& c : cases) {
@@ -433,7 +433,7 @@ TEST_F(ViewTest, CacheDirectoryRules) {
     EXPECT_EQ(v.validate_create_cache_dir(), c.status);
     std::string plain = c.dir;
     while (plain.size() > 1 && plain.back() == '/') plain.pop_back();
-    EXPECT_EQ(v.get_status_message(), c.message < 0 ? "" : imsg_format(&_tvr_view_msg_table, c.message, plain.c_str()));
+    EXPECT_EQ(v.get_status_message(), c.message < 0 ? "" : imsg_format(&_tvr_lib_lib_msg_table, c.message, plain.c_str()));
     if (c.status == 0) {
       EXPECT_TRUE(fileutl_exists(plain + "/.cltxt_cache"));
     }
@@ -516,16 +516,16 @@ TEST_F(ViewTest, StartChecksTheStorageItself) {
   ASSERT_EQ(symlink(m_stg.c_str(), (m_root + "/link.vws").c_str()), 0);
   write_text(m_root + "/file.vws", "x");
   const Case cases[] = {
-      {"missing", m_root + "/none.vws", TVR_MSG_STORAGE_NOT_DIR},
-      {"a regular file", m_root + "/file.vws", TVR_MSG_STORAGE_NOT_DIR},
-      {"a symbolic link to a view", m_root + "/link.vws", TVR_MSG_STORAGE_NOT_DIR},
+      {"missing", m_root + "/none.vws", TVR_LIB_STORAGE_NOT_DIR},
+      {"a regular file", m_root + "/file.vws", TVR_LIB_STORAGE_NOT_DIR},
+      {"a symbolic link to a view", m_root + "/link.vws", TVR_LIB_STORAGE_NOT_DIR},
   };
   for (const auto& c : cases) {
     SCOPED_TRACE(c.name);
     g_fake = Fake();
     std::unique_ptr<Tavrel_View> v(Tavrel_View::get_view_from_stg(c.path));
     EXPECT_EQ(v->start(), TAVREL_ST_NO_STORAGE);
-    EXPECT_EQ(v->get_status_message(), imsg_format(&_tvr_view_msg_table, c.message, c.path.c_str()));
+    EXPECT_EQ(v->get_status_message(), imsg_format(&_tvr_lib_lib_msg_table, c.message, c.path.c_str()));
     EXPECT_EQ(g_fake.calls, "");
     EXPECT_FALSE(v->holds_lock());
   }
@@ -537,7 +537,7 @@ TEST_F(ViewTest, StartRefusesAStorageOfAnotherUser) {
   ASSERT_EQ(chown(m_stg.c_str(), 54321, 54321), 0);
   std::unique_ptr<Tavrel_View> v(Tavrel_View::get_view_from_stg(m_stg));
   EXPECT_EQ(v->start(), TAVREL_ST_NO_STORAGE);
-  EXPECT_EQ(v->get_status_message(), imsg_format(&_tvr_view_msg_table, TVR_MSG_STORAGE_OWNER, m_stg.c_str(), 54321, 0));
+  EXPECT_EQ(v->get_status_message(), imsg_format(&_tvr_lib_lib_msg_table, TVR_LIB_STORAGE_OWNER, m_stg.c_str(), 54321, 0));
   EXPECT_FALSE(v->holds_lock());
 }
 
@@ -576,20 +576,20 @@ TEST_F(ViewTest, MetadataParsingWithHostileLines) {
   const std::string meta = m_stg + "/.tavrel";
   const Case cases[] = {
       {"no server tag", head + good_rest, TAVREL_ST_VIEW_IDENTITY,
-       imsg_format(&_tvr_view_msg_table, TVR_MSG_NO_SERVER_TAG, m_stg.c_str())},
+       imsg_format(&_tvr_lib_lib_msg_table, TVR_LIB_NO_SERVER_TAG, m_stg.c_str())},
       {"junk around good lines",
        "\n   \nno separator here\n" + head + "server-tag = spaced tag \nunknown-key=whatever\n=\n" +
            std::string(20000, 'x') + "=overlong\n" + good_rest + "versionid=9.9\nserver-url=ignored",
        0, ""},
       {"value holding the separator", head + "server-tag=a=b\n" + good_rest, 0, ""},
       {"bad cache size", head + "server-tag=v1\n" + good_rest + "cache-size=12x\n", TAVREL_ST_METADATA_FILE,
-       imsg_format(&_tvr_view_msg_table, TVR_MSG_PARSE_ERROR, meta.c_str())},
+       imsg_format(&_tvr_lib_lib_msg_table, TVR_LIB_PARSE_ERROR, meta.c_str())},
       {"cache size beyond 32 bits", head + "server-tag=v1\n" + good_rest + "cache-size=4294967296\n",
-       TAVREL_ST_METADATA_FILE, imsg_format(&_tvr_view_msg_table, TVR_MSG_PARSE_ERROR, meta.c_str())},
+       TAVREL_ST_METADATA_FILE, imsg_format(&_tvr_lib_lib_msg_table, TVR_LIB_PARSE_ERROR, meta.c_str())},
       {"bad uuid", "view-uuid=xyz\nserver-tag=v1\n" + good_rest, TAVREL_ST_VIEW_IDENTITY,
-       imsg_format(&_tvr_view_msg_table, TVR_MSG_BAD_UUID, "xyz", m_stg.c_str())},
+       imsg_format(&_tvr_lib_lib_msg_table, TVR_LIB_BAD_VIEW_UUID, "xyz", m_stg.c_str())},
       {"too large", head + "server-tag=v1\n" + good_rest + std::string(70000, '#'), TAVREL_ST_METADATA_FILE,
-       imsg_format(&_tvr_view_msg_table, TVR_MSG_PARSE_ERROR, meta.c_str())},
+       imsg_format(&_tvr_lib_lib_msg_table, TVR_LIB_PARSE_ERROR, meta.c_str())},
   };
   for (const auto& c : cases) {
     SCOPED_TRACE(c.name);
@@ -783,7 +783,7 @@ TEST_F(ViewTest, ALockFileThatIsNotAFileIsASystemError) {
   Tavrel_View v(m_stg);
   EXPECT_FALSE(v.lock());
   EXPECT_EQ(v.get_status_message(),
-            imsg_format(&_tvr_view_msg_table, TVR_MSG_LOCK_ERROR, "not a regular file", (m_stg + "/.pid").c_str()));
+            imsg_format(&_tvr_lib_lib_msg_table, TVR_LIB_LOCK_ERROR, "not a regular file", (m_stg + "/.pid").c_str()));
 }
 
 // ---------------------------------------------------------------------------------------------------
@@ -897,17 +897,5 @@ TEST_F(ViewTest, StopRequestsReachTheUpdate) {
 
 // ---------------------------------------------------------------------------------------------------
 // Message texts
-
-TEST(ViewMessages, NumbersMatchTheAgentCatalogue) {
-  EXPECT_EQ(imsg_format(&_tvr_view_msg_table, 0, 17, "/s"), "Error \"17\" creating view storage directory \"/s\".\n");
-  EXPECT_EQ(imsg_format(&_tvr_view_msg_table, 38, "/c"),
-            "Cleartext cache directories may not be nested. Ancestor of  \"/c\" is a cleartext cache location.\n");
-  EXPECT_EQ(imsg_format(&_tvr_view_msg_table, 42, 5), "View database initialization failed (5).\n");
-  EXPECT_EQ(imsg_format(&_tvr_view_msg_table, 122, "EACCES", "/c"),
-            "Error \"EACCES\" creating cleartext cache directory \"/c\".\n");
-  EXPECT_EQ(imsg_format(&_tvr_view_msg_table, 124), "tvr_lib: unknown message 124");
-  EXPECT_EQ(imsg_format(&_tvr_view_msg_table, 131, "/f", "x"), "Unable to write \"/f\": x\n");
-  EXPECT_EQ(imsg_format(&_tvr_view_base_msg_table, 46, "gethostname", "x"), "gethostname failed: x\n");
-}
 
 }  // namespace

@@ -8,7 +8,7 @@
 #include "core/tavrel_status.h"
 #include "core/tavrel_thread_manager_base.h"
 #include "core/tavrel_trace.h"
-#include "core/tavrel_view_msg.h"
+#include "core/tavrel_msg_table.h"
 #include "kfsm/libkfsm.h"
 #include "kfsm/tavrel_kfsm_thread_unix.h"
 #include "proto/kfsm_status.h"
@@ -38,7 +38,7 @@ int Tavrel_KFSM_Request_Handler_Unix::start_listening() {
     auto* thread = new Tavrel_KFSM_Thread_Unix(tag, *mgr);
     int err = 0;
     if (!thread->open_handle(&err))
-      imsg_print(IMSG_ERR, "%s", imsg_format(&_tvr_view_base_msg_table, TVR_BASE_MSG_CALL_FAILED,
+      imsg_print(IMSG_ERR, "%s", imsg_format(&_tvr_base_msg_table, TVR_BASE_MSG_CALL_FAILED,
                                              "kfsm_view_root_open_type", tbs_strerror(err)).c_str());
     trace.writeTrace(TRACE_LEVEL_4, "Created KFSM thread %d", static_cast<int>(i));
     mgr->start_op(thread);

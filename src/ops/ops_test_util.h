@@ -9,6 +9,17 @@
 
 #include "core/tavrel_status.h"
 #include "ops/tavrel_abstract_op.h"
+#include "ops/tavrel_connect.h"
+#include "ops/tavrel_disconnect.h"
+#include "ops/tavrel_endview.h"
+#include "ops/tavrel_get_mounted_silo_list.h"
+#include "ops/tavrel_is_project_silo.h"
+#include "ops/tavrel_is_silo_mounted.h"
+#include "ops/tavrel_is_silo_public.h"
+#include "ops/tavrel_is_update_in_progress.h"
+#include "ops/tavrel_mkview.h"
+#include "ops/tavrel_mountsilo.h"
+#include "ops/tavrel_startview.h"
 #include "xml/ol_xml_elem.h"
 #include "xml/ol_xml_parser.h"
 #include "xml/ol_xml_test_util.h"
@@ -68,5 +79,27 @@ std::string run_request(Factory factory, const std::string& request, const std::
   if (op_status) *op_status = op->get_status();
   return response;
 }
+
+// The operations of this folder as a table, installed for every test of the program (the agent installs
+// its whole table at start; that table lives above this library).
+template <class Op>
+Tavrel_AbstractOp* make_op(const std::string& location, OlXmlDoc* doc) {
+  return Tavrel_AbstractOp::make_with_doc<Op>(location, doc);
+}
+inline const Tavrel_Op_Entry kViewOps[] = {
+    {"Connect", "1", &make_op<Tavrel_Connect>},
+    {"Disconnect", "1", &make_op<Tavrel_Disconnect>},
+    {"EndView", "1", &make_op<Tavrel_Endview>},
+    {"GetMountedSiloList", "1", &make_op<Tavrel_GetMountedSiloList>},
+    {"IsSiloMounted", "1", &make_op<Tavrel_IsSiloMounted>},
+    {"IsProjectSilo", "1", &make_op<Tavrel_IsProjectSilo>},
+    {"IsUpdateInProgress", "1", &make_op<Tavrel_IsUpdateInProgress>},
+    {"IsSiloPublic", "1", &make_op<Tavrel_IsSiloPublic>},
+    {"MkView", "1", &make_op<Tavrel_Mkview>},
+    {"MountSilo", "1", &make_op<Tavrel_Mountsilo>},
+    {"StartView", "1", &make_op<Tavrel_Startview>},
+};
+inline const bool kViewOpsInstalled =
+    (Tavrel_AbstractOp::set_op_table(kViewOps, sizeof(kViewOps) / sizeof(kViewOps[0])), true);
 
 }  // namespace ops_test

@@ -6,6 +6,7 @@
 #include <cctype>
 #include <cstdarg>
 #include <cstdlib>
+#include <deque>
 #include <mutex>
 #include <new>
 
@@ -13,11 +14,10 @@
 #include "core/tavrel_status.h"
 #include "core/tavrel_trace.h"
 #include "core/tavrel_view.h"
-#include "ops/tavrel_msg_table.h"
-#include "ops/tavrel_op_table.h"
+#include "core/tavrel_msg_table.h"
 #include "ops/tavrel_tag.h"
 #include "ops/tavrel_unknown.h"
-#include "ops/tavrel_util.h"
+#include "core/tavrel_util.h"
 #include "ops/tavrel_xml_error.h"
 #include "ops/tavrel_xml_trace_sink.h"
 #include "xml/ol_xml_elem.h"
@@ -27,6 +27,13 @@ namespace {
 std::atomic<Tavrel_AbstractOp::Factory> g_factory{nullptr};
 std::atomic<Tavrel_AbstractOp::ViewSource> g_view_source{nullptr};
 std::atomic<Tavrel_AbstractOp::ViewSink> g_view_sink{nullptr};
+
+// The installed operation table; the pair is swapped as one.
+struct Op_Table {
+  const Tavrel_Op_Entry* rows;
+  size_t count;
+};
+std::atomic<const Op_Table*> g_op_table{nullptr};
 
 // The request as it may appear in a trace: without password contents.
 std::string traceable(const Tavrel_Trace& trace, int level, const std::string& request) {
@@ -77,6 +84,26 @@ void Tavrel_AbstractOp::set_view_source(ViewSource source) { g_view_source.store
 
 void Tavrel_AbstractOp::set_view_sink(ViewSink sink) { g_view_sink.store(sink); }
 
+bool Tavrel_AbstractOp::has_view_source() { return g_view_source.load() != nullptr; }
+
+bool Tavrel_AbstractOp::has_view_sink() { return g_view_sink.load() != nullptr; }
+
+void Tavrel_AbstractOp::set_op_table(const Tavrel_Op_Entry* table, size_t count) {
+  // Tables are installed once or a few times (tests); the pairs are kept so that a request that
+  // read an older one never sees it freed.
+  static std::mutex m;
+  static std::deque<Op_Table> kept;
+  if (!table) {
+    g_op_table.store(nullptr);
+    return;
+  }
+  std::lock_guard<std::mutex> g(m);
+  kept.push_back(Op_Table{table, count});
+  g_op_table.store(&kept.back());
+}
+
+bool Tavrel_AbstractOp::has_op_table() { return g_op_table.load() != nullptr; }
+
 bool Tavrel_AbstractOp::install_view(Tavrel_View* view) {
   ViewSink sink = g_view_sink.load();
   if (!sink) return false;
@@ -92,7 +119,8 @@ Tavrel_AbstractOp* Tavrel_AbstractOp::create_xml_request_handler(const std::stri
     *status = 0;
     return f(request, view_location, status);
   }
-  return create_from_table(request, view_location, status, tavrel_op_table(), tavrel_op_table_size());
+  const Op_Table* table = g_op_table.load();
+  return create_from_table(request, view_location, status, table ? table->rows : nullptr, table ? table->count : 0);
 }
 
 Tavrel_AbstractOp* Tavrel_AbstractOp::create_from_table(const std::string& request, const std::string& view_location,

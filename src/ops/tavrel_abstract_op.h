@@ -13,7 +13,8 @@
 // only on success.
 //
 // Factory (create_xml_request_handler): the request is parsed with OlXmlParser; the root tag selects
-// the class from the operation table (tavrel_op_table.h), compared case-sensitively, first match wins.
+// the class from the installed operation table (set_op_table; the agent installs its table at start),
+// compared case-sensitively, first match wins.
 //   * any other well-formed root: Tavrel_Unknown, request name "XMLError", answer 20020 + message 22;
 //   * text that is not well-formed XML (or is refused: DTDs, bounds): Tavrel_Unknown without a
 //     document, answer "XMLError" 20020 + message 7, tx-id found by text search (get_txid);
@@ -21,8 +22,8 @@
 // So a broken document does not fail the call: it becomes an operation whose answer reports the fault.
 // Null comes back only when no object could be built at all (*status then says why).
 //
-// Threads: an operation belongs to the one thread that runs it. The class-wide hooks (request factory,
-// view source) are atomics and may be set at any time, normally once at start.
+// Threads: an operation belongs to the one thread that runs it. The class-wide hooks (operation table,
+// request factory, view source and sink) are atomics and may be set at any time, normally once at start.
 #pragma once
 
 #include <cstddef>
@@ -79,10 +80,14 @@ class Tavrel_AbstractOp {
   // ---- Factory --------------------------------------------------------------------------------------
   // Builds the operation for a request text (see the header comment). *status is 0 whenever an
   // operation comes back; with null it is 20021 (parsed, but no root) or 20003 (out of memory).
-  // Uses the installed request factory when there is one, else the operation table.
+  // Uses the installed request factory when there is one, else the installed operation table (without
+  // one every root is answered as unrecognised).
   static Tavrel_AbstractOp* create_xml_request_handler(const std::string& request, const std::string& view_location,
                                                        int* status);
-  // The factory over a given table (the process uses tavrel_op_table()).
+  // The operation table of the process: `count` rows that outlive every request (null: none).
+  static void set_op_table(const Tavrel_Op_Entry* table, size_t count);
+  static bool has_op_table();
+  // The factory over a given table.
   static Tavrel_AbstractOp* create_from_table(const std::string& request, const std::string& view_location,
                                               int* status, const Tavrel_Op_Entry* table, size_t count);
 
@@ -115,6 +120,8 @@ class Tavrel_AbstractOp {
   typedef void (*ViewSink)(Tavrel_View* view);
   static void set_view_sink(ViewSink sink);
   static bool install_view(Tavrel_View* view);
+  static bool has_view_source();
+  static bool has_view_sink();
 
   // ---- Replies that no operation builds -------------------------------------------------------------
   // The reply to a first request for which no operation could be built: root "Unknown", no tx-id, the

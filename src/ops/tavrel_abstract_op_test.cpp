@@ -13,7 +13,6 @@
 #include "core/tavrel_view.h"
 #include "ops/ops_test_util.h"
 #include "ops/tavrel_abstract_op.h"
-#include "ops/tavrel_op_table.h"
 #include "ops/tavrel_xml_trace_sink.h"
 #include "xml/ol_util.h"
 
@@ -185,46 +184,6 @@ TEST(OperationFramework, ErrorReplies) {
     EXPECT_EQ(r.message, row.message) << text;
     EXPECT_TRUE(r.other_children.empty()) << text;
     EXPECT_EQ(op_status, row.op_status) << text;
-  }
-}
-
-TEST(OperationFramework, ProcessTableKeepsItsOrderAndAnswersOthersAsUnrecognised) {
-  // Every row names an operation of the known set, once, in the comparison order, with the highest
-  // version that operation accepts.
-  const std::vector<std::string> order = {
-      "Checkin", "Checkout", "Connect", "Disconnect", "EndView", "GetAggregatedState", "GetCache", "GetChildren",
-      "GetConfigSpec", "GetMetadata", "GetMountedSiloList", "Hijack", "InvalidateCheckouts", "IsSiloMounted",
-      "IsProjectSilo", "IsUpdateInProgress", "IsSiloPublic", "Load", "MergeDirectory", "Mkelem", "MkView",
-      "MountSilo", "Move", "Restore", "Rmname", "SetCache", "SetConfigSpec", "StartView", "Uncheckout", "Unhijack",
-      "Update"};
-  const Tavrel_Op_Entry* table = tavrel_op_table();
-  ASSERT_GT(tavrel_op_table_size(), 0u);
-  size_t last = 0;
-  for (size_t i = 0; i < tavrel_op_table_size(); i++) {
-    auto at = std::find(order.begin(), order.end(), table[i].name);
-    ASSERT_NE(at, order.end()) << table[i].name;
-    size_t pos = static_cast<size_t>(at - order.begin());
-    if (i > 0) EXPECT_GT(pos, last) << table[i].name << " out of order";
-    last = pos;
-    EXPECT_STREQ(table[i].highest_version, std::string(table[i].name) == "Uncheckout" ? "2" : "1");
-  }
-  // A row of the table is built; a root outside it is answered as unrecognised.
-  int status = -1;
-  Reply r = read_reply(ops_test::run_request(Tavrel_AbstractOp::create_xml_request_handler,
-                                             "<IsUpdateInProgress version=\"1\" tx-id=\"p\"/>", kLocation, &status));
-  EXPECT_EQ(r.root, "IsUpdateInProgress");
-  EXPECT_EQ(r.status(), 0);
-  EXPECT_EQ(r.attr("tx-id"), "p");
-  for (const char* root : {"Anything", "isupdateinprogress", "XMLError"}) {
-    const std::string request = std::string("<") + root + " version=\"1\" tx-id=\"q\"/>";
-    std::string text =
-        ops_test::run_request(Tavrel_AbstractOp::create_xml_request_handler, request, kLocation, &status);
-    EXPECT_EQ(status, 0);
-    Reply u = read_reply(text);
-    EXPECT_EQ(u.root, "XMLError") << root;
-    EXPECT_EQ(u.status(), 20020) << root;
-    EXPECT_EQ(u.attr("tx-id"), "q") << root;
-    EXPECT_EQ(u.message, kUnrecognized) << root;
   }
 }
 

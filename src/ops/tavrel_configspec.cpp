@@ -9,7 +9,7 @@
 #include "core/tavrel_status.h"
 #include "core/tavrel_trace.h"
 #include "core/tavrel_view_storage.h"
-#include "ops/tavrel_util.h"
+#include "core/tavrel_util.h"
 
 int Tavrel_ConfigSpec::get_rules(const std::string& file, std::string& out) {
   Tavrel_Trace trace(TAVREL, "Tavrel_ConfigSpec", "get_rules");

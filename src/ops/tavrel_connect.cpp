@@ -7,9 +7,9 @@
 #include "core/tavrel_trace.h"
 #include "core/tavrel_view.h"
 #include "kfsm/tavrel_kfsm_ioctl.h"
-#include "ops/tavrel_msg_table.h"
+#include "core/tavrel_msg_table.h"
 #include "ops/tavrel_server.h"
-#include "ops/tavrel_util.h"
+#include "core/tavrel_util.h"
 #include "wan/login.h"
 #include "wan/rclient_session.h"
 

@@ -6,7 +6,7 @@
 #include "core/tavrel_view.h"
 #include "kfsm/tavrel_kfsm_ioctl.h"
 #include "ops/tavrel_mountsilo.h"
-#include "ops/tavrel_msg_table.h"
+#include "core/tavrel_msg_table.h"
 #include "ops/tavrel_server.h"
 #include "proto/kfsm_status.h"
 #include "wan/logout.h"

@@ -5,8 +5,8 @@
 #include "core/tavrel_trace.h"
 #include "core/tavrel_view.h"
 #include "ops/tavrel_configspec.h"
-#include "ops/tavrel_msg_table.h"
-#include "ops/tavrel_util.h"
+#include "core/tavrel_msg_table.h"
+#include "core/tavrel_util.h"
 #include "wan/get_configspec.h"
 
 int Tavrel_GetConfigSpec::get_server_cspec(Tavrel_View* view, Tavrel_ConfigSpec& cspec, std::string& message,

@@ -7,7 +7,7 @@
 #include "ops/tavrel_configspec.h"
 #include "ops/tavrel_connect.h"
 #include "ops/tavrel_getconfigspec.h"
-#include "ops/tavrel_msg_table.h"
+#include "core/tavrel_msg_table.h"
 #include "ops/tavrel_server.h"
 #include "ops/tavrel_tag.h"
 #include "xml/ol_xml_util.h"

@@ -9,7 +9,7 @@
 #include "core/tavrel_status.h"
 #include "core/tavrel_trace.h"
 #include "kfsm/tavrel_kfsm_ioctl.h"
-#include "ops/tavrel_msg_table.h"
+#include "core/tavrel_msg_table.h"
 #include "ops/tavrel_server.h"
 #include "ops/tavrel_tag.h"
 #include "proto/kfsm_status.h"

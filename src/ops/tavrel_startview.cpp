@@ -6,7 +6,7 @@
 #include "core/tavrel_status.h"
 #include "core/tavrel_trace.h"
 #include "ops/tavrel_connect.h"
-#include "ops/tavrel_msg_table.h"
+#include "core/tavrel_msg_table.h"
 #include "ops/tavrel_server.h"
 
 void Tavrel_Startview::parse_request() {

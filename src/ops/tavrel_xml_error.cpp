@@ -2,7 +2,7 @@
 
 #include "core/tavrel_status.h"
 #include "core/tavrel_trace.h"
-#include "ops/tavrel_msg_table.h"
+#include "core/tavrel_msg_table.h"
 #include "ops/tavrel_tag.h"
 
 Tavrel_XMLError::Tavrel_XMLError(const std::string& location, const std::string& request)

@@ -16,10 +16,10 @@
 
 #include "base/fileutl.h"
 #include "base/server.h"
-#include "core/tavrel_agent_main.h"
+#include "apps/tavrel_agent/tavrel_agent_main.h"
 #include "core/tavrel_status.h"
 #include "core/tavrel_view.h"
-#include "core/tavrel_view_handler.h"
+#include "apps/tavrel_agent/tavrel_view_handler.h"
 #include "ops/tavrel_abstract_op.h"
 
 namespace {

@@ -1,4 +1,4 @@
-#include "ops/tavrel_msg_table.h"
+#include "core/tavrel_msg_table.h"
 
 namespace {
 
@@ -129,8 +129,25 @@ const char* const kLibTexts[TVR_LIB_MSG_COUNT] = {
     /* 122 */ "Error \"%s\" creating cleartext cache directory \"%s\".\n",
     /* 123 */ "View started on wrong host.  This view is registered on host \"%s\".",
     /* 124 */ "Unable to flush cached entry for oid:%s@replicauuid:%s: %s\n",
+    /* 125 */ "View storage \"%s\" is not a directory (or is a symbolic link).\n",
+    /* 126 */ "View storage \"%s\" belongs to user %d, not to user %d.\n",
+    /* 127 */ "View \"%s\" is in use by process %d.\n",
+    /* 128 */ "Error \"%s\" taking view lock \"%s\".\n",
+    /* 129 */ "Cleartext cache directory \"%s\" belongs to user %d, not to user %d.\n",
+    /* 130 */ "Cleartext cache directory \"%s\" is not an absolute path.\n",
+    /* 131 */ "Unable to write \"%s\": %s\n",
+};
+
+const char* const kBaseTexts[TVR_BASE_MSG_CALL_FAILED + 1] = {
+    nullptr, nullptr, nullptr, nullptr, nullptr, nullptr, nullptr, nullptr, nullptr, nullptr,  // 0-9
+    nullptr, nullptr, nullptr, nullptr, nullptr, nullptr, nullptr, nullptr, nullptr, nullptr,  // 10-19
+    nullptr, nullptr, nullptr, nullptr, nullptr, nullptr, nullptr, nullptr, nullptr, nullptr,  // 20-29
+    nullptr, nullptr, nullptr, nullptr, nullptr, nullptr, nullptr, nullptr, nullptr, nullptr,  // 30-39
+    nullptr, nullptr, nullptr, nullptr, nullptr, nullptr,                                      // 40-45
+    /* 46 */ "%s failed: %s\n",
 };
 
 }  // namespace
 
 const _imsg_message_table_t _tvr_lib_lib_msg_table = {"lib_tavrel_agent", "tvr_lib", TVR_LIB_MSG_COUNT, kLibTexts};
+const _imsg_message_table_t _tvr_base_msg_table = {"base", "base", TVR_BASE_MSG_CALL_FAILED + 1, kBaseTexts};

@@ -1,16 +1,21 @@
 // The agent's message catalogue _tvr_lib_lib_msg_table (section "lib_tavrel_agent", prefix "tvr_lib"):
-// 125 printf formats addressed by index 0-124. Operations pick a message at the place of failure,
+// printf formats addressed by index 0-131. It is the only copy: every library of the agent takes its
+// texts from here. Operations pick a message at the place of failure,
 // expand it with Tavrel_Util::format and append it to (or assign it to) their status message; no table
 // maps a status number to a text.
 //
-// The names below give the index and, in the comment, the arguments in order. Messages 125 and up
-// belong to the view storage's own table (core/tavrel_view_msg.h), which shares the numbers 0-124
-// with this one for the texts both need.
+// The names below give the index and, in the comment, the arguments in order. Messages 125 to 131 are
+// the view storage's own texts (ownership of the storage and cache directory, the view lock, write
+// failures), which the catalogue of the system does not have; they follow it under the same section.
+//
+// _tvr_base_msg_table holds the base library's message 46 ("%s failed: %s\n", a function name and
+// an error text); its other numbers are empty.
 #pragma once
 
 #include "base/imsg.h"
 
 extern const _imsg_message_table_t _tvr_lib_lib_msg_table;
+extern const _imsg_message_table_t _tvr_base_msg_table;
 
 enum : int {
   TVR_LIB_CREATE_STORAGE = 0,           // errno, storage path
@@ -138,5 +143,15 @@ enum : int {
   TVR_LIB_CREATE_CACHE_DIR = 122,       // error text, cache directory
   TVR_LIB_WRONG_HOST = 123,             // recorded host
   TVR_LIB_FLUSH_OID = 124,              // oid, replica uuid, error text
-  TVR_LIB_MSG_COUNT = 125,
+  TVR_LIB_STORAGE_NOT_DIR = 125,        // storage path
+  TVR_LIB_STORAGE_OWNER = 126,          // storage path, owner uid, our uid
+  TVR_LIB_VIEW_IN_USE = 127,            // storage path, pid
+  TVR_LIB_LOCK_ERROR = 128,             // error text, lock file
+  TVR_LIB_CACHE_OWNER = 129,            // cache directory, owner uid, our uid
+  TVR_LIB_CACHE_RELATIVE = 130,         // cache directory
+  TVR_LIB_WRITE_FILE = 131,             // file, error text
+  TVR_LIB_MSG_COUNT = 132,
+  TVR_LIB_SYSTEM_MSG_COUNT = 125,       // numbers below this are the system's catalogue
 };
+
+enum : int { TVR_BASE_MSG_CALL_FAILED = 46 };  // function name, error text

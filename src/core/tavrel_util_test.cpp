@@ -12,8 +12,8 @@
 #include <gtest/gtest.h>
 
 #include "base/sysutl.h"
-#include "ops/tavrel_msg_table.h"
-#include "ops/tavrel_util.h"
+#include "core/tavrel_msg_table.h"
+#include "core/tavrel_util.h"
 
 namespace {
 
@@ -41,7 +41,7 @@ TEST(TavrelUtil, FormatExpandsAndBounds) {
   EXPECT_EQ(Tavrel_Util::format(out, &_tvr_lib_lib_msg_table, TVR_LIB_CACHE_MINIMUM, 5u, 4194304u),
             "Unable to set cache size to 5: minimum size is 4194304\n");
   // Numbers outside the catalogue, and no catalogue at all.
-  EXPECT_EQ(Tavrel_Util::format(out, &_tvr_lib_lib_msg_table, 125), "Internal error: could not load message 125");
+  EXPECT_EQ(Tavrel_Util::format(out, &_tvr_lib_lib_msg_table, TVR_LIB_MSG_COUNT), "Internal error: could not load message 132");
   EXPECT_EQ(Tavrel_Util::format(out, &_tvr_lib_lib_msg_table, -1), "Internal error: could not load message -1");
   EXPECT_EQ(Tavrel_Util::format(out, nullptr, 7, "x"), "Internal error: could not load message 7");
   // The expansion bound: 153599 bytes pass whole, one more is refused.

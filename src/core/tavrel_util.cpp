@@ -1,4 +1,4 @@
-#include "ops/tavrel_util.h"
+#include "core/tavrel_util.h"
 
 #include <arpa/inet.h>
 #include <dirent.h>

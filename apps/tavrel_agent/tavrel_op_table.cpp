@@ -1,4 +1,4 @@
-#include "ops/tavrel_op_table.h"
+#include "apps/tavrel_agent/tavrel_op_table.h"
 
 #include <array>
 

@@ -1,4 +1,4 @@
-#include "core/tavrel_agent_main.h"
+#include "apps/tavrel_agent/tavrel_agent_main.h"
 
 #include <fcntl.h>
 #include <signal.h>
@@ -31,8 +31,8 @@
 #include "core/tavrel_status.h"
 #include "core/tavrel_trace.h"
 #include "core/tavrel_view.h"
-#include "core/tavrel_view_handler.h"
-#include "kfsm/kfsm_view_hooks.h"
+#include "apps/tavrel_agent/tavrel_agent_seams.h"
+#include "apps/tavrel_agent/tavrel_view_handler.h"
 #include "ops/tavrel_abstract_op.h"
 #include "ops/tavrel_conn_handler_base.h"
 #include "ops/tavrel_endview.h"
@@ -277,23 +277,17 @@ int tavrel_agent_main(int argc, char** argv) {
       pending_trace.clear();
     }
 
-    // The view reaches the process's server parameters and the configuration reaches the view
-    // through these hooks (the core library sits below both).
-    Tavrel_View_Hooks hooks = Tavrel_View::get_hooks();
-    hooks.server_url = [] { return Tavrel_Server::get_url(); };
-    tavrel_kfsm_fill_view_hooks(&hooks);
-    // The name-service cache and the view database are not part of this agent yet: views are made
-    // and started without them.
-    hooks.without_store = true;
-    Tavrel_View::install_hooks(hooks);
-    auto current_view = []() -> Tavrel_View* {
-      return Tavrel_View_Handler::has_view() ? Tavrel_View_Handler::get_view() : nullptr;
-    };
-    Tavrel_Config::set_view_lookup(current_view);
-    Tavrel_AbstractOp::set_view_source(current_view);
-    Tavrel_AbstractOp::set_view_sink([](Tavrel_View* view) { Tavrel_View_Handler::set_view(view); });
-    // StartView mounts the SILOs of the mount table again through this hook.
-    Tavrel_Mountsilo::install_mount_hook();
+    // Lower libraries reach the layers above through seams, all installed here; a missing one
+    // stops the agent before it serves anything.
+    tavrel_agent_install_seams();
+    const std::vector<std::string> missing = tavrel_agent_missing_seams();
+    if (!missing.empty()) {
+      for (const std::string& m : missing) {
+        trace.writeTrace(TRACE_LEVEL_1, "Seam not installed: %s", m.c_str());
+        imsg_print(IMSG_ERR, "tavrel_agent: seam not installed: %s\n", m.c_str());
+      }
+      pfm_exit(2);
+    }
 
     // 15.-17. View handler, forced-shutdown thread, first request.
     trace.writeTrace(TRACE_LEVEL_4, "Creating view handler for location %s", storage.c_str());

@@ -1,4 +1,4 @@
-#include "core/tavrel_view_handler.h"
+#include "apps/tavrel_agent/tavrel_view_handler.h"
 
 #include <fcntl.h>
 #include <unistd.h>

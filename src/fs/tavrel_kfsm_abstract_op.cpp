@@ -1,0 +1,114 @@
+#include "fs/tavrel_kfsm_abstract_op.h"
+
+#include <new>
+
+#include "core/tavrel_msg_table.h"
+#include "core/tavrel_status.h"
+#include "core/tavrel_trace.h"
+#include "proto/kfsm_records.h"
+
+Tavrel_KFSM_AbstractOp::Tavrel_KFSM_AbstractOp(int rpc, XDR* in, XDR* out) : m_in(in), m_out(out), m_rpc(rpc) {}
+
+Tavrel_KFSM_AbstractOp::~Tavrel_KFSM_AbstractOp() = default;
+
+void Tavrel_KFSM_AbstractOp::set_records(Xdr_Record_Base* request, view_hdr_req_t* request_hdr,
+                                         Xdr_Record_Base* reply, view_hdr_reply_t* reply_hdr) {
+  m_request_rec = request;
+  m_request = request_hdr;
+  m_reply_rec = reply;
+  m_reply = reply_hdr;
+}
+
+Tavrel_KFSM_AbstractOp* Tavrel_KFSM_AbstractOp::create_kfsm_request_handler(int rpc, XDR* in, XDR* out) {
+  Tavrel_Trace trace(TAVREL_KFSM, "Tavrel_KFSM_AbstractOp", "create_kfsm_request_handler");
+  trace.writeTrace(TRACE_LEVEL_4, "Rpc  = %d", rpc);
+  Tavrel_KFSM_AbstractOp* op = nullptr;
+  switch (rpc) {
+    case 0:
+      op = new (std::nothrow) Tavrel_KFSM_NULL(in, out);
+      break;
+    default:
+      trace.writeTrace(TRACE_LEVEL_2, "Unknown or NYI request %d", rpc);
+      op = new (std::nothrow) Tavrel_KFSM_Unsupported(rpc, in, out);
+  }
+  if (!op) trace.writeTrace(TRACE_LEVEL_1, "Request handler could not be created");
+  return op;
+}
+
+void Tavrel_KFSM_AbstractOp::process_request() {
+  Tavrel_Trace trace(TAVREL_KFSM, "Tavrel_KFSM_AbstractOp", "process_request");
+  m_status = TAVREL_ST_OK;
+  get_request();
+  if (m_reply_rec) m_reply_rec->reset();
+  if (m_status == TAVREL_ST_OK) {
+    trace.writeTrace(TRACE_LEVEL_4, "Calling do_request");
+    do_request();
+    if (m_reply) trace.writeTrace(TRACE_LEVEL_4, "Status in header after do_request = %d", m_reply->status);
+  } else if (m_reply) {
+    m_reply->status = 1001;
+  }
+  send_reply();
+}
+
+void Tavrel_KFSM_AbstractOp::get_request() {
+  Tavrel_Trace trace(TAVREL_KFSM, "Tavrel_KFSM_AbstractOp", "get_request");
+  if (!m_request_rec) return;
+  m_request_rec->reset();
+  trace.writeTrace(TRACE_LEVEL_4, "Calling ks_svc_getargs");
+  const bool ok = m_request_rec->code(m_in);
+  if (!ok) {
+    m_status = TAVREL_ST_KFSM_DECODE;
+    m_rpc_status = KFSM_RPC_DECODE;
+    m_message += imsg_format(&_tvr_lib_lib_msg_table, TVR_LIB_KFSM_PARSE, m_rpc);
+  }
+  trace.writeTrace(TRACE_LEVEL_4, "Return from unmarshal = %d (rpc status %d)", ok ? 1 : 0, m_rpc_status);
+}
+
+void Tavrel_KFSM_AbstractOp::send_reply() {
+  Tavrel_Trace trace(TAVREL_KFSM, "Tavrel_KFSM_AbstractOp", "send_reply");
+  if (!m_reply_rec) return;
+  if (m_request) m_reply->xid = m_request->xid;
+  if (!m_reply_rec->code(m_out)) {
+    m_status = TAVREL_ST_KFSM_ENCODE;
+    m_rpc_status = KFSM_RPC_ENCODE;
+    m_message += imsg_format(&_tvr_lib_lib_msg_table, TVR_LIB_KFSM_REPLY, m_rpc);
+  }
+  trace.writeTrace(TRACE_LEVEL_4, "Returning status %d rpc_status %d", m_status, m_rpc_status);
+}
+
+Tavrel_KFSM_NULL::Tavrel_KFSM_NULL(XDR* in, XDR* out) : Tavrel_KFSM_AbstractOp(0, in, out) {}
+
+void Tavrel_KFSM_NULL::process_request() {
+  m_status = TAVREL_ST_OK;
+  do_request();
+}
+
+void Tavrel_KFSM_NULL::do_request() {
+  Tavrel_Trace trace(TAVREL_KFSM, "Tavrel_KFSM_NULL", "do_request");
+  trace.writeTrace(TRACE_LEVEL_4, "Responding to NULL RPC");
+  m_rpc_status = KFSM_RPC_DONE;
+}
+
+Tavrel_KFSM_Unsupported::Tavrel_KFSM_Unsupported(int rpc, XDR* in, XDR* out) : Tavrel_KFSM_AbstractOp(rpc, in, out) {
+  set_records(&m_req, &m_req.get(), &m_rep, &m_rep.get());
+}
+
+void Tavrel_KFSM_Unsupported::do_request() {
+  Tavrel_Trace trace(TAVREL_KFSM, "Tavrel_KFSM_Unsupported", "do_request");
+  m_status = TAVREL_ST_FAILURE;
+  m_reply->status = 1007;
+}
+
+void Tavrel_KFSM_Unsupported::send_reply() {
+  if (m_request) m_reply->xid = m_request->xid;
+  m_rpc_status = KFSM_RPC_UNKNOWN;
+}
+
+bool tavrel_kfsm_dispatch(int rpc, XDR* in, XDR* out, int* rpc_status) {
+  Tavrel_KFSM_AbstractOp* op = Tavrel_KFSM_AbstractOp::create_kfsm_request_handler(rpc, in, out);
+  if (!op) return false;
+  op->process_request();
+  *rpc_status = op->get_rpc_status();
+  delete op;
+  return true;
+}
