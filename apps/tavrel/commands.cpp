@@ -211,12 +211,12 @@ int cmd_status(Options& opts) {
     if (rc != kOk) return rc;
   }
   if (opts.output == Output::kJson) {
-    printf("{\"storage\":\"%s\",\"view_tag\":\"%s\",\"running\":%s,\"pid\":%d", opts.storage.c_str(), tag.c_str(),
-           pid > 0 ? "true" : "false", pid > 0 ? static_cast<int>(pid) : 0);
+    printf("{\"storage\":%s,\"view_tag\":%s,\"running\":%s,\"pid\":%d", client::json_quote(opts.storage).c_str(),
+           client::json_quote(tag).c_str(), pid > 0 ? "true" : "false", pid > 0 ? static_cast<int>(pid) : 0);
     if (!updating.empty()) printf(",\"update_in_progress\":%s", updating == "true" ? "true" : "false");
     if (mounts_known) {
       printf(",\"mounts\":[");
-      for (size_t i = 0; i < mounts.size(); i++) printf("%s\"%s\"", i ? "," : "", mounts[i].c_str());
+      for (size_t i = 0; i < mounts.size(); i++) printf("%s%s", i ? "," : "", client::json_quote(mounts[i]).c_str());
       printf("]");
     }
     printf("}\n");

@@ -35,23 +35,6 @@ namespace {
 constexpr const char* kDefaultSocket = "/run/tavrel/kfsm.sock";
 constexpr const char* kDefaultRoot = "/view";
 
-std::string json_string(const std::string& s) {
-  std::string out = "\"";
-  for (unsigned char c : s) {
-    if (c == '"' || c == '\\') {
-      out += '\\';
-      out += static_cast<char>(c);
-    } else if (c < 0x20) {
-      char buf[8];
-      snprintf(buf, sizeof buf, "\\u%04x", c);
-      out += buf;
-    } else {
-      out += static_cast<char>(c);
-    }
-  }
-  return out + "\"";
-}
-
 // The one TAG argument of a command, or a usage error.
 bool one_tag(const Options& opts, const char* command, std::string* tag, int* rc) {
   if (opts.positional.size() != 1 || opts.positional[0].empty()) {
@@ -95,7 +78,7 @@ int cmd_mounts(Options& opts) {
   if (!reply.message.empty()) fprintf(stderr, "tavrel: note: %s\n", reply.message.c_str());
   if (opts.output == Output::kJson) {
     std::string out = "{\"mounted_silos\":[";
-    for (size_t i = 0; i < list->children.size(); i++) out += (i ? "," : "") + json_string(list->children[i].text);
+    for (size_t i = 0; i < list->children.size(); i++) out += (i ? "," : "") + client::json_quote(list->children[i].text);
     printf("%s]}\n", out.c_str());
   } else if (!opts.quiet) {
     for (const auto& item : list->children) printf("%s\n", item.text.c_str());
@@ -133,7 +116,7 @@ int cmd_silo(Options& opts) {
   }
   auto b = [](bool v) { return v ? "true" : "false"; };
   if (opts.output == Output::kJson) {
-    printf("{\"silo\":%s,\"mounted\":%s", json_string(tag).c_str(), b(mounted));
+    printf("{\"silo\":%s,\"mounted\":%s", client::json_quote(tag).c_str(), b(mounted));
     if (mounted) printf(",\"public\":%s,\"project\":%s", b(is_public), b(is_project));
     printf("}\n");
   } else if (!opts.quiet) {
@@ -271,7 +254,7 @@ int kfsmd_status(const Options& opts, const Daemon& d) {
   bool answers = daemon_answers(d.socket);
   pid_t pid = daemon_pid(d);
   if (opts.output == Output::kJson) {
-    printf("{\"socket\":%s,\"running\":%s,\"pid\":%d}\n", json_string(d.socket).c_str(), answers ? "true" : "false",
+    printf("{\"socket\":%s,\"running\":%s,\"pid\":%d}\n", client::json_quote(d.socket).c_str(), answers ? "true" : "false",
            static_cast<int>(pid));
   } else {
     printf("socket: %s\nrunning: %s\n", d.socket.c_str(), answers ? "true" : "false");

@@ -9,6 +9,8 @@
 // "listening on <url>" on standard output when it is ready and runs until SIGINT or SIGTERM.
 // Passwords and the admin token are read from files (or $TAVREL_ADMIN_TOKEN), never from arguments.
 // Without a token the server makes one and writes it to <store>.admin-token (mode 0600).
+// --help (or -h) prints the usage of the command it follows (of both alone) on standard output and
+// exits 0; a usage error prints the reason and the usage on standard error and exits 2.
 #include <signal.h>
 #include <sys/stat.h>
 
@@ -27,15 +29,22 @@ using namespace tavrel_server;
 
 namespace {
 
-int usage(const char* why) {
+const char* const kServeUsage =
+    "usage: tavrel_server serve [--store FILE] [--host ADDR] [--port N] [--base PATH]\n"
+    "                           [--cert FILE --key FILE] [--users FILE | --open-login]\n"
+    "                           [--admin-token-file FILE] [--request-log FILE] [--threads N]\n"
+    "                           [--max-body BYTES] [--session-idle SECONDS] [--port-file FILE]\n";
+const char* const kImportUsage = "usage: tavrel_server import [--store FILE] --silo /TAG DIR [--public] [--project]\n";
+
+// A usage error: the reason and the usage of `command` (of both commands when null) on standard error.
+int usage(const char* why, const char* command = nullptr) {
   if (why) std::cerr << "tavrel_server: " << why << "\n";
-  std::cerr << "usage: tavrel_server serve [--store FILE] [--host ADDR] [--port N] [--base PATH]\n"
-               "                           [--cert FILE --key FILE] [--users FILE | --open-login]\n"
-               "                           [--admin-token-file FILE] [--request-log FILE] [--threads N]\n"
-               "                           [--max-body BYTES] [--session-idle SECONDS] [--port-file FILE]\n"
-               "       tavrel_server import [--store FILE] --silo /TAG DIR [--public] [--project]\n";
+  if (!command || std::string(command) == "serve") std::cerr << kServeUsage;
+  if (!command || std::string(command) == "import") std::cerr << kImportUsage;
   return 2;
 }
+
+bool is_help(const std::string& a) { return a == "--help" || a == "-h"; }
 
 bool read_first_line(const std::string& path, std::string* out) {
   std::ifstream in(path);
@@ -84,14 +93,15 @@ int run_import(int argc, char** argv) {
   ImportOptions opt;
   for (int i = 2; i < argc; ++i) {
     std::string a = argv[i];
+    if (is_help(a)) return std::cout << kImportUsage, 0;
     if (a == "--store" && i + 1 < argc) store = argv[++i];
     else if (a == "--silo" && i + 1 < argc) tag = argv[++i];
     else if (a == "--public") opt.is_public = true;
     else if (a == "--project") opt.is_project = true;
     else if (!a.empty() && a[0] != '-' && dir.empty()) dir = a;
-    else return usage(("unexpected argument " + a).c_str());
+    else return usage(("unexpected argument " + a).c_str(), "import");
   }
-  if (tag.empty() || dir.empty()) return usage("import needs --silo /TAG and a directory");
+  if (tag.empty() || dir.empty()) return usage("import needs --silo /TAG and a directory", "import");
   try {
     Store s(store);
     ImportStats st = import_tree(s, tag, dir, opt);
@@ -115,8 +125,9 @@ int run_serve(int argc, char** argv) {
     auto next = [&]() -> const char* { return i + 1 < argc ? argv[++i] : nullptr; };
     long long n = 0;
     const char* v = nullptr;
+    if (is_help(a)) return std::cout << kServeUsage, 0;
     if (a == "--open-login") { cfg.open_login = true; continue; }
-    if (!(v = next())) return usage(("missing value for " + a).c_str());
+    if (!(v = next())) return usage(("missing value for " + a).c_str(), "serve");
     if (a == "--store") cfg.store_path = v;
     else if (a == "--host") cfg.host = v;
     else if (a == "--port" && parse_int(v, 0, 65535, &n)) cfg.port = int(n);
@@ -130,16 +141,16 @@ int run_serve(int argc, char** argv) {
     else if (a == "--threads" && parse_int(v, 1, 256, &n)) cfg.threads = int(n);
     else if (a == "--max-body" && parse_int(v, 1024, 1ll << 31, &n)) cfg.max_body = size_t(n);
     else if (a == "--session-idle" && parse_int(v, 1, 1ll << 31, &n)) cfg.session_idle_seconds = int(n);
-    else return usage(("bad argument " + a + " " + v).c_str());
+    else return usage(("bad argument " + a + " " + v).c_str(), "serve");
   }
   if (cfg.base_path.empty() || cfg.base_path[0] != '/' || cfg.base_path.back() == '/')
-    return usage("--base must start with / and not end with /");
-  if (cfg.cert_file.empty() != cfg.key_file.empty()) return usage("--cert and --key go together");
-  if (!users_file.empty() && !load_users(users_file, &cfg.users)) return usage("cannot read --users file");
-  if (users_file.empty() && !cfg.open_login) return usage("give --users FILE (or --open-login for any login)");
+    return usage("--base must start with / and not end with /", "serve");
+  if (cfg.cert_file.empty() != cfg.key_file.empty()) return usage("--cert and --key go together", "serve");
+  if (!users_file.empty() && !load_users(users_file, &cfg.users)) return usage("cannot read --users file", "serve");
+  if (users_file.empty() && !cfg.open_login) return usage("give --users FILE (or --open-login for any login)", "serve");
   if (!token_file.empty()) {
     if (!read_first_line(token_file, &cfg.admin_token) || cfg.admin_token.empty())
-      return usage("cannot read --admin-token-file");
+      return usage("cannot read --admin-token-file", "serve");
   } else if (const char* t = std::getenv("TAVREL_ADMIN_TOKEN"); t && *t) {
     cfg.admin_token = t;
   } else {
@@ -187,9 +198,6 @@ int main(int argc, char** argv) {
   std::string cmd = argv[1];
   if (cmd == "serve") return run_serve(argc, argv);
   if (cmd == "import") return run_import(argc, argv);
-  if (cmd == "--help" || cmd == "-h" || cmd == "help") {
-    usage(nullptr);
-    return 0;
-  }
+  if (is_help(cmd) || cmd == "help") return std::cout << kServeUsage << kImportUsage, 0;
   return usage(("unknown command " + cmd).c_str());
 }

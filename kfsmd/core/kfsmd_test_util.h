@@ -1,6 +1,6 @@
 // Test pieces for the daemon's core: a daemon in this process (registry and socket, with a mounter
-// that only records), an agent made of LPC threads over the module library, a small scripted tree
-// that answers the view protocol, and helpers that send commands as the agent's library does.
+// that only records), a reply that records what an operation handler answered, and helpers that send
+// commands as the agent's library does. The agent's side is Kfsmd_Scripted_Agent.
 #pragma once
 
 #include <stdlib.h>
@@ -9,22 +9,26 @@
 
 #include <gtest/gtest.h>
 
-#include <atomic>
 #include <cstring>
 #include <functional>
 #include <map>
 #include <memory>
 #include <mutex>
 #include <string>
-#include <thread>
 #include <vector>
 
 #include "kfsm/libkfsm.h"
 #include "kfsmd/core/kfsmd_registry.h"
+#include "kfsmd/core/kfsmd_scripted_agent.h"
 #include "kfsmd/core/kfsmd_server.h"
 #include "proto/kfsm_status.h"
 #include "proto/kfsm_wire.h"
 #include "proto/view_records.h"
+
+inline void PrintTo(const Kfsmd_Action& a, std::ostream* os) {
+  *os << (a.kind == Kfsmd_Action::ENTRY ? "entry(" : "inode(") << a.parent_or_ino << (a.name.empty() ? "" : ", ")
+      << a.name << ")";
+}
 
 namespace kfsmd_test {
 
@@ -44,7 +48,7 @@ struct Recorder {
   std::mutex mu;
   std::vector<std::string> mounted;  // mount points, in order
   std::vector<std::pair<std::string, bool>> unmounts;  // mount point, lazy
-  std::vector<Kfsmd_Action> actions;
+  std::map<std::string, std::vector<Kfsmd_Action>> actions;  // by mount point
   int unmount_err = 0;  // what the next non-lazy unmount answers
 };
 
@@ -59,7 +63,8 @@ class Fake_Mount : public Kfsmd_Mount {
   }
   void notify(std::vector<Kfsmd_Action> a) override {
     std::lock_guard<std::mutex> g(m_r->mu);
-    m_r->actions.insert(m_r->actions.end(), a.begin(), a.end());
+    auto& to = m_r->actions[m_mp];
+    to.insert(to.end(), a.begin(), a.end());
   }
 
  private:
@@ -81,260 +86,27 @@ class Fake_Mounter : public Kfsmd_Mounter {
   Recorder* m_r;
 };
 
-// ---- the agent's LPC threads, over the module library ----
-// A handler answers one request: the rpc_status, and the reply payload. Returning DROP makes the
-// thread close its connection instead of answering.
-constexpr uint32_t DROP = 0xFFFFFFFFu;
-using Lpc_Handler = std::function<uint32_t(uint64_t op, const std::string& request, std::string* reply)>;
-
-class Fake_Agent {
- public:
-  Fake_Agent(const std::string& tag, int threads, Lpc_Handler h) : m_tag(tag), m_handler(std::move(h)) {
-    for (int i = 0; i < threads; ++i) m_threads.emplace_back([this] { loop(); });
+// ---- what an operation handler answered ----
+struct Rec_Reply : Kfsmd_Reply {
+  int error = -1;  // -1: no error answered
+  Kfsmd_Entry ent;
+  struct stat st {};
+  double timeout = -1;
+  std::string text;
+  std::vector<std::pair<std::string, uint64_t>> dir;  // name, next offset
+  size_t room = 100;                                  // entries dir_add accepts
+  void err(int e) override { error = e; }
+  void entry(const Kfsmd_Entry& e) override { error = 0, ent = e; }
+  void attr(const struct stat& s, double t) override { error = 0, st = s, timeout = t; }
+  void readlink(const std::string& t) override { error = 0, text = t; }
+  void open(int fd, bool, bool) override { error = 0, close(fd); }
+  void statfs(const struct statvfs&) override { error = 0; }
+  bool dir_add(const std::string& name, uint64_t, uint64_t off) override {
+    if (dir.size() >= room) return false;
+    dir.emplace_back(name, off);
+    return true;
   }
-  ~Fake_Agent() { join(); }
-  void join() {
-    for (auto& t : m_threads)
-      if (t.joinable()) t.join();
-  }
-  // Statuses the threads received from the module, in order.
-  std::vector<int> statuses() {
-    std::lock_guard<std::mutex> g(m_mu);
-    return m_statuses;
-  }
-  int ended() const { return m_ended.load(); }
-
- private:
-  void loop() {
-    int err = 0, st = 0;
-    int h = kfsm_view_root_open_type(1, &err);
-    if (!h) {
-      m_ended++;
-      return;
-    }
-    std::vector<uint8_t> buf(KFSM_LPC_BUF, 0);
-    kfsm_strbuf tag = kfsm_strbuf_of(m_tag.c_str());
-    for (;;) {
-      err = st = 0;
-      kfsm_cmd(h, &err, &st, KFSM_CMD_LPC_MESSAGE, 0, &tag, &tag, buf.data(), KFSM_LPC_BUF);
-      if (err) break;
-      if (st) {
-        std::lock_guard<std::mutex> g(m_mu);
-        m_statuses.push_back(st);
-        if (st == KFSM_ST_VIEW_GONE || st == 1063) break;
-        continue;
-      }
-      kfsm_lpc_request_hdr q = kfsm_lpc_get_request(buf.data());
-      std::string req(reinterpret_cast<char*>(buf.data()) + KFSM_LPC_HDR, q.req_size);
-      std::string reply;
-      uint32_t rs = m_handler(q.op, req, &reply);
-      if (rs == DROP) break;
-      if (reply.size() > q.res_capacity) reply.resize(q.res_capacity);
-      memcpy(buf.data() + KFSM_LPC_HDR, reply.data(), reply.size());
-      kfsm_lpc_put_reply(buf.data(), rs, reply.size(), q.cookie);
-    }
-    kfsm_view_root_close_type(1, h);
-    m_ended++;
-  }
-
-  std::string m_tag;
-  Lpc_Handler m_handler;
-  std::vector<std::thread> m_threads;
-  std::mutex m_mu;
-  std::vector<int> m_statuses;
-  std::atomic<int> m_ended{0};
-};
-
-// ---- a scripted tree answering the view protocol ----
-// Objects by dbid: 1 is the root directory. Names live in directories; a symbolic link has a target.
-struct Tree {
-  struct Obj {
-    uint32_t type = 1;  // 1 file, 2 directory, 5 link
-    uint64_t size = 0;
-    tbs_oid_s oid{};
-    std::map<std::string, uint32_t> names;
-    std::string target;
-    uint32_t gen = 1;
-  };
-  std::mutex mu;
-  std::map<uint32_t, Obj> objs;
-  std::map<uint64_t, int> calls;
-  std::vector<std::string> lookups;  // "dir:name:residual"
-  bool cacheable = true;
-  uint32_t miss_state = 0;  // name state of a miss
-  std::string cltxt;        // Getcleartext path
-  bool rel_to_cache = true;
-
-  Tree() {
-    Obj root;
-    root.type = 2;
-    root.oid = oid_n(100);
-    objs[1] = root;
-  }
-  uint32_t add(uint32_t dir, const std::string& name, uint32_t dbid, uint32_t type, const std::string& target = "") {
-    Obj o;
-    o.type = type;
-    o.oid = oid_n(uint8_t(dbid));
-    o.target = target;
-    o.size = type == 1 ? 10 * dbid : 0;
-    objs[dbid] = o;
-    objs[dir].names[name] = dbid;
-    return dbid;
-  }
-  int count(uint64_t op) {
-    std::lock_guard<std::mutex> g(mu);
-    return calls[op];
-  }
-
-  view_vstat_t vstat(uint32_t dbid) {
-    view_vstat_t v;
-    memset(&v, 0, sizeof v);
-    const Obj& o = objs[dbid];
-    v.fstat.type = o.type;
-    v.fstat.mode = o.type == 2 ? 0755 : 0444;
-    v.fstat.size = o.size;
-    v.fstat.owner = CREDUTL_SID_DONTCARE;
-    v.fstat.group = CREDUTL_SID_DONTCARE;
-    v.obj_oid = o.oid;
-    return v;
-  }
-  view_fhandle_t fh(const tbs_uuid_s& silo, uint32_t dbid) { return view_fhandle_t{silo, dbid, dbid, objs[dbid].gen, 0, 0}; }
-
-  template <typename Q, typename R>
-  static uint32_t serve(const std::string& in, bool_t (*dq)(XDR*, Q*), std::string* out, bool_t (*er)(XDR*, R*),
-                        const std::function<void(Q&, R&)>& fn) {
-    Q q;
-    memset(&q, 0, sizeof q);
-    XDR x;
-    xdrmem_create(&x, const_cast<char*>(in.data()), static_cast<u_int>(in.size()), XDR_DECODE);
-    bool ok = dq(&x, &q);
-    xdr_destroy(&x);
-    if (!ok) return KFSM_RPC_DECODE;
-    R r;
-    memset(&r, 0, sizeof r);
-    r.hdr.xid = q.hdr.xid;
-    fn(q, r);
-    char buf[KFSM_LPC_PAYLOAD];
-    xdrmem_create(&x, buf, sizeof buf, XDR_ENCODE);
-    ok = er(&x, &r);
-    out->assign(buf, ok ? xdr_getpos(&x) : 0);
-    xdr_destroy(&x);
-    xdrmem_create(&x, nullptr, 0, XDR_FREE);
-    dq(&x, &q);
-    return ok ? KFSM_RPC_DONE : KFSM_RPC_ENCODE;
-  }
-
-  uint32_t handle(uint64_t op, const std::string& in, std::string* out) {
-    std::lock_guard<std::mutex> g(mu);
-    calls[op]++;
-    switch (op) {
-      case 105:
-        return serve<view_replica_root_req_t, view_getattr_reply_t>(
-            in, &xdr_view_replica_root_req_t, out, &xdr_view_getattr_reply_t,
-            [&](auto& q, auto& r) {
-              r.vstat = vstat(1);
-              r.fh = fh(q.replica_uuid, 1);
-            });
-      case 106:
-        return serve<view_getattr_req_t, view_root_reply_t>(
-            in, &xdr_view_getattr_req_t, out, &xdr_view_root_reply_t, [&](auto& q, auto& r) {
-              if (!objs.count(q.fh.ver_dbid)) {
-                r.hdr.status = 1087;
-                return;
-              }
-              r.vstat = vstat(q.fh.ver_dbid);
-              r.fh = fh(q.fh.silo, q.fh.ver_dbid);
-            });
-      case 108:
-        return serve<view_getattr_req_t, view_getattr_reply_t>(
-            in, &xdr_view_getattr_req_t, out, &xdr_view_getattr_reply_t, [&](auto& q, auto& r) {
-              auto it = objs.find(q.fh.ver_dbid);
-              if (it == objs.end() || it->second.gen != q.fh.gen) {
-                r.hdr.status = 1087;
-                return;
-              }
-              r.vstat = vstat(q.fh.ver_dbid);
-              r.fh = q.fh;
-            });
-      case 107:
-        return serve<view_lookup_req_t, view_lookup_reply_t>(
-            in, &xdr_view_lookup_req_t, out, &xdr_view_lookup_reply_t, [&](auto& q, auto& r) {
-              std::string residual = q.residual ? q.residual : "";
-              lookups.push_back(std::to_string(q.dir.ver_dbid) + ":" + q.name + ":" + residual);
-              auto d = objs.find(q.dir.ver_dbid);
-              if (d == objs.end() || d->second.gen != q.dir.gen) {
-                r.hdr.status = 1087;
-                return;
-              }
-              uint32_t cur = q.dir.ver_dbid;
-              size_t consumed = 0;
-              std::string name = q.name;
-              if (name == ".") {
-                // Walk the residual, stopping after a symbolic link.
-                size_t pos = 0;
-                while (pos < residual.size()) {
-                  size_t end = residual.find('/', pos);
-                  if (end == std::string::npos) end = residual.size();
-                  auto it = objs[cur].names.find(residual.substr(pos, end - pos));
-                  if (it == objs[cur].names.end()) {
-                    r.hdr.status = 1052;
-                    return;
-                  }
-                  cur = it->second;
-                  consumed = end;
-                  pos = end + 1;
-                  if (objs[cur].type == 5) break;
-                }
-              } else {
-                auto it = objs[cur].names.find(name);
-                if (it == objs[cur].names.end()) {
-                  r.hdr.status = 1052;
-                  r.name_state = miss_state;
-                  return;
-                }
-                cur = it->second;
-              }
-              r.fh = fh(q.dir.silo, cur);
-              r.vstat = vstat(cur);
-              r.consumed = consumed;
-              r.cacheable = cacheable;
-            });
-      case 29:
-        return serve<view_readlink_req_t, view_readlink_reply_t>(
-            in, &xdr_view_readlink_req_t, out, &xdr_view_readlink_reply_t, [&](auto& q, auto& r) {
-              static thread_local std::string text;
-              text = objs[q.fh.ver_dbid].target;
-              r.text = text.data();
-              r.len = text.size();
-            });
-      case 10:
-        return serve<view_readdir_req_t, view_readdir_reply_t>(
-            in, &xdr_view_readdir_req_t, out, &xdr_view_readdir_reply_t, [&](auto& q, auto& r) {
-              static thread_local char buf[8192];
-              r.buffer = buf;
-              r.capacity = static_cast<uint32_t>(q.max_size < sizeof buf ? q.max_size : sizeof buf);
-              uint32_t off = 0;
-              r.eof = 1;
-              for (auto& n : objs[q.fh.ver_dbid].names) {
-                ++off;
-                if (off <= q.cursor) continue;
-                if (!view_dirent_append(&r, n.second, off, n.first.c_str())) {
-                  r.eof = 0;
-                  break;
-                }
-              }
-            });
-      case 12:
-        return serve<view_readlink_req_t, view_cltxt_reply_t>(
-            in, &xdr_view_readlink_req_t, out, &xdr_view_cltxt_reply_t, [&](auto&, auto& r) {
-              r.path = cltxt.data();
-              r.len = cltxt.size();
-              r.rel_to_cache = rel_to_cache;
-            });
-      default:
-        return KFSM_RPC_UNKNOWN;
-    }
-  }
+  void dir_done() override { error = 0; }
 };
 
 // ---- commands as the agent's library sends them ----
@@ -459,8 +231,8 @@ class Daemon_Test : public ::testing::Test {
     chmod(base.c_str(), 0755);  // another user's process must reach the socket
     opt.root = base + "/view";
     opt.socket_path = base + "/kfsm.sock";
-    opt.lpc_wait_ms = 300;
-    opt.lpc_orphan_ms = 300;
+    opt.lpc_wait_ms = lpc_wait_ms;
+    opt.lpc_orphan_ms = 200;
     ASSERT_EQ(mkdir(opt.root.c_str(), 0755), 0);
     setenv(KFSM_SOCKET_ENV, opt.socket_path.c_str(), 1);
     mounter = std::make_unique<Fake_Mounter>(&rec);
@@ -477,8 +249,21 @@ class Daemon_Test : public ::testing::Test {
     EXPECT_EQ(system(cmd.c_str()), 0);
   }
   std::string view_root(const std::string& tag) { return opt.root + "/" + tag; }
+  // Registers view `tag` with one SILO mounted.
+  std::shared_ptr<Kfsmd_Silo> view_with_silo(const std::string& tag, const std::string& silo = "/proj",
+                                             uint8_t replica = 5) {
+    EXPECT_EQ(cmd_mkview(tag, uuid_n(1), base), 0);
+    EXPECT_EQ(cmd_mount(tag, silo, uuid_n(replica)), 0);
+    return registry->find_silo(tag, silo);
+  }
+  // Polls for a state that no event announces (10 s at most).
+  static bool eventually(const std::function<bool()>& pred) {
+    for (int i = 0; i < 2000 && !pred(); ++i) usleep(5000);
+    return pred();
+  }
 
   std::string base;
+  int lpc_wait_ms = 10000;  // a fixture may shorten it in its constructor
   Kfsmd_Options opt;
   Recorder rec;
   std::unique_ptr<Fake_Mounter> mounter;

@@ -51,6 +51,7 @@ AgentStarted start_agent(const AgentStart& how) {
   if (pid < 0) {
     out.error = errno;
     out.message = "fork failed";
+    for (int fd : {in_pipe[0], in_pipe[1], out_pipe[0], out_pipe[1]}) close(fd);
     return out;
   }
   if (pid == 0) {

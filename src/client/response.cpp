@@ -28,7 +28,9 @@ bool is_integer(const std::string& s) {
   return s == "0" || (s[0] != '0' && !(s[0] == '-' && s.size() > 1 && s[1] == '0'));
 }
 
-std::string json_string(const std::string& s) {
+}  // namespace
+
+std::string json_quote(const std::string& s) {
   std::string out = "\"";
   for (unsigned char c : s) {
     switch (c) {
@@ -50,10 +52,12 @@ std::string json_string(const std::string& s) {
   return out + "\"";
 }
 
+namespace {
+
 std::string json_scalar(const std::string& s) {
   if (s == "true" || s == "false") return s;
   if (is_integer(s)) return s;
-  return json_string(s);
+  return json_quote(s);
 }
 
 std::string json_value(const XmlNode& n);
@@ -70,12 +74,12 @@ std::string json_object(const XmlNode& n) {
   bool first = true;
   for (const auto& a : n.attrs) {
     if (a.first == "tx-id" || a.first == "status-code") continue;
-    out += (first ? "" : ",") + json_string("@" + a.first) + ":" + json_scalar(a.second);
+    out += (first ? "" : ",") + json_quote("@" + a.first) + ":" + json_scalar(a.second);
     first = false;
   }
   for (const auto& tag : order) {
     const auto& g = groups[tag];
-    out += (first ? "" : ",") + json_string(tag) + ":";
+    out += (first ? "" : ",") + json_quote(tag) + ":";
     first = false;
     if (g.size() == 1) {
       out += json_value(*g[0]);
@@ -187,9 +191,9 @@ const char* status_name(int code) {
 }
 
 std::string to_json(const Response& r) {
-  std::string out = "{\"op\":" + json_string(r.root.tag) + ",\"tx_id\":" + (r.txid ? json_string(*r.txid) : "null") +
-                    ",\"status\":" + std::to_string(r.status) + ",\"status_name\":" + json_string(status_name(r.status)) +
-                    ",\"message\":" + json_string(r.message) + ",\"result\":";
+  std::string out = "{\"op\":" + json_quote(r.root.tag) + ",\"tx_id\":" + (r.txid ? json_quote(*r.txid) : "null") +
+                    ",\"status\":" + std::to_string(r.status) + ",\"status_name\":" + json_quote(status_name(r.status)) +
+                    ",\"message\":" + json_quote(r.message) + ",\"result\":";
   return out + json_object(r.root) + "}";
 }
 

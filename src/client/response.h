@@ -24,6 +24,9 @@ struct Response {
 // Name of a status code ("OK", "VIEW_ENDING", ...), or "UNKNOWN".
 const char* status_name(int code);
 
+// `s` as a JSON string: quotes, with '"', '\\' and control characters escaped.
+std::string json_quote(const std::string& s);
+
 // The reply as JSON: {"op":..,"tx_id":..|null,"status":N,"status_name":..,"message":..,"result":{..}}.
 // Texts "true"/"false" become booleans and decimal integers numbers; a repeated child tag becomes
 // an array; an element with children becomes an object.

@@ -44,3 +44,13 @@ TEST(ClientXml, RefusesBrokenReplies) {
     EXPECT_FALSE(err.empty());
   }
 }
+
+TEST(ClientXml, JsonQuotingAndScalars) {
+  EXPECT_EQ(tavrel::client::json_quote("a\"b\\c\x01\n\t/\x7f"), "\"a\\\"b\\\\c\\u0001\\n\\t/\x7f\"");
+  Response r;
+  std::string err;
+  ASSERT_TRUE(Response::parse("<Op status-code=\"7\" kind=\"x\"><n>-12</n><n>-0</n><z>0</z>"
+                              "<big>1234567890123456789</big><e/></Op>", &r, &err)) << err;
+  EXPECT_EQ(to_json(r), "{\"op\":\"Op\",\"tx_id\":null,\"status\":7,\"status_name\":\"UNKNOWN\",\"message\":\"\","
+                        "\"result\":{\"@kind\":\"x\",\"n\":[-12,\"-0\"],\"z\":0,\"big\":\"1234567890123456789\",\"e\":\"\"}}");
+}

@@ -21,11 +21,13 @@ int read_line_fd(int fd, std::string* out, std::string* error) {
     if (n < 0 && errno == EINTR) continue;
     if (n < 0) {
       *error = std::string("cannot read the password: ") + strerror(errno);
+      out->clear();
       return -1;
     }
     if (n == 0 || c == '\n') break;
     if (out->size() >= kMaxSecret) {
       *error = "the password is longer than 4096 bytes";
+      out->clear();  // no part of a refused secret is left behind
       return -1;
     }
     out->push_back(c);

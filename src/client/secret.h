@@ -13,8 +13,8 @@ struct SecretSource {
   std::string prompt;   // shown on /dev/tty when nothing else gives one; empty: no prompt
 };
 
-// 0 and the secret in *out, or -1 with *error set. An absent secret (no source at all) is 0 with
-// *out empty.
+// 0 and the secret in *out, or -1 with *error set and *out empty. An absent secret (no source at
+// all) is 0 with *out empty.
 int read_secret(const SecretSource& src, std::string* out, std::string* error);
 
 }  // namespace tavrel::client

@@ -1,7 +1,7 @@
 // The module daemon with FUSE, end to end: a real tavrel_kfsmd process, and this process as the
 // agent with the agent's own kernel channel (Tavrel_KFSM_Ioctl, the LPC threads). The view protocol
-// operations are not part of this program, so the agent's threads serve requests with either no
-// handler at all (every request gets rpc_status 5) or a small scripted tree (one directory, one file).
+// operations are not part of this program: the agent's threads hand requests to the scripted agent
+// (one directory holding one file "hello"), which may also make no handler (rpc_status 5).
 //
 // Skipped, with the reason, where a FUSE file system cannot be mounted; with TAVREL_REQUIRE_FUSE=1 the
 // skip is a failure. Every mount is made under a temporary directory and removed in the teardown.
@@ -9,20 +9,16 @@
 #include <fcntl.h>
 #include <signal.h>
 #include <sys/mount.h>
-#include <sys/socket.h>
 #include <sys/stat.h>
-#include <sys/un.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
 #include <gtest/gtest.h>
 
-#include <atomic>
 #include <cerrno>
 #include <chrono>
 #include <cstring>
 #include <fstream>
-#include <map>
 #include <sstream>
 #include <string>
 #include <thread>
@@ -36,7 +32,8 @@
 #include "kfsm/tavrel_kfsm_ioctl.h"
 #include "kfsm/tavrel_kfsm_request_handler.h"
 #include "kfsm/tavrel_kfsm_thread_unix.h"
-#include "kfsmd/fuse/kfsmd_fuse_mount.h"
+#include "kfsmd/core/kfsmd_rpc.h"
+#include "kfsmd/core/kfsmd_scripted_agent.h"
 #include "tests/e2e/e2e_fuse.h"
 #include "proto/view_records.h"
 
@@ -54,173 +51,23 @@ tbs_oid_s oid_n(uint8_t seed) {
   return o;
 }
 
-// ---- the agent's side of the view protocol, scripted ----
-
-std::atomic<int> g_calls[256];
-tbs_oid_s g_dir_oid = oid_n(10), g_file_oid = oid_n(20);
-
-int calls(int op) { return g_calls[op].load(); }
-
-bool no_handler(int rpc, XDR*, XDR*, int*) {
-  if (rpc >= 0 && rpc < 256) g_calls[rpc]++;
-  return false;
-}
-
-view_vstat_t vstat_of(uint32_t dbid) {
-  view_vstat_t v;
-  memset(&v, 0, sizeof v);
-  if (dbid == 1) {
-    v.fstat.type = 2;
-    v.fstat.mode = 0755;
-    v.fstat.nlink = 2;
-    v.mtype = SILO_MTYPE_DIR_VER;
-    v.obj_oid = g_dir_oid;
-  } else {
-    v.fstat.type = 1;
-    v.fstat.mode = 0444;
-    v.fstat.nlink = 1;
-    v.fstat.size = strlen(kContent);
-    v.mtype = SILO_MTYPE_FILE_VER;
-    v.obj_oid = g_file_oid;
-  }
-  v.fstat.owner = CREDUTL_SID_DONTCARE;
-  v.fstat.group = CREDUTL_SID_DONTCARE;
-  v.fstat.mtime = {1700000000, 0};
-  return v;
-}
-
-view_fhandle_t fh_of(const tbs_uuid_s& silo, uint32_t dbid) {
-  return view_fhandle_t{silo, dbid, dbid, 1, 0, 0};
-}
-
-template <typename Q>
-bool decode(XDR* in, bool_t (*f)(XDR*, Q*), Q* q) {
-  memset(q, 0, sizeof *q);
-  return f(in, q);
-}
-
-template <typename Q>
-void release(bool_t (*f)(XDR*, Q*), Q* q) {
-  XDR x;
-  xdrmem_create(&x, nullptr, 0, XDR_FREE);
-  f(&x, q);
-}
-
-// One directory (dbid 1) holding one file "hello" (dbid 2) whose cleartext is "c/hello" in the cache.
-bool scripted_tree(int rpc, XDR* in, XDR* out, int* rpc_status) {
-  if (rpc >= 0 && rpc < 256) g_calls[rpc]++;
-  *rpc_status = KFSM_RPC_DONE;
-  bool ok = false;
-  switch (rpc) {
-    case 105: {
-      view_replica_root_req_t q;
-      if (!decode(in, &xdr_view_replica_root_req_t, &q)) return *rpc_status = KFSM_RPC_DECODE, true;
-      view_getattr_reply_t r;
-      memset(&r, 0, sizeof r);
-      r.hdr.xid = q.hdr.xid;
-      r.vstat = vstat_of(1);
-      r.fh = fh_of(q.replica_uuid, 1);
-      release(&xdr_view_replica_root_req_t, &q);
-      ok = xdr_view_getattr_reply_t(out, &r);
-      break;
-    }
-    case 108: {
-      view_getattr_req_t q;
-      if (!decode(in, &xdr_view_getattr_req_t, &q)) return *rpc_status = KFSM_RPC_DECODE, true;
-      view_getattr_reply_t r;
-      memset(&r, 0, sizeof r);
-      r.hdr.xid = q.hdr.xid;
-      r.vstat = vstat_of(q.fh.ver_dbid);
-      r.fh = q.fh;
-      ok = xdr_view_getattr_reply_t(out, &r);
-      break;
-    }
-    case 107: {
-      view_lookup_req_t q;
-      if (!decode(in, &xdr_view_lookup_req_t, &q)) return *rpc_status = KFSM_RPC_DECODE, true;
-      view_lookup_reply_t r;
-      memset(&r, 0, sizeof r);
-      r.hdr.xid = q.hdr.xid;
-      // A name, or "." with the rest of a path to walk (only "hello" exists).
-      std::string residual = q.residual ? q.residual : "";
-      std::string want = strcmp(q.name, ".") == 0 ? residual : std::string(q.name);
-      if (q.dir.ver_dbid == 1 && (want == "hello" || want.empty())) {
-        uint32_t dbid = want.empty() ? 1 : 2;
-        r.fh = fh_of(q.dir.silo, dbid);
-        r.vstat = vstat_of(dbid);
-        r.cacheable = 1;
-        r.consumed = residual.size();
-      } else {
-        r.hdr.status = 1052;
-      }
-      release(&xdr_view_lookup_req_t, &q);
-      ok = xdr_view_lookup_reply_t(out, &r);
-      break;
-    }
-    case 10: {
-      view_readdir_req_t q;
-      if (!decode(in, &xdr_view_readdir_req_t, &q)) return *rpc_status = KFSM_RPC_DECODE, true;
-      view_readdir_reply_t r;
-      memset(&r, 0, sizeof r);
-      r.hdr.xid = q.hdr.xid;
-      char buf[512];
-      r.buffer = buf;
-      r.capacity = sizeof buf;
-      const struct {
-        const char* name;
-        uint32_t ino, off;
-      } entries[] = {{".", 1, 1}, {"..", 1, 2}, {"hello", 2, 3}};
-      for (auto& e : entries)
-        if (e.off > q.cursor) view_dirent_append(&r, e.ino, e.off, e.name);
-      r.eof = 1;
-      ok = xdr_view_readdir_reply_t(out, &r);
-      break;
-    }
-    case 12: {
-      view_readlink_req_t q;
-      if (!decode(in, &xdr_view_readlink_req_t, &q)) return *rpc_status = KFSM_RPC_DECODE, true;
-      view_cltxt_reply_t r;
-      memset(&r, 0, sizeof r);
-      r.hdr.xid = q.hdr.xid;
-      char path[] = "c/hello";
-      r.path = path;
-      r.len = strlen(path);
-      r.rel_to_cache = 1;
-      ok = xdr_view_cltxt_reply_t(out, &r);
-      break;
-    }
-    default:
-      *rpc_status = KFSM_RPC_UNKNOWN;
-      return true;
-  }
-  if (!ok) *rpc_status = KFSM_RPC_ENCODE;
-  return true;
-}
-
-// ---- mounts ----
-
-std::vector<std::string> mounts_under(const std::string& base) {
-  std::vector<std::string> out;
+// The mounts of the kernel's table whose mount point starts with `prefix`: (mount point, line).
+std::vector<std::pair<std::string, std::string>> mounts(const std::string& prefix) {
+  std::vector<std::pair<std::string, std::string>> out;
   std::ifstream f("/proc/mounts");
   std::string line;
   while (std::getline(f, line)) {
     std::istringstream ls(line);
     std::string dev, mp;
     ls >> dev >> mp;
-    if (mp.compare(0, base.size(), base) == 0) out.push_back(mp);
+    if (mp.compare(0, prefix.size(), prefix) == 0) out.emplace_back(mp, line);
   }
   return out;
 }
 
 std::string mount_line(const std::string& mp) {
-  std::ifstream f("/proc/mounts");
-  std::string line;
-  while (std::getline(f, line)) {
-    std::istringstream ls(line);
-    std::string dev, p;
-    ls >> dev >> p;
-    if (p == mp) return line;
-  }
+  for (auto& m : mounts(mp))
+    if (m.first == mp) return m.second;
   return "";
 }
 
@@ -228,7 +75,9 @@ class KfsmFuse : public ::testing::Test {
  protected:
   void SetUp() override {
     TAVREL_E2E_NEED_FUSE();
-    for (auto& c : g_calls) c = 0;
+    agent.add(1, "hello", 2, 1, strlen(kContent));
+    agent.set_cleartext("c/hello", true);
+    Kfsmd_Scripted_Agent::install(&agent);
     char tmpl[] = "/tmp/kfsm_e2e.XXXXXX";
     ASSERT_NE(mkdtemp(tmpl), nullptr);
     base = tmpl;
@@ -273,8 +122,9 @@ class KfsmFuse : public ::testing::Test {
     FAIL() << "tavrel_kfsmd did not come up";
   }
 
-  void start_agent(Tavrel_KFSM_Dispatch dispatch, int threads = 3) {
-    Tavrel_KFSM_Thread_Unix::set_dispatcher(dispatch);
+  void start_agent(bool handlers = true, int threads = 3) {
+    agent.set_no_handler(!handlers);
+    Tavrel_KFSM_Thread_Unix::set_dispatcher(&Kfsmd_Scripted_Agent::dispatch);
     setenv("HOME", "/nonexistent-tavrel-home", 1);
     Tavrel_Config::reset_for_test();
     Tavrel_Config::get_instance()->load_text("tavrelNumCmapi=2\ntavrelNumKfsm=" + std::to_string(threads) + "\n");
@@ -289,8 +139,8 @@ class KfsmFuse : public ::testing::Test {
   void TearDown() override {
     if (base.empty()) return;
     if (view) io().unregister_view();
-    for (const std::string& m : mounts_under(base))
-      if (umount2(m.c_str(), 0) != 0) umount2(m.c_str(), MNT_DETACH);
+    for (auto& m : mounts(base))
+      if (umount2(m.first.c_str(), 0) != 0) umount2(m.first.c_str(), MNT_DETACH);
     if (daemon > 0) {
       kill(daemon, SIGTERM);
       int status;
@@ -307,9 +157,9 @@ class KfsmFuse : public ::testing::Test {
     Tavrel_KFSM_Thread_Unix::set_dispatcher(nullptr);
     Tavrel_Config::reset_for_test();
     view.reset();
-    EXPECT_TRUE(mounts_under(base).empty()) << "a mount survived the test";
+    EXPECT_TRUE(mounts(base).empty()) << "a mount survived the test";
     std::string cmd = "rm -rf '" + base + "'";
-    if (mounts_under(base).empty()) {
+    if (mounts(base).empty()) {
       EXPECT_EQ(system(cmd.c_str()), 0);
     }
   }
@@ -318,10 +168,11 @@ class KfsmFuse : public ::testing::Test {
   pid_t daemon = -1;
   std::unique_ptr<Tavrel_View> view;
   Tavrel_Thread_Manager_Base* mgr = nullptr;
+  Kfsmd_Scripted_Agent agent;
 };
 
 TEST_F(KfsmFuse, MountAppearsALookupReachesTheAgentAndUnmountRemovesIt) {
-  start_agent(&no_handler);
+  start_agent(false);
   ASSERT_EQ(io().mount_silo("/proj", "/silos/proj", oid_n(1), oid_n(2)), 0);
   std::string line = mount_line(mp);
   ASSERT_FALSE(line.empty()) << "no mount at " << mp;
@@ -335,7 +186,7 @@ TEST_F(KfsmFuse, MountAppearsALookupReachesTheAgentAndUnmountRemovesIt) {
   errno = 0;
   EXPECT_EQ(stat((mp + "/x").c_str(), &st), -1);
   EXPECT_EQ(errno, EIO);
-  EXPECT_GE(calls(105), 1);
+  EXPECT_GE(agent.count(VIEW_RPC_ROOT), 1);
 
   int raw = -1;
   ASSERT_EQ(io().umount_silo("/proj", oid_n(1), &raw), 0);
@@ -347,7 +198,7 @@ TEST_F(KfsmFuse, MountAppearsALookupReachesTheAgentAndUnmountRemovesIt) {
 }
 
 TEST_F(KfsmFuse, FilesListAndReadThroughTheMountAndInvalidationReachesTheKernel) {
-  start_agent(&scripted_tree);
+  start_agent();
   ASSERT_EQ(io().mount_silo("/proj", "/silos/proj", oid_n(1), oid_n(2)), 0);
 
   std::vector<std::string> names;
@@ -375,16 +226,17 @@ TEST_F(KfsmFuse, FilesListAndReadThroughTheMountAndInvalidationReachesTheKernel)
   EXPECT_EQ(errno, ENOENT);
 
   // The name stays in the kernel (cacheable, 30 s) until the agent says otherwise.
-  const int lookups = calls(107);
+  const int lookups = agent.count(VIEW_RPC_LOOKUP);
   ASSERT_EQ(stat((mp + "/hello").c_str(), &st), 0);
-  EXPECT_EQ(calls(107), lookups);
+  EXPECT_EQ(agent.count(VIEW_RPC_LOOKUP), lookups);
   tbs_uuid_s replica;
   memcpy(replica.bytes, oid_n(1).bytes, 16);
-  ASSERT_EQ(io().view_inval_name(&replica, &g_dir_oid, "hello"), 0);
+  tbs_oid_s dir_oid = Kfsmd_Scripted_Agent::oid(1);
+  ASSERT_EQ(io().view_inval_name(&replica, &dir_oid, "hello"), 0);
   bool asked_again = false;
   for (int i = 0; i < 250 && !asked_again; ++i) {
     ASSERT_EQ(stat((mp + "/hello").c_str(), &st), 0);
-    asked_again = calls(107) > lookups;
+    asked_again = agent.count(VIEW_RPC_LOOKUP) > lookups;
     if (!asked_again) std::this_thread::sleep_for(20ms);
   }
   EXPECT_TRUE(asked_again) << "the invalidation did not reach the kernel";
@@ -396,7 +248,7 @@ TEST_F(KfsmFuse, FilesListAndReadThroughTheMountAndInvalidationReachesTheKernel)
   tbs_uuid_s uuid, uuid2;
   ASSERT_EQ(io().view_get_xstat(mp + "/hello", &vs, &oid, &uuid, nullptr, &uuid2), 0);
   EXPECT_EQ(vs.fstat.size, strlen(kContent));
-  EXPECT_EQ(oid, g_file_oid);
+  EXPECT_EQ(oid, Kfsmd_Scripted_Agent::oid(2));
   EXPECT_EQ(uuid, replica);
   EXPECT_EQ(tbs_uuid_to_str(uuid2), kViewUuid);
   EXPECT_EQ(io().view_get_xstat(mp + "/nothing", &vs, nullptr, nullptr, nullptr, nullptr), 1052);
@@ -404,7 +256,7 @@ TEST_F(KfsmFuse, FilesListAndReadThroughTheMountAndInvalidationReachesTheKernel)
 }
 
 TEST_F(KfsmFuse, BusyMountIsRefusedAndStaysMounted) {
-  start_agent(&scripted_tree);
+  start_agent();
   ASSERT_EQ(io().mount_silo("/proj", "/silos/proj", oid_n(1), oid_n(2)), 0);
   int go[2], ready[2];
   ASSERT_EQ(pipe(go), 0);
@@ -433,7 +285,7 @@ TEST_F(KfsmFuse, BusyMountIsRefusedAndStaysMounted) {
 }
 
 TEST_F(KfsmFuse, EndOfViewLetsTheThreadsGoDetachesTheMountsAndAStartAgainWorks) {
-  start_agent(&scripted_tree);
+  start_agent();
   ASSERT_EQ(io().mount_silo("/proj", "/silos/proj", oid_n(1), oid_n(2)), 0);
   ASSERT_EQ(io().mount_silo("/other", "/silos/other", oid_n(3), oid_n(4)), 0);
   // The agent starts again with the same view: the mounts stay.
@@ -452,7 +304,7 @@ TEST_F(KfsmFuse, EndOfViewLetsTheThreadsGoDetachesTheMountsAndAStartAgainWorks) 
     if (!ended) std::this_thread::sleep_for(20ms);
   }
   EXPECT_TRUE(ended) << "LPC threads still live: " << mgr->counters().live - 3;
-  EXPECT_TRUE(mounts_under(base).empty());
+  EXPECT_TRUE(mounts(base).empty());
   EXPECT_NE(access((root + "/" + kViewTag).c_str(), F_OK), 0);
   mgr->set_should_exit();
   mgr->drain_incomplete();
@@ -463,7 +315,7 @@ TEST_F(KfsmFuse, EndOfViewLetsTheThreadsGoDetachesTheMountsAndAStartAgainWorks) 
   kfsm_set_wakeup_fd(-1);
 
   // And the view comes back: registered again, its SILO mounted again, served again.
-  start_agent(&scripted_tree);
+  start_agent();
   ASSERT_EQ(io().mount_silo("/proj", "/silos/proj", oid_n(1), oid_n(2)), 0);
   ASSERT_EQ(stat((mp + "/hello").c_str(), &st), 0);
   EXPECT_EQ(st.st_size, off_t(strlen(kContent)));
