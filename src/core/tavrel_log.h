@@ -1,9 +1,11 @@
 // Tavrel_Log_Base / Tavrel_Log: the agent log of a view, "<storage>/log/tvr.log".
 //
-// Line format: "<INFO|WARN|ERROR|UNKNOWN>::<%b %d,%Y %H:%M:%S.mmm>::<pid>::<message>". No line end is
-// added: messages bring their own. Nothing is written until Tavrel_Log::g_enabled is set. The file is
-// opened and closed for every line; the log directory is made (0700) when missing, but a storage
-// directory that no longer exists is never re-created. There is no rotation.
+// Line format: "<INFO|WARN|ERROR|UNKNOWN>::<%b %d,%Y %H:%M:%S.mmm>::<pid>::<message>\n". Every entry is
+// exactly one line: the message's own trailing line ends are dropped, and line ends and backslashes
+// inside it are written as "\n", "\r" and "\\", so a reader can split the file at line ends. Nothing is
+// written until Tavrel_Log::g_enabled is set. The file is opened and closed for every line, created
+// owner-only (0600) and never through a symbolic link; the log directory is made (0700) when missing,
+// but a storage directory that no longer exists is never re-created. There is no rotation.
 //
 // Thread safety: a mutex per log object serialises lines, so parallel writers never interleave.
 #pragma once
@@ -11,6 +13,8 @@
 #include <atomic>
 #include <mutex>
 #include <string>
+
+#include "base/tavrel_mutex.h"
 
 #include "base/imsg.h"
 
@@ -34,7 +38,8 @@ class Tavrel_Log_Base {
   std::string m_view_dir;
   std::string m_log_dir;
   std::string m_log_path;
-  std::mutex m_mutex;  // guards the file during one append
+  // Guards the file during one append; only the trace is taken under it.
+  Tavrel_Mutex m_mutex{Tavrel_Lock_Rank::LOG_FILE, "Tavrel_Log_Base::m_mutex"};
 };
 
 class Tavrel_Log : public Tavrel_Log_Base {
@@ -54,6 +59,9 @@ class Tavrel_Log : public Tavrel_Log_Base {
   bool should_log(TAVREL_LOG_TYPE) const { return g_enabled.load() != 0; }
 
   static const char* type_text(int type);
+  // The message as one log line: trailing line ends dropped, inner ones and backslashes escaped, one
+  // line end added.
+  static std::string one_line(const std::string& text);
 
  private:
   explicit Tavrel_Log(const std::string& location);

@@ -6,6 +6,7 @@
 #include <sys/time.h>
 #include <unistd.h>
 
+#include <cerrno>
 #include <cstdarg>
 #include <cstring>
 #include <mutex>
@@ -14,15 +15,17 @@
 #include "base/imsg.h"
 #include "base/strutl.h"
 #include "base/sysutl.h"
+#include "base/tavrel_mutex.h"
 
 namespace {
-std::mutex g_trace_lock;  // guards every field below and each write
+// Guards every field below and each write. The innermost lock of ours: any thread traces under any
+// lock, and only the trace filter of imsg is taken under this one.
+Tavrel_Mutex g_trace_lock{Tavrel_Lock_Rank::TRACE, "trace file"};
 int tracing_on = 0;
 char trace_subsys[1024];
 int trace_level = 0;
 char trace_file[1024];
 int trace_fd = -1;
-bool trace_file_failed = false;  // an open failed: stay silent instead of retrying per line
 
 constexpr size_t kMessageMax = 2048;
 
@@ -32,14 +35,34 @@ std::string time_stamp() {
   return date_strftime_local("%Y-%m-%dT%H:%M:%S", tv.tv_sec) + strutl_format(".%.6d", static_cast<int>(tv.tv_usec));
 }
 
-// Caller holds g_trace_lock.
+// Whether `dir` is a directory of this user that only this user can write; a group- or world-writable
+// one of ours is made 0700. A symbolic link, another user's directory or anything else is refused.
+bool trace_dir_safe(const std::string& dir) {
+  struct stat st;
+  if (lstat(dir.c_str(), &st) != 0) {
+    if (errno != ENOENT || mkdir(dir.c_str(), 0700) != 0) return false;
+    if (lstat(dir.c_str(), &st) != 0) return false;
+  }
+  if (!S_ISDIR(st.st_mode) || st.st_uid != geteuid()) return false;
+  if ((st.st_mode & 077) != 0 && chmod(dir.c_str(), 0700) != 0) return false;
+  return true;
+}
+
+// Caller holds g_trace_lock. A file that cannot be opened is tried again at the next line.
 void open_locked() {
-  if (trace_fd >= 0 || trace_file_failed || !trace_file[0]) return;
+  if (trace_fd >= 0 || !trace_file[0]) return;
   std::string dir = trace_file;
   dir = dir.substr(0, dir.find_last_of('/'));
-  if (access(dir.c_str(), F_OK) != 0) mkdir(dir.c_str(), 0700);
-  trace_fd = open(trace_file, O_WRONLY | O_APPEND | O_CREAT | O_CLOEXEC, 0600);
-  if (trace_fd < 0) trace_file_failed = true;
+  if (!trace_dir_safe(dir)) return;
+  int fd = open(trace_file, O_WRONLY | O_APPEND | O_CREAT | O_CLOEXEC | O_NOFOLLOW | O_NONBLOCK, 0600);
+  if (fd < 0) return;
+  struct stat st;
+  if (fstat(fd, &st) != 0 || !S_ISREG(st.st_mode) || st.st_uid != geteuid()) {
+    close(fd);
+    return;
+  }
+  if ((st.st_mode & 077) != 0) fchmod(fd, 0600);
+  trace_fd = fd;
 }
 }  // namespace
 
@@ -95,17 +118,17 @@ void Tavrel_Trace::writeTrace_m(const char* function, const char* format, ...) c
 }
 
 int Tavrel_Trace::tracing_enabled() {
-  std::lock_guard<std::mutex> g(g_trace_lock);
+  std::lock_guard<Tavrel_Mutex> g(g_trace_lock);
   return tracing_on;
 }
 
 int Tavrel_Trace::get_trace_level() {
-  std::lock_guard<std::mutex> g(g_trace_lock);
+  std::lock_guard<Tavrel_Mutex> g(g_trace_lock);
   return trace_level;
 }
 
 void Tavrel_Trace::set_trace(const char* subsystems, int level) {
-  std::lock_guard<std::mutex> g(g_trace_lock);
+  std::lock_guard<Tavrel_Mutex> g(g_trace_lock);
   trace_level = level;
   if (subsystems)
     strutl_cpy_buf(trace_subsys, sizeof trace_subsys, subsystems);
@@ -119,12 +142,11 @@ void Tavrel_Trace::set_trace(const char* subsystems, int level) {
 
 void Tavrel_Trace::setup_trace_file(const char* user, int pid) {
   std::string home = sysutl_get_homedir();
-  std::lock_guard<std::mutex> g(g_trace_lock);
+  std::lock_guard<Tavrel_Mutex> g(g_trace_lock);
   if (trace_fd >= 0) {
     close(trace_fd);
     trace_fd = -1;
   }
-  trace_file_failed = false;
   if (home.empty()) {
     trace_file[0] = '\0';
     return;
@@ -136,12 +158,12 @@ void Tavrel_Trace::setup_trace_file(const char* user, int pid) {
 }
 
 std::string Tavrel_Trace::get_trace_file() {
-  std::lock_guard<std::mutex> g(g_trace_lock);
+  std::lock_guard<Tavrel_Mutex> g(g_trace_lock);
   return trace_file;
 }
 
 void Tavrel_Trace::write_to_trace_file(const char* line) {
-  std::lock_guard<std::mutex> g(g_trace_lock);
+  std::lock_guard<Tavrel_Mutex> g(g_trace_lock);
   open_locked();
   if (trace_fd < 0) return;
   ssize_t ignored = write(trace_fd, line, strlen(line));
@@ -149,12 +171,12 @@ void Tavrel_Trace::write_to_trace_file(const char* line) {
 }
 
 void Tavrel_Trace::open_trace_file() {
-  std::lock_guard<std::mutex> g(g_trace_lock);
+  std::lock_guard<Tavrel_Mutex> g(g_trace_lock);
   open_locked();
 }
 
 void Tavrel_Trace::close_trace_file() {
-  std::lock_guard<std::mutex> g(g_trace_lock);
+  std::lock_guard<Tavrel_Mutex> g(g_trace_lock);
   if (trace_fd >= 0) close(trace_fd);
   trace_fd = -1;
 }

@@ -7,7 +7,10 @@
 // and at level 10 (demo mode) only "<time stamp>::<message>\n", for messages of level 10 only.
 // A message is cut at 2047 bytes. The file is named tavrel_<user>_d%Y%m%d_t%H%M%S_p<pid>.log (the
 // "<user>_" part is left out without a user), made 0600 in a 0700 directory, and opened on the first
-// line, so a run that never traces makes no file. A file that cannot be made drops lines silently.
+// line, so a run that never traces makes no file. The directory must be this user's own (a group- or
+// world-writable one is made 0700; a symbolic link or another user's directory is refused) and the file
+// is never opened through a symbolic link. A file that cannot be opened drops the line silently, and
+// the open is tried again at the next line.
 //
 // Thread safety: the class-wide state is guarded by g_trace_lock; every line is one write(2).
 #pragma once

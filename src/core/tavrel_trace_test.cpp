@@ -190,7 +190,7 @@ TEST(Log, FormatEnablingAndNoRecreate) {
   EXPECT_EQ(std::distance(std::sregex_iterator(text.begin(), text.end(), line), std::sregex_iterator()), 3) << text;
   EXPECT_NE(text.find("::careful 7\n"), std::string::npos);
   EXPECT_NE(text.find("::Exiting, status = 20001.\n"), std::string::npos);
-  EXPECT_TRUE(text.size() >= 3 && text.substr(text.size() - 3) == "odd");  // no line end added
+  EXPECT_TRUE(text.size() >= 4 && text.substr(text.size() - 4) == "odd\n");  // one line end added
 
   std::string cmd = "rm -rf " + view;
   ASSERT_EQ(system(cmd.c_str()), 0);
