@@ -7,6 +7,7 @@
 
 #include "proto/kfsm_records.h"
 #include "proto/kfsm_status.h"
+#include "proto/view_rpc.h"
 
 struct Kfsmd_Lpc_Channel::Conn {
   int fd = -1;
@@ -26,7 +27,16 @@ Kfsmd_Lpc_Channel::~Kfsmd_Lpc_Channel() {
 
 bool Kfsmd_Lpc_Channel::idempotent(uint64_t op) {
   switch (op) {
-    case 0: case 10: case 12: case 14: case 15: case 29: case 105: case 106: case 107: case 108:
+    case VIEW_RPC_NULL:
+    case VIEW_RPC_READDIR:
+    case VIEW_RPC_GETCLEARTEXT:
+    case VIEW_RPC_READDIR_EXT:
+    case VIEW_RPC_GPATH:
+    case VIEW_RPC_READLINK:
+    case VIEW_RPC_ROOT:
+    case VIEW_RPC_REVALIDATE:
+    case VIEW_RPC_LOOKUP:
+    case VIEW_RPC_GETATTR:
       return true;
     default:
       return false;
@@ -42,7 +52,7 @@ uint32_t Kfsmd_Lpc_Channel::next_xid() {
 
 bool Kfsmd_Lpc_Channel::deliver(Conn* c, Call* call) {
   uint8_t hdr[KFSM_LPC_HDR] = {};
-  kfsm_lpc_put_request(hdr, kfsm_lpc_request_hdr{call->op, call->request->size(), KFSM_LPC_PAYLOAD, call->cookie});
+  kfsm_lpc_put_request(hdr, kfsm_lpc_request_hdr{call->op, call->request->size(), VIEW_LPC_PAYLOAD, call->cookie});
   std::string body = kfsm_lpc_deliver_body(0, hdr, reinterpret_cast<const uint8_t*>(call->request->data()),
                                            call->request->size());
   if (kfsm_frame_send(c->fd, KFSM_FRAME_LPC_DELIVER, c->waiting_seq, body) != 0) {
@@ -74,7 +84,7 @@ void Kfsmd_Lpc_Channel::feed(Conn* c) {
 }
 
 int Kfsmd_Lpc_Channel::call(uint64_t op, const std::string& request, uint32_t* rpc_status, std::string* reply) {
-  if (request.size() > KFSM_LPC_PAYLOAD) return EMSGSIZE;
+  if (request.size() > VIEW_LPC_PAYLOAD) return EMSGSIZE;
   std::unique_lock<std::mutex> g(m_mutex);
   if (m_ended) return ENOTCONN;
   Call call;

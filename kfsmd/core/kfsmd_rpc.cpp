@@ -34,7 +34,7 @@ view_hdr_req_t Kfsmd_Rpc::header() {
 template <typename Q, typename R>
 int Kfsmd_Rpc::run(uint64_t op, Q* req, bool_t (*enc)(XDR*, Q*), R* rep, bool_t (*dec)(XDR*, R*)) {
   req->hdr = header();
-  std::vector<char> buf(KFSM_LPC_PAYLOAD);
+  std::vector<char> buf(VIEW_LPC_PAYLOAD);
   XDR x;
   xdrmem_create(&x, buf.data(), static_cast<u_int>(buf.size()), XDR_ENCODE);
   bool ok = enc(&x, req);

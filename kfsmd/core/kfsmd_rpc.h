@@ -16,17 +16,7 @@
 #include "base/tbs.h"
 #include "kfsmd/core/kfsmd_lpc_channel.h"
 #include "proto/view_records.h"
-
-enum : uint64_t {
-  VIEW_RPC_NULL = 0,
-  VIEW_RPC_READDIR = 10,
-  VIEW_RPC_GETCLEARTEXT = 12,
-  VIEW_RPC_READLINK = 29,
-  VIEW_RPC_ROOT = 105,
-  VIEW_RPC_REVALIDATE = 106,
-  VIEW_RPC_LOOKUP = 107,
-  VIEW_RPC_GETATTR = 108,
-};
+#include "proto/view_rpc.h"
 
 class Kfsmd_Rpc {
  public:

@@ -24,7 +24,7 @@ Tavrel_KFSM_AbstractOp* Tavrel_KFSM_AbstractOp::create_kfsm_request_handler(int 
   trace.writeTrace(TRACE_LEVEL_4, "Rpc  = %d", rpc);
   Tavrel_KFSM_AbstractOp* op = nullptr;
   switch (rpc) {
-    case 0:
+    case VIEW_RPC_NULL:
       op = new (std::nothrow) Tavrel_KFSM_NULL(in, out);
       break;
     default:
@@ -76,7 +76,7 @@ void Tavrel_KFSM_AbstractOp::send_reply() {
   trace.writeTrace(TRACE_LEVEL_4, "Returning status %d rpc_status %d", m_status, m_rpc_status);
 }
 
-Tavrel_KFSM_NULL::Tavrel_KFSM_NULL(XDR* in, XDR* out) : Tavrel_KFSM_AbstractOp(0, in, out) {}
+Tavrel_KFSM_NULL::Tavrel_KFSM_NULL(XDR* in, XDR* out) : Tavrel_KFSM_AbstractOp(VIEW_RPC_NULL, in, out) {}
 
 void Tavrel_KFSM_NULL::process_request() {
   m_status = TAVREL_ST_OK;

@@ -42,8 +42,8 @@ TEST(KfsmFrame, RepliesByRpc) {
     u_int req_len;
     int rpc_status;
   } rows[] = {
-      {0, 0, KFSM_RPC_DONE},        // ping: nothing decoded, empty reply
-      {0, 128, KFSM_RPC_DONE},      // a body on a ping is ignored
+      {VIEW_RPC_NULL, 0, KFSM_RPC_DONE},    // ping: nothing decoded, empty reply
+      {VIEW_RPC_NULL, 128, KFSM_RPC_DONE},  // a body on a ping is ignored
       {11, 128, KFSM_RPC_UNKNOWN},  // a gap in the table
       {119, 128, KFSM_RPC_UNKNOWN}, // beyond the table
       {-5, 128, KFSM_RPC_UNKNOWN},

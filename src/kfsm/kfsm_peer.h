@@ -75,7 +75,7 @@ class Kfsm_Peer {
   };
   // Hands one request to a waiting call and waits for its reply. False on timeout or when the
   // connection closed first.
-  bool lpc_request(uint64_t op, const std::string& payload, Lpc_Reply* out, uint64_t capacity = KFSM_LPC_PAYLOAD,
+  bool lpc_request(uint64_t op, const std::string& payload, Lpc_Reply* out, uint64_t capacity = VIEW_LPC_PAYLOAD,
                    std::chrono::milliseconds limit = std::chrono::seconds(10));
   // Gives `status` (not 0) to one waiting call; false when none waits.
   bool lpc_status_one(int32_t status);

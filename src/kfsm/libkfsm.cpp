@@ -178,7 +178,7 @@ void lpc_call(Handle* h, int* err, int* status, const kfsm_strbuf* pn, void* inf
     uint8_t hdr[KFSM_LPC_HDR];
     memcpy(hdr, buf, KFSM_LPC_HDR);
     uint64_t size = kfsm_get_u64(hdr + 4);
-    if (size > KFSM_LPC_PAYLOAD) size = KFSM_LPC_PAYLOAD;
+    if (size > VIEW_LPC_PAYLOAD) size = VIEW_LPC_PAYLOAD;
     kfsm_put_u64(hdr + 4, size);
     body = kfsm_lpc_call_body(1, tag, hdr, buf + KFSM_LPC_HDR, size);
     h->cookie_sent = true;

@@ -167,7 +167,7 @@ TEST_F(LibKfsm, LpcCallSendsEachReplyOnce) {
     kfsm_cmd(h, &r4.err, &r4.status, KFSM_CMD_LPC_MESSAGE, 0, &tag, &tag, buf, KFSM_LPC_BUF);
   });
   Kfsm_Peer::Lpc_Reply reply;
-  ASSERT_TRUE(peer->lpc_request(107, "abc", &reply));
+  ASSERT_TRUE(peer->lpc_request(VIEW_RPC_LOOKUP, "abc", &reply));
   EXPECT_EQ(reply.rpc_status, 0u);
   EXPECT_EQ(reply.size, 3u);
   EXPECT_EQ(reply.payload, "xyz");

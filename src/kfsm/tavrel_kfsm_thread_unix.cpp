@@ -74,8 +74,8 @@ void Tavrel_KFSM_Thread_Unix::serve(uint8_t* req, uint8_t* res) {
                    static_cast<unsigned long long>(h.res_capacity));
   // The library never delivers more than the payload; the bounds hold the streams inside the buffers
   // whatever the header says.
-  u_int in_size = static_cast<u_int>(h.req_size > KFSM_LPC_PAYLOAD ? KFSM_LPC_PAYLOAD : h.req_size);
-  u_int out_size = static_cast<u_int>(h.res_capacity > KFSM_LPC_PAYLOAD ? KFSM_LPC_PAYLOAD : h.res_capacity);
+  u_int in_size = static_cast<u_int>(h.req_size > VIEW_LPC_PAYLOAD ? VIEW_LPC_PAYLOAD : h.req_size);
+  u_int out_size = static_cast<u_int>(h.res_capacity > VIEW_LPC_PAYLOAD ? VIEW_LPC_PAYLOAD : h.res_capacity);
   XDR in, out;
   xdrmem_create(&in, reinterpret_cast<char*>(req + KFSM_LPC_HDR), in_size, XDR_DECODE);
   xdrmem_create(&out, reinterpret_cast<char*>(res + KFSM_LPC_HDR), out_size, XDR_ENCODE);

@@ -85,9 +85,8 @@ constexpr uint32_t KFSM_INVAL_VERSION = 5;
 // Longest string a command image may carry (storage paths are up to 1024 characters).
 constexpr uint32_t KFSM_STR_MAX = 4096;
 
-constexpr size_t KFSM_LPC_BUF = 8800;
 constexpr size_t KFSM_LPC_HDR = 32;
-constexpr size_t KFSM_LPC_PAYLOAD = KFSM_LPC_BUF - KFSM_LPC_HDR;  // 8768
+constexpr size_t KFSM_LPC_BUF = KFSM_LPC_HDR + VIEW_LPC_PAYLOAD;  // 8800
 constexpr size_t KFSM_LPC_MARKER_OFF = 28;
 // rpc_status values of an LPC reply.
 enum : uint32_t { KFSM_RPC_DONE = 0, KFSM_RPC_UNKNOWN = 3, KFSM_RPC_DECODE = 4, KFSM_RPC_ENCODE = 5 };

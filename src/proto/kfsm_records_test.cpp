@@ -458,7 +458,7 @@ TEST(KfsmLpcHeader, RequestAndReplyFieldsAtTheirOffsets) {
   EXPECT_EQ(r.rpc_status, 3u);
   EXPECT_EQ(r.size, 0x0000000100000002ull);
   EXPECT_EQ(r.marker, 1u);
-  EXPECT_EQ(KFSM_LPC_PAYLOAD, 8768u);
+  EXPECT_EQ(VIEW_LPC_PAYLOAD, 8768u);
 }
 
 TEST(KfsmStatus, ErrnoTableRoundTripsAndKeepsBusyDistinct) {

@@ -140,7 +140,7 @@ bool kfsm_parse_lpc_call(const std::string& body, kfsm_lpc_call* out) {
   if (rest < KFSM_LPC_HDR) return false;
   out->header.assign(body, 8 + taglen, KFSM_LPC_HDR);
   uint64_t size = kfsm_get_u64(reinterpret_cast<const uint8_t*>(out->header.data()) + 4);
-  if (size > KFSM_LPC_PAYLOAD || rest - KFSM_LPC_HDR != size) return false;
+  if (size > VIEW_LPC_PAYLOAD || rest - KFSM_LPC_HDR != size) return false;
   out->payload.assign(body, 8 + taglen + KFSM_LPC_HDR, size);
   return true;
 }
@@ -163,7 +163,7 @@ bool kfsm_parse_lpc_deliver(const std::string& body, kfsm_lpc_deliver* out) {
   if (body.size() < 4 + KFSM_LPC_HDR) return false;
   out->header.assign(body, 4, KFSM_LPC_HDR);
   uint64_t size = kfsm_get_u64(reinterpret_cast<const uint8_t*>(out->header.data()) + 8);
-  if (size > KFSM_LPC_PAYLOAD || body.size() - 4 - KFSM_LPC_HDR != size) return false;
+  if (size > VIEW_LPC_PAYLOAD || body.size() - 4 - KFSM_LPC_HDR != size) return false;
   out->payload.assign(body, 4 + KFSM_LPC_HDR, size);
   return true;
 }

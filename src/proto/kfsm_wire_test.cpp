@@ -101,13 +101,13 @@ TEST(KfsmWire, LpcBodiesCheckTheirSizes) {
   std::string tagpast = kfsm_lpc_call_body(0, "abc", nullptr, nullptr, 0);
   kfsm_put_u32(reinterpret_cast<uint8_t*>(tagpast.data()) + 4, 200);
   EXPECT_FALSE(kfsm_parse_lpc_call(tagpast, &call));
-  kfsm_lpc_put_reply(hdr, 0, KFSM_LPC_PAYLOAD + 1, 9);
+  kfsm_lpc_put_reply(hdr, 0, VIEW_LPC_PAYLOAD + 1, 9);
   EXPECT_FALSE(kfsm_parse_lpc_call(kfsm_lpc_call_body(1, "v", hdr, nullptr, 0), &call));
   ASSERT_TRUE(kfsm_parse_lpc_call(kfsm_lpc_call_body(0, "v", nullptr, nullptr, 0), &call));
   EXPECT_EQ(call.flags, 0u);
 
   uint8_t rq[KFSM_LPC_HDR] = {};
-  kfsm_lpc_put_request(rq, kfsm_lpc_request_hdr{107, payload.size(), 8768, 4});
+  kfsm_lpc_put_request(rq, kfsm_lpc_request_hdr{VIEW_RPC_LOOKUP, payload.size(), VIEW_LPC_PAYLOAD, 4});
   kfsm_lpc_deliver d;
   std::string dbody = kfsm_lpc_deliver_body(0, rq, reinterpret_cast<const uint8_t*>(payload.data()), payload.size());
   ASSERT_TRUE(kfsm_parse_lpc_deliver(dbody, &d));

@@ -14,6 +14,7 @@
 // one; otherwise the field filters run. Both paths give the same bytes.
 #pragma once
 
+#include "proto/view_rpc.h"
 #include "proto/xdr_prim.h"
 
 typedef tbs_uuid_s view_handle_t;
@@ -37,9 +38,8 @@ enum : uint32_t { VIEW_FH_HISTORY = 1, VIEW_FH_PRIVATE = 2 };
 // Status that makes a getattr reply carry only the name state.
 constexpr tbs_status_t VIEW_ST_NAME_STATE_ONLY = 1063;
 
-// Payload bytes of one LPC message, and the bytes a directory listing may fill of it.
-constexpr unsigned VIEW_LPC_PAYLOAD = 8768;
-constexpr unsigned VIEW_READDIR_LIMIT = 8744;
+// The bytes a directory listing may fill of one LPC message.
+constexpr unsigned VIEW_READDIR_LIMIT = VIEW_LPC_PAYLOAD - 24;
 
 struct view_bhandle_t {
   view_build_session_t build_session;
