@@ -13,9 +13,7 @@ std::atomic<Tavrel_KFSM_Dispatch> Tavrel_KFSM_Thread_Unix::g_dispatch{nullptr};
 Tavrel_KFSM_Thread_Unix::Tavrel_KFSM_Thread_Unix(const std::string& view_tag, Tavrel_Thread_Manager_Base& mgr)
     : m_view_tag(view_tag), m_mgr(mgr) {}
 
-Tavrel_KFSM_Thread_Unix::~Tavrel_KFSM_Thread_Unix() {
-  if (m_handle) kfsm_view_root_close_type(1, m_handle);
-}
+Tavrel_KFSM_Thread_Unix::~Tavrel_KFSM_Thread_Unix() { close_handle(); }
 
 bool Tavrel_KFSM_Thread_Unix::open_handle(int* err) {
   *err = 0;
@@ -43,6 +41,7 @@ int Tavrel_KFSM_Thread_Unix::execute() {
     kfsm_cmd(m_handle, &err, &status, KFSM_CMD_LPC_MESSAGE, 0, &pn, &pn2, req, KFSM_LPC_BUF);
     if (err != 0) {
       trace.writeTrace(TRACE_LEVEL_2, "KFSM_CMD_LPC_MESSAGE failed: %d", err);
+      close_handle();
       return err;
     }
     if (status != 0) {
@@ -63,7 +62,13 @@ int Tavrel_KFSM_Thread_Unix::execute() {
     }
     serve(req, res);
   }
+  close_handle();
   return m_result;
+}
+
+void Tavrel_KFSM_Thread_Unix::close_handle() {
+  if (m_handle) kfsm_view_root_close_type(1, m_handle);
+  m_handle = 0;
 }
 
 void Tavrel_KFSM_Thread_Unix::serve(uint8_t* req, uint8_t* res) {

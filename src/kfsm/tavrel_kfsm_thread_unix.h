@@ -6,7 +6,7 @@
 //   buffer. A nonzero status from the module leaves the buffers as they are and repeats the pass with
 //   the same buffer (the library does not send a reply twice). The loop ends when the module answers
 //   1046 (the view is gone), when the call itself fails, or when the thread manager's shutting-down
-//   flag is seen after a call returns.
+//   flag is seen after a call returns; the module handle is closed then.
 //
 // Serving one request: two XDR memory streams, decoding the request payload and encoding into the
 // reply buffer (capacity: what the module offers, at most 8768 bytes), are handed to the installed
@@ -34,7 +34,7 @@ typedef bool (*Tavrel_KFSM_Dispatch)(int rpc, XDR* in, XDR* out, int* rpc_status
 class Tavrel_KFSM_Thread_Unix : public Tavrel_Request_Thread {
  public:
   Tavrel_KFSM_Thread_Unix(const std::string& view_tag, Tavrel_Thread_Manager_Base& mgr);
-  // Closes the module handle.
+  // Closes the module handle if execute() has not.
   ~Tavrel_KFSM_Thread_Unix() override;
 
   // Opens the module handle; false with *err (a status) on failure. The thread may run without one:
@@ -51,6 +51,9 @@ class Tavrel_KFSM_Thread_Unix : public Tavrel_Request_Thread {
  private:
   // Serves the request in `req` and writes the reply into `res`.
   void serve(uint8_t* req, uint8_t* res);
+  // The module sees the connection close as soon as the loop ends, not when the thread is joined:
+  // after shutdown the cleanup thread has stopped and only terminate() joins what is left.
+  void close_handle();
 
   std::string m_view_tag;
   Tavrel_Thread_Manager_Base& m_mgr;
