@@ -1,9 +1,14 @@
 // The agent's downcalls against a scripted module: what each command carries, and how the module's
-// statuses come back to the agent.
+// statuses come back to the agent; and what the library and the agent do when no module listens.
 #include "kfsm/tavrel_kfsm_ioctl.h"
+
+#include <sys/socket.h>
+#include <sys/un.h>
+#include <unistd.h>
 
 #include <cerrno>
 #include <cstring>
+#include <tuple>
 
 #include "base/sysutl.h"
 #include "core/tavrel_status.h"
@@ -34,30 +39,24 @@ class KfsmIoctl : public Peer_Test {
 
 TEST_F(KfsmIoctl, RegisterSendsTheViewAndRecordsTheTag) {
   ASSERT_EQ(io.register_view(), 0);
+  peer->push_status(KFSM_CMD_MKVIEW, TBS_ST_EXISTS);
+  EXPECT_EQ(io.register_view(), TBS_ST_EXISTS);
+  ASSERT_EQ(io.unregister_view(), 0);
   auto cmds = peer->commands();
-  ASSERT_EQ(cmds.size(), 1u);
+  ASSERT_EQ(cmds.size(), 3u);
   EXPECT_EQ(cmds[0].cmd, KFSM_CMD_MKVIEW);
-  EXPECT_EQ(cmds[0].flags, 2u);
-  EXPECT_FALSE(cmds[0].pn.present);
-  EXPECT_FALSE(cmds[0].pn2.present);
+  EXPECT_EQ(cmds[0].flags, KFSM_FLAG_CASE_SENSITIVE);
+  EXPECT_FALSE(cmds[0].pn.present || cmds[0].pn2.present);
   kfsm_mkview_args a;
   ASSERT_TRUE(kfsm_parse_mkview(cmds[0], &a));
   EXPECT_EQ(a.tag, "vtag");
-  EXPECT_EQ(a.spath_u, "/stg/views/v1");
-  EXPECT_EQ(a.spath_k, "/stg/views/v1");
-  EXPECT_EQ(a.rpath, "/stg/views/v1");
+  for (const std::string& p : {a.spath_u, a.spath_k, a.rpath}) EXPECT_EQ(p, "/stg/views/v1");
   EXPECT_EQ(a.host, sysutl_myhostname());
   EXPECT_EQ(tbs_uuid_to_str(a.uuid), kUuid);
   EXPECT_EQ(a.flags, 0u);
   EXPECT_EQ(Tavrel_KFSM_Request_Handler::get_instance()->get_view_tag(), "vtag");
-
-  peer->push_status(KFSM_CMD_MKVIEW, 1067);
-  EXPECT_EQ(io.register_view(), 1067);
-  ASSERT_EQ(io.unregister_view(), 0);
-  cmds = peer->commands();
-  ASSERT_EQ(cmds.size(), 3u);
   EXPECT_EQ(cmds[2].cmd, KFSM_CMD_RMTAG);
-  EXPECT_EQ(cmds[2].flags, 2u);
+  EXPECT_EQ(cmds[2].flags, KFSM_FLAG_CASE_SENSITIVE);
   std::string tag;
   ASSERT_TRUE(kfsm_parse_rmtag(cmds[2], &tag));
   EXPECT_EQ(tag, "vtag");
@@ -67,32 +66,23 @@ TEST_F(KfsmIoctl, MountCarriesTheFullRecord) {
   std::string storage(1100, 's');
   storage[0] = '/';
   ASSERT_EQ(io.mount_silo("/proj", storage, oid_n(1), oid_n(50)), 0);
-  auto cmds = peer->commands();
-  ASSERT_EQ(cmds.size(), 1u);
-  EXPECT_EQ(cmds[0].pn.text, "vtag");
-  EXPECT_EQ(cmds[0].pn2.text, "vtag");
-  EXPECT_EQ(cmds[0].flags, 0u);
-  kfsm_mount_args m;
-  ASSERT_TRUE(kfsm_parse_mount(cmds[0], &m));
-  EXPECT_EQ(m.version, 12);
-  EXPECT_EQ(m.size, 248);
-  EXPECT_EQ(m.word4, 1u);
-  EXPECT_EQ(m.word32, 0u);
-  EXPECT_EQ(m.word88, 3000u);
-  EXPECT_EQ(m.word92, 1u);
-  EXPECT_EQ(m.mount_point, "/proj");
-  EXPECT_EQ(m.host, sysutl_myhostname());
-  EXPECT_EQ(m.view_string1, "/stg/views/v1");
-  EXPECT_EQ(m.view_string2, "/stg/views/v1");
-  EXPECT_EQ(m.storage, storage.substr(0, 1024));  // a private copy of at most 1024 characters
-  EXPECT_EQ(m.family, oid_n(50));
-  EXPECT_EQ(0, memcmp(m.replica.bytes, oid_n(1).bytes, 16));
-
   int raw = -1;
   ASSERT_EQ(io.umount_silo("/proj", oid_n(1), &raw), 0);
   EXPECT_EQ(raw, 0);
+  auto cmds = peer->commands();
+  ASSERT_EQ(cmds.size(), 2u);
+  EXPECT_EQ(std::make_tuple(cmds[0].pn.text, cmds[0].pn2.text, cmds[0].flags), std::make_tuple("vtag", "vtag", 0u));
+  kfsm_mount_args m;
+  ASSERT_TRUE(kfsm_parse_mount(cmds[0], &m));
+  EXPECT_EQ(std::make_tuple(m.version, m.size), std::make_tuple(KFSM_MOUNT_VERSION, uint16_t(KFSM_MOUNT_IMAGE)));
+  EXPECT_EQ(std::make_tuple(m.word4, m.word32, m.word88, m.word92), std::make_tuple(1u, 0u, 3000u, 1u));
+  EXPECT_EQ(std::make_tuple(m.mount_point, m.host, m.view_string1, m.view_string2),
+            std::make_tuple("/proj", sysutl_myhostname(), "/stg/views/v1", "/stg/views/v1"));
+  EXPECT_EQ(m.storage, storage.substr(0, 1024));  // a private copy of at most 1024 characters
+  EXPECT_EQ(m.family, oid_n(50));
+  EXPECT_EQ(0, memcmp(m.replica.bytes, oid_n(1).bytes, 16));
   kfsm_umount_args u;
-  ASSERT_TRUE(kfsm_parse_umount(peer->commands()[1], &u));
+  ASSERT_TRUE(kfsm_parse_umount(cmds[1], &u));
   EXPECT_EQ(u.mount_point, "/proj");
   EXPECT_EQ(0, memcmp(u.replica.bytes, oid_n(1).bytes, 16));
 }
@@ -103,9 +93,9 @@ TEST_F(KfsmIoctl, ModuleStatusesBecomeAgentStatuses) {
     int32_t module;
     int agent;
   } cases[] = {
-      {true, 0, 0},           {true, 1067, TAVREL_ST_ALREADY_MOUNTED}, {true, 1002, TAVREL_ST_NOT_FOUND},
-      {true, 1001, TAVREL_ST_FAILURE}, {false, 1072, TAVREL_ST_NOT_MOUNTED}, {false, 1088, TAVREL_ST_FAILURE},
-      {false, 1052, TAVREL_ST_NOT_FOUND},
+      {true, 0, 0},           {true, TBS_ST_EXISTS, TAVREL_ST_ALREADY_MOUNTED}, {true, TBS_ST_NOT_FOUND, TAVREL_ST_NOT_FOUND},
+      {true, TBS_ST_FAILURE, TAVREL_ST_FAILURE}, {false, TBS_ST_BAD_ARG, TAVREL_ST_NOT_MOUNTED}, {false, TBS_ST_BUSY, TAVREL_ST_FAILURE},
+      {false, TBS_ST_NO_SUCH_NAME, TAVREL_ST_NOT_FOUND},
   };
   for (const Case& c : cases) {
     SCOPED_TRACE(std::string(c.mount ? "mount " : "umount ") + std::to_string(c.module));
@@ -125,56 +115,49 @@ TEST_F(KfsmIoctl, InvalidationsCarryKindRootAndNames) {
   tbs_oid_s obj = oid_n(9);
   ASSERT_EQ(io.view_inval_view(), 0);
   ASSERT_EQ(io.view_inval_name(&silo, &obj, "leaf.c"), 0);
-  struct {
-    silo_op_t op;
-    uint32_t kind;
-  } ops[] = {{13, 2}, {10, 2}, {14, 5}, {17, 5}, {27, 5}, {32, 5}, {66, 5}, {126, 6}, {131, 6}, {124, 7}, {130, 7}, {0, 2}};
-  for (auto& o : ops) ASSERT_EQ(io.view_inval_obj(&silo, &obj, o.op), 0);
+  // Operation -> kind of invalidation.
+  const std::pair<silo_op_t, uint32_t> ops[] = {
+      {13, KFSM_INVAL_OBJ},       {10, KFSM_INVAL_OBJ},       {14, KFSM_INVAL_OBJ_TREE},  {17, KFSM_INVAL_OBJ_TREE},
+      {27, KFSM_INVAL_OBJ_TREE},  {32, KFSM_INVAL_OBJ_TREE},  {66, KFSM_INVAL_OBJ_TREE},  {126, KFSM_INVAL_OBJ_MOVE},
+      {131, KFSM_INVAL_OBJ_MOVE}, {124, KFSM_INVAL_OBJ_ATTR}, {130, KFSM_INVAL_OBJ_ATTR}, {0, KFSM_INVAL_OBJ}};
+  for (auto& o : ops) ASSERT_EQ(io.view_inval_obj(&silo, &obj, o.first), 0);
   std::vector<kfsm_command> inval;
   for (auto& c : peer->commands())
     if (c.cmd == KFSM_CMD_INVAL) inval.push_back(c);
   ASSERT_EQ(inval.size(), 2u + std::size(ops));
-  for (auto& c : inval) {
-    EXPECT_EQ(c.pn.text, "/view/vtag");
-    EXPECT_TRUE(c.pn2.present);
-    EXPECT_EQ(c.pn2.text, "");
-    EXPECT_EQ(c.pn2.m, 1u);
-    EXPECT_EQ(c.flags, 2u);
+  for (auto& c : inval) {  // the view root, and an empty (not a null) second name
+    EXPECT_EQ(std::make_tuple(c.pn.text, c.pn2.present, c.pn2.text, c.pn2.m, c.flags),
+              std::make_tuple("/view/vtag", true, "", 1u, uint32_t(KFSM_FLAG_CASE_SENSITIVE)));
   }
   kfsm_inval_args a;
   ASSERT_TRUE(kfsm_parse_inval(inval[0], &a));
-  EXPECT_EQ(a.version, 5u);
-  EXPECT_EQ(a.kind, 3u);
-  EXPECT_TRUE(tbs_uuid_is_null(a.silo));
-  EXPECT_TRUE(tbs_oid_is_null(a.obj));
+  EXPECT_EQ(a.version, KFSM_INVAL_VERSION);
+  EXPECT_EQ(a.kind, KFSM_INVAL_VIEW);
+  EXPECT_TRUE(tbs_uuid_is_null(a.silo) && tbs_oid_is_null(a.obj));
   ASSERT_TRUE(kfsm_parse_inval(inval[1], &a));
-  EXPECT_EQ(a.kind, 1u);
-  EXPECT_EQ(a.silo, silo);
-  EXPECT_EQ(a.obj, obj);
+  EXPECT_EQ(a.kind, KFSM_INVAL_NAME);
+  EXPECT_TRUE(a.silo == silo && a.obj == obj);
   EXPECT_EQ(a.name, "leaf.c");
   for (size_t i = 0; i < std::size(ops); ++i) {
     ASSERT_TRUE(kfsm_parse_inval(inval[2 + i], &a));
-    EXPECT_EQ(a.kind, ops[i].kind) << "op " << ops[i].op;
+    EXPECT_EQ(a.kind, ops[i].second) << "op " << ops[i].first;
     EXPECT_EQ(a.name, "");
   }
-
   // Without a root from the module the view root is unknown: 1011, nothing sent.
-  peer->set_handler(KFSM_CMD_ROOT, [](const kfsm_command&, kfsm_result_outputs*) { return 1001; });
+  peer->set_handler(KFSM_CMD_ROOT, [](const kfsm_command&, kfsm_result_outputs*) { return TBS_ST_FAILURE; });
   size_t before = peer->commands().size();
-  EXPECT_EQ(io.view_inval_view(), 1011);
+  EXPECT_EQ(io.view_inval_view(), TBS_ST_NO_VIEW);
   for (size_t i = before; i < peer->commands().size(); ++i) EXPECT_NE(peer->commands()[i].cmd, KFSM_CMD_INVAL);
 }
 
 TEST_F(KfsmIoctl, XstatFollowsOrNotAndCopiesTheModulesAnswer) {
-  peer->set_handler(KFSM_CMD_XSTAT, [](const kfsm_command& c, kfsm_result_outputs* o) {
-    if (c.pn.text == "/view/vtag/proj/missing") return 1052;
+  peer->set_handler(KFSM_CMD_XSTAT, [](const kfsm_command& c, kfsm_result_outputs* o) -> int32_t {
+    if (c.pn.text == "/view/vtag/proj/missing") return TBS_ST_NO_SUCH_NAME;
     o->has_vstat = true;
     o->vstat.fstat.type = (c.flags & KFSM_FLAG_NOFOLLOW) ? 5 : 1;
     o->vstat.fstat.size = 1234;
-    o->vstat.obj_oid = oid_n(3);
     o->oid = oid_n(3);
     memset(o->uuid.bytes, 4, 16);
-    o->flag = 0;
     memset(o->uuid2.bytes, 6, 16);
     return 0;
   });
@@ -183,34 +166,30 @@ TEST_F(KfsmIoctl, XstatFollowsOrNotAndCopiesTheModulesAnswer) {
   tbs_uuid_s uuid, uuid2;
   int flag = -1;
   ASSERT_EQ(io.view_get_xstat("/view/vtag/proj/a.c", &vs, &oid, &uuid, &flag, &uuid2), 0);
-  EXPECT_EQ(vs.fstat.type, 1u);
-  EXPECT_EQ(vs.fstat.size, 1234u);
+  EXPECT_EQ(std::make_tuple(vs.fstat.type, vs.fstat.size, flag, uuid.bytes[0], uuid2.bytes[15]),
+            std::make_tuple(1u, 1234u, 0, 4, 6));
   EXPECT_EQ(oid, oid_n(3));
-  EXPECT_EQ(uuid.bytes[0], 4);
-  EXPECT_EQ(uuid2.bytes[15], 6);
-  EXPECT_EQ(flag, 0);
   ASSERT_EQ(io.view_lget_xstat("/view/vtag/proj/a.c", &vs, nullptr, nullptr, nullptr, nullptr), 0);
   EXPECT_EQ(vs.fstat.type, 5u);
   memset(&vs, 0x11, sizeof vs);
-  EXPECT_EQ(io.view_get_xstat("/view/vtag/proj/missing", &vs, nullptr, nullptr, nullptr, nullptr), 1052);
+  EXPECT_EQ(io.view_get_xstat("/view/vtag/proj/missing", &vs, nullptr, nullptr, nullptr, nullptr), TBS_ST_NO_SUCH_NAME);
   EXPECT_EQ(vs.fstat.type, 0x11111111u);  // nothing copied on failure
   auto cmds = peer->commands();
   ASSERT_EQ(cmds.size(), 3u);
-  EXPECT_EQ(cmds[0].flags, 2u);
-  EXPECT_EQ(cmds[1].flags, 3u);
+  EXPECT_EQ(cmds[0].flags, KFSM_FLAG_CASE_SENSITIVE);
+  EXPECT_EQ(cmds[1].flags, KFSM_FLAG_CASE_SENSITIVE | KFSM_FLAG_NOFOLLOW);
   EXPECT_EQ(cmds[0].pn.text, cmds[0].pn2.text);
 }
 
 TEST_F(KfsmIoctl, AgentQuestionsAndViewSeams) {
-  std::string root = "unchanged";
+  std::string root = "unchanged", suffix = "x";
   EXPECT_EQ(KFSM_Agent_Ioctl::get_kfsm_root(1, root), 0);
   EXPECT_EQ(root, "/view");
-  std::string suffix = "x";
   EXPECT_EQ(KFSM_Agent_Ioctl::get_extended_naming_suffix(1, suffix), 0);
   EXPECT_EQ(suffix, "");
-  peer->set_handler(KFSM_CMD_ROOT, [](const kfsm_command&, kfsm_result_outputs*) { return 1011; });
+  peer->set_handler(KFSM_CMD_ROOT, [](const kfsm_command&, kfsm_result_outputs*) { return TBS_ST_NO_VIEW; });
   root = "unchanged";
-  EXPECT_EQ(KFSM_Agent_Ioctl::get_kfsm_root(1, root), 1011);
+  EXPECT_EQ(KFSM_Agent_Ioctl::get_kfsm_root(1, root), TBS_ST_NO_VIEW);
   EXPECT_EQ(root, "unchanged");
 
   Tavrel_View_Hooks hooks;
@@ -218,21 +197,39 @@ TEST_F(KfsmIoctl, AgentQuestionsAndViewSeams) {
   ASSERT_NE(hooks.register_view, nullptr);
   EXPECT_EQ(hooks.register_view(&view), 0);
   EXPECT_EQ(hooks.unregister_view(&view), 0);
-  EXPECT_EQ(hooks.get_kfsm_root(&root), 1011);
+  EXPECT_EQ(hooks.get_kfsm_root(&root), TBS_ST_NO_VIEW);
 }
 
-TEST(KfsmIoctlNoModule, RegisterFailsWithAStatusInsteadOfHanging) {
+// Nothing listens, or a socket file is left whose listener is gone: every call fails at once with
+// "service not available" (1001), and the agent's calls with a status, instead of hanging.
+TEST(KfsmNoModule, EveryCallFailsWithAStatus) {
   Temp_Socket sock;
-  Tavrel_View view{kUuid, "vtag", "unix", "", "/cache", "/stg/v", 0};
-  Tavrel_KFSM_Ioctl io(&view);
-  int st = io.register_view();
-  EXPECT_NE(st, 0);
-  EXPECT_NE(Tavrel_View::tbs_to_tavrel_status(st), 0);
-  EXPECT_EQ(st, 1001);  // service not available
-  EXPECT_EQ(io.mount_silo("/p", "/s", oid_n(1), oid_n(2)), TAVREL_ST_FAILURE);
-  std::string root = "r";
-  EXPECT_EQ(KFSM_Agent_Ioctl::get_kfsm_root(1, root), 1001);
-  EXPECT_EQ(root, "r");
+  for (bool stale_socket : {false, true}) {
+    SCOPED_TRACE(stale_socket ? "stale socket" : "no socket");
+    if (stale_socket) {
+      int fd = socket(AF_UNIX, SOCK_SEQPACKET, 0);
+      struct sockaddr_un a;
+      memset(&a, 0, sizeof a);
+      a.sun_family = AF_UNIX;
+      strcpy(a.sun_path, sock.path.c_str());
+      ASSERT_EQ(bind(fd, reinterpret_cast<sockaddr*>(&a), sizeof a), 0);
+      close(fd);
+    }
+    int err = 0;
+    EXPECT_EQ(kfsm_view_root_open_sil_type(1, &err, 1), 0);
+    EXPECT_EQ(err, TBS_ST_FAILURE);
+    Tavrel_View view{kUuid, "vtag", "unix", "", "/cache", "/stg/v", 0};
+    Tavrel_KFSM_Ioctl io(&view);
+    EXPECT_EQ(io.register_view(), TBS_ST_FAILURE);
+    EXPECT_EQ(io.mount_silo("/p", "/s", oid_n(1), oid_n(2)), TAVREL_ST_FAILURE);
+    std::string root = "r";
+    EXPECT_EQ(KFSM_Agent_Ioctl::get_kfsm_root(1, root), TBS_ST_FAILURE);
+    EXPECT_EQ(root, "r");
+  }
+  kfsmcmd_block b{};
+  int err = 0;
+  kfsm_mcb_cmd(12345, &b, &err);
+  EXPECT_EQ(err, EBADF);
 }
 
 }  // namespace
