@@ -11,6 +11,7 @@
 #include <filesystem>
 #include <fstream>
 
+#include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
 #include "proto/reply_writer.h"
@@ -19,23 +20,25 @@
 #include "wan/wan_test_fixture.h"
 
 using namespace wan_test;
+using ::testing::HasSubstr;
 
 namespace {
 
+const Cert& good() {
+  static const Cert c = make_cert("127.0.0.1", "IP:127.0.0.1,DNS:localhost");
+  return c;
+}
+const Cert& other() {
+  static const Cert c = make_cert("127.0.0.1", "IP:127.0.0.1");
+  return c;
+}
+const Cert& wrong_name() {
+  static const Cert c = make_cert("elsewhere.example", "DNS:elsewhere.example");
+  return c;
+}
+
 class TlsTest : public WanTest {
  protected:
-  static const Cert& good() {
-    static const Cert c = make_cert("127.0.0.1", "IP:127.0.0.1,DNS:localhost");
-    return c;
-  }
-  static const Cert& other() {
-    static const Cert c = make_cert("127.0.0.1", "IP:127.0.0.1");
-    return c;
-  }
-  static const Cert& wrong_name() {
-    static const Cert c = make_cert("elsewhere.example", "DNS:elsewhere.example");
-    return c;
-  }
   std::unique_ptr<Test_Wan_Server> start(const Cert& cert, int max_version = 0, bool keep_alive = true) {
     Test_Wan_Server::Options o;
     o.tls = true;
@@ -61,60 +64,54 @@ class TlsTest : public WanTest {
   }
 };
 
-TEST_F(TlsTest, TrustComesFromTheKeyStoreInTheHome) {
-  auto s = start(good());
-  std::string message;
-  // No key store file: verification cannot succeed.
-  EXPECT_EQ(login_and_call(*s, &message), RCLIENT_ST_TRANSPORT);
-  EXPECT_NE(message.find("Error executing request"), std::string::npos) << message;
-  EXPECT_EQ(s->requests().size(), 0u);
-  // Another certificate: refused.
-  trust(other().cert_pem);
-  EXPECT_EQ(login_and_call(*s), RCLIENT_ST_TRANSPORT);
-  // The server's own: accepted, verification on.
-  trust(good().cert_pem);
-  EXPECT_EQ(login_and_call(*s), 0);
-  EXPECT_EQ(s->count("R"), 1u);
-}
-
-TEST_F(TlsTest, HostNameIsCheckedUnlessTheMarkerFileSaysOtherwise) {
-  auto s = start(wrong_name());
-  trust(wrong_name().cert_pem);
-  EXPECT_EQ(login_and_call(*s), RCLIENT_ST_TRANSPORT);
-  // Switching off the chain check leaves the name check on.
-  setenv("ORLEN_NOVERIFY_PEER", "1", 1);
-  EXPECT_EQ(login_and_call(*s), RCLIENT_ST_TRANSPORT);
-  unsetenv("ORLEN_NOVERIFY_PEER");
-  home->write_file(".keystore_ol_tavrel.pem_hnfail", "");
-  EXPECT_EQ(login_and_call(*s), 0);
-}
-
-TEST_F(TlsTest, EnvironmentSwitchesCountByPresence) {
-  auto s = start(wrong_name());
-  trust(other().cert_pem);  // neither the chain nor the name would pass
-  setenv("ORLEN_NOVERIFY_PEER", "", 1);
-  EXPECT_EQ(login_and_call(*s), RCLIENT_ST_TRANSPORT);  // the name still fails
-  setenv("ORLEN_NOVERIFY_HOST", "", 1);
-  EXPECT_EQ(login_and_call(*s), 0);
-  unsetenv("ORLEN_NOVERIFY_PEER");
-  EXPECT_EQ(login_and_call(*s), RCLIENT_ST_TRANSPORT);  // the chain fails again
-}
-
-TEST_F(TlsTest, PinnedServerKeyReplacesTheChainAndNameChecks) {
-  auto s = start(wrong_name());
-  const std::string pin = ".keystore_ol_tavrel_127.0.0.1(" + std::to_string(s->port()) + ").der";
-  // The right key, with no CA file anywhere and a certificate for another name.
-  home->write_file(pin, wrong_name().spki_der);
-  EXPECT_EQ(Login::keystore_for(home->path(), s->base_url()), home->path() + "/" + pin);
-  EXPECT_EQ(login_and_call(*s), 0);
-  // Another key: refused, although the CA file would trust the server.
-  session()->flush_curl_handles();
-  trust(wrong_name().cert_pem);
-  home->write_file(".keystore_ol_tavrel.pem_hnfail", "");
-  home->write_file(pin, other().spki_der);
-  std::string message;
-  EXPECT_EQ(login_and_call(*s, &message), RCLIENT_ST_TRANSPORT);
-  EXPECT_NE(message.find("Error executing request 90"), std::string::npos) << message;  // pinned key mismatch
+TEST_F(TlsTest, WhatTheClientTrusts) {
+  struct Case {
+    const char* name;
+    const Cert* served;
+    const Cert* trusted;  // in the key store of the home; none when null
+    const char* no_verify_peer;  // the environment switch, when not null (it counts by presence)
+    const char* no_verify_host;
+    bool hnfail_marker;
+    const Cert* pinned;  // a pinned key file for the server, when not null
+    int expect;
+    const char* message = "Error executing request";
+  };
+  const int FAIL = RCLIENT_ST_TRANSPORT;
+  for (const Case& c : {
+           Case{"no key store", &good(), nullptr, nullptr, nullptr, false, nullptr, FAIL},
+           Case{"another certificate", &good(), &other(), nullptr, nullptr, false, nullptr, FAIL},
+           Case{"the server's own", &good(), &good(), nullptr, nullptr, false, nullptr, 0, ""},
+           Case{"wrong name", &wrong_name(), &wrong_name(), nullptr, nullptr, false, nullptr, FAIL},
+           Case{"wrong name, chain check off", &wrong_name(), &wrong_name(), "1", nullptr, false, nullptr, FAIL},
+           Case{"wrong name, marker file", &wrong_name(), &wrong_name(), nullptr, nullptr, true, nullptr, 0, ""},
+           Case{"untrusted, chain check off", &wrong_name(), &other(), "", nullptr, false, nullptr, FAIL},
+           Case{"untrusted, both checks off", &wrong_name(), &other(), "", "", false, nullptr, 0, ""},
+           Case{"untrusted, name check off", &wrong_name(), &other(), nullptr, "", false, nullptr, FAIL},
+           // A pinned key replaces the chain and name checks, with no CA file anywhere.
+           Case{"pinned key", &wrong_name(), nullptr, nullptr, nullptr, false, &wrong_name(), 0, ""},
+           Case{"another pinned key", &wrong_name(), &wrong_name(), nullptr, nullptr, true, &other(), FAIL,
+                "Error executing request 90"},
+       }) {
+    SCOPED_TRACE(c.name);
+    auto s = start(*c.served);
+    for (const char* f : {".keystore_ol_tavrel.pem", ".keystore_ol_tavrel.pem_hnfail"})
+      std::filesystem::remove(home->path() + "/" + f);
+    if (c.trusted) trust(c.trusted->cert_pem);
+    if (c.hnfail_marker) home->write_file(".keystore_ol_tavrel.pem_hnfail", "");
+    const std::string pin = ".keystore_ol_tavrel_127.0.0.1(" + std::to_string(s->port()) + ").der";
+    if (c.pinned) {
+      home->write_file(pin, c.pinned->spki_der);
+      EXPECT_EQ(Login::keystore_for(home->path(), s->base_url()), home->path() + "/" + pin);
+    }
+    for (auto [var, value] : {std::pair{"ORLEN_NOVERIFY_PEER", c.no_verify_peer}, {"ORLEN_NOVERIFY_HOST", c.no_verify_host}})
+      value ? setenv(var, value, 1) : unsetenv(var);
+    std::string message;
+    EXPECT_EQ(login_and_call(*s, &message), c.expect);
+    EXPECT_THAT(message, HasSubstr(c.message));
+    EXPECT_EQ(s->requests().size(), c.expect == 0 ? 2u : 0u);  // when refused, before anything was sent
+    session()->flush_curl_handles();
+    std::filesystem::remove(home->path() + "/" + pin);
+  }
 }
 
 TEST_F(TlsTest, WithoutAKeyStoreTheHostCaFileIsUsed) {
@@ -122,7 +119,7 @@ TEST_F(TlsTest, WithoutAKeyStoreTheHostCaFileIsUsed) {
   const std::string cacert = host_config_dir() + "/cacert.pem";
   EXPECT_EQ(Curl_Util::cacert_path(), cacert);
   std::remove(cacert.c_str());
-  session()->init(s->base_url(), "u", "", "p", "", "", "", "", "", 0, "", "");
+  point_at(s->base_url());
   Test_Cmd first("R");
   EXPECT_EQ(first.run(), RCLIENT_ST_TRANSPORT);
   { std::ofstream(cacert) << good().cert_pem; }
@@ -142,7 +139,7 @@ TEST_F(TlsTest, ProtocolFloorIsTls12UnlessRelaxed) {
   trust(good().cert_pem);
   std::string message;
   EXPECT_EQ(login_and_call(*s, &message), RCLIENT_ST_TRANSPORT);
-  EXPECT_NE(message.find("Error executing request 35"), std::string::npos) << message;  // handshake refused
+  EXPECT_THAT(message, HasSubstr("Error executing request 35"));  // handshake refused
 }
 
 TEST_F(TlsTest, ConnectionsAndTlsSessionsAreReused) {
@@ -154,6 +151,7 @@ TEST_F(TlsTest, ConnectionsAndTlsSessionsAreReused) {
     auto reqs = s->requests();
     ASSERT_EQ(reqs.size(), 4u);
     for (const auto& r : reqs) EXPECT_EQ(r.remote_port, reqs[0].remote_port);  // one connection
+    EXPECT_EQ(session()->get_idle_handles(), 1u);
   }
   {
     // A server that closes every connection: new connections resume the TLS session.

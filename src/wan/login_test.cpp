@@ -1,12 +1,10 @@
-// Login's own rules: the per-server key store name, the key store choice, the credentials, the
-// arguments; and that no password reaches the trace.
+// Login's own rules: the per-server key store name and the key store choice; and that no password
+// reaches the trace.
 #include "wan/login.h"
 
-#include <dirent.h>
 #include <httplib.h>
 
-#include <fstream>
-#include <sstream>
+#include <filesystem>
 
 #include <gtest/gtest.h>
 
@@ -24,69 +22,27 @@ namespace {
 class LoginTest : public WanTest {};
 
 TEST(Login, TrimUrlHostname) {
-  struct Case {
-    std::string url, expect;
-  };
-  for (const Case& c : {
-           Case{"https://a.example:8443/tavrel", "a.example(8443)"},
-           Case{"https://a.example/tavrel", "a.example(443)"},
-           Case{"https://a.example", "a.example(443)"},
-           Case{"HTTPS://A.Example:9/x/y", "A.Example(9)"},
-           Case{"http://a.example:8080/tavrel", ""},
-           Case{"ftp://a.example/", ""},
-           Case{"", ""},
-           Case{"https://[::1]:9443/tavrel", "[++1](9443)"},
-           Case{"https://[fe80::1%25eth0]/t", "[fe80++1%25eth0](443)"},
-           Case{"https://[::1/t", "[++1(443)"},
-           Case{"https://host:/t", "host(443)"},
-           Case{"https:/one-slash", "https:/one-slash"},
-           Case{"httpsnoslash", "httpsnoslash"},
-       }) {
-    std::string u = c.url;
+  for (const auto& [url, expect] : std::vector<std::pair<std::string, std::string>>{
+           {"https://a.example:8443/tavrel", "a.example(8443)"}, {"https://a.example/tavrel", "a.example(443)"},
+           {"https://a.example", "a.example(443)"}, {"HTTPS://A.Example:9/x/y", "A.Example(9)"},
+           {"http://a.example:8080/tavrel", ""}, {"ftp://a.example/", ""}, {"", ""},
+           {"https://[::1]:9443/tavrel", "[++1](9443)"}, {"https://[fe80::1%25eth0]/t", "[fe80++1%25eth0](443)"},
+           {"https://[::1/t", "[++1(443)"}, {"https://host:/t", "host(443)"},
+           {"https:/one-slash", "https:/one-slash"}, {"httpsnoslash", "httpsnoslash"}}) {
+    std::string u = url;
     Login::trim_url_hostname(u);
-    EXPECT_EQ(u, c.expect) << c.url;
+    EXPECT_EQ(u, expect) << url;
   }
 }
 
+// A pinned key file of the server's name and port, when there is one; the common key store otherwise.
 TEST_F(LoginTest, KeystoreChoice) {
-  const std::string h = home->path();
-  EXPECT_EQ(Login::keystore_for(h, "https://srv.example:8443/tavrel"), h + "/.keystore_ol_tavrel.pem");
+  const std::string h = home->path(), common = h + "/.keystore_ol_tavrel.pem";
+  EXPECT_EQ(Login::keystore_for(h, "https://srv.example:8443/tavrel"), common);
   home->write_file(".keystore_ol_tavrel_srv.example(8443).der", "key");
   EXPECT_EQ(Login::keystore_for(h, "https://srv.example:8443/tavrel"), h + "/.keystore_ol_tavrel_srv.example(8443).der");
-  EXPECT_EQ(Login::keystore_for(h, "https://srv.example/tavrel"), h + "/.keystore_ol_tavrel.pem");
-  EXPECT_EQ(Login::keystore_for(h, "http://srv.example:8443/tavrel"), h + "/.keystore_ol_tavrel.pem");
-
-  Login first("u", "p", "", "", "", "https://srv.example:8443/tavrel");
-  auto ctx = session()->get_request_context();
-  EXPECT_EQ(ctx.keystore, h + "/.keystore_ol_tavrel_srv.example(8443).der");
-  EXPECT_EQ(ctx.keystore_password, Login::SSL_KEYSTORE_PW);
-  EXPECT_EQ(ctx.url, "https://srv.example:8443/tavrel");
-  EXPECT_FALSE(ctx.authenticated);
-}
-
-TEST_F(LoginTest, CredentialsAndArguments) {
-  Login plain("alice", "secret", "", "", "", "http://h/tavrel");
-  EXPECT_EQ(session()->encrypted_credential(), "YWxpY2U6c2VjcmV0");  // "alice:secret"
-  Login with_domain("alice", "a:b", "CORP", "", "", "http://h/tavrel");
-  EXPECT_EQ(Base64::decode(session()->encrypted_credential()).value(), "CORP\\alice:a:b");
-  RClient_Request_Args args;
-  EXPECT_EQ(with_domain.marshal_request(&args), 0);
-  EXPECT_EQ(args.get_args(), "min_clnt_proto_ver=6\nmax_clnt_proto_ver=6\nclienttype=ClientType.UNKNOWN\n");
-}
-
-std::string read_trace_dir(const std::string& dir) {
-  std::string all;
-  DIR* d = opendir(dir.c_str());
-  if (!d) return all;
-  while (dirent* e = readdir(d)) {
-    if (e->d_name[0] == '.') continue;
-    std::ifstream f(dir + "/" + e->d_name);
-    std::stringstream ss;
-    ss << f.rdbuf();
-    all += ss.str();
-  }
-  closedir(d);
-  return all;
+  EXPECT_EQ(Login::keystore_for(h, "https://srv.example/tavrel"), common);
+  EXPECT_EQ(Login::keystore_for(h, "http://srv.example:8443/tavrel"), common);
 }
 
 TEST_F(LoginTest, PasswordsNeverReachTheTrace) {
@@ -110,7 +66,8 @@ TEST_F(LoginTest, PasswordsNeverReachTheTrace) {
   }
   Tavrel_Trace::close_trace_file();
   Tavrel_Trace::set_trace(nullptr, 0);
-  std::string text = read_trace_dir(home->path() + "/tavrel_trace");
+  std::string text;
+  for (const auto& e : std::filesystem::directory_iterator(home->path() + "/tavrel_trace")) text += read_file(e.path());
   ASSERT_NE(text.find("Adding header [x-ondrel-login-credentials:*****]"), std::string::npos);
   EXPECT_NE(text.find("Password *****"), std::string::npos);
   EXPECT_NE(text.find("User tracy"), std::string::npos);

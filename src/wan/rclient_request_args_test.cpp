@@ -26,11 +26,6 @@ TEST(RequestArgs, LinesAsTheServerReadsThem) {
   EXPECT_EQ(a.get_args(),
             "Text=plain\nMulti=a%0Aa\nb\nTrailing=rule%0A\nEmpty=\nLong=1234567890123\nInt=-5\nFlag=1\nOff=0\nBare\n"
             "CStr=x=y\n");
-  EXPECT_TRUE(RClient_Request_Args::check_arg_name("n"));
-  EXPECT_FALSE(RClient_Request_Args::check_arg_name(""));
-  EXPECT_FALSE(RClient_Request_Args::check_arg_name("a=b"));
-  EXPECT_EQ(RClient_Request_Args::RPC, "rpc");
-  EXPECT_EQ(RClient_Request_Args::RPC_ARGS, "rpcargs");
 }
 
 TEST(RequestArgs, TypedMarshalling) {

@@ -1,4 +1,4 @@
-// The session's state and its pool of transfer handles.
+// The session's pool of transfer handles, and its end.
 #include "wan/rclient_session.h"
 
 #include <gtest/gtest.h>
@@ -12,29 +12,6 @@ using namespace wan_test;
 namespace {
 
 class SessionTest : public WanTest {};
-
-TEST_F(SessionTest, LoginStateFollowsTheCookies) {
-  RClient_Session* s = session();
-  EXPECT_EQ(s, RClient_Session::get_session());
-  s->init("https://h/tavrel", "u", "d", "p", "g", "g1", "", "", "", 0, "ks", "pw");
-  EXPECT_FALSE(s->is_authenticated());
-  s->set_jsessionid("j");
-  EXPECT_FALSE(s->is_authenticated());
-  s->set_session_id("s");
-  EXPECT_TRUE(s->is_authenticated());
-  auto ctx = s->get_request_context();
-  EXPECT_EQ(ctx.jsessionid, "j");
-  EXPECT_EQ(ctx.session_id, "s");
-  EXPECT_EQ(ctx.primary, "g");
-  EXPECT_EQ(ctx.groups, "g1");
-  s->init("https://h/tavrel", "u", "d", "p", "", "", "", "", "", 0, "ks", "pw");  // a new init logs out
-  EXPECT_FALSE(s->is_authenticated());
-  s->set_session_id("s");
-  s->clear_login();
-  EXPECT_FALSE(s->is_authenticated());
-  EXPECT_EQ(s->get_jsessionid(), "");
-  EXPECT_EQ(s->get_session_id(), "");
-}
 
 TEST_F(SessionTest, PoolLendsTheLatestHandleAndFlushesSafely) {
   RClient_Session* s = session();

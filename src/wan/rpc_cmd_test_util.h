@@ -1,56 +1,28 @@
-// Test helpers for the RPC commands' tests.
-//
-// Fed<Cmd>: drives a command without a transfer, as libcurl would: feed() hands one block to
-// process_response(), finish() ends the "transfer" and makes the last parse (receive()).
-// serve_chunked(): a reply handler of the test server that sends a document in blocks of a given size.
+// Test helpers for the RPC commands' tests: a reply served in blocks of a chosen size, reply documents
+// built in place, a command's outcome and results as text, and a session logged in to a scripted test
+// server.
 #pragma once
 
 #include <httplib.h>
 
+#include <algorithm>
 #include <memory>
 #include <string>
 
+#include "core/tavrel_status.h"
 #include "proto/reply_writer.h"
+#include "wan/get_cleartext.h"
+#include "wan/get_configspec.h"
+#include "wan/get_siloinfo.h"
+#include "wan/rclient_abstract_cmd.h"
+#include "wan/set_configspec.h"
 #include "wan/wan_test_fixture.h"
 #include "wan/wan_test_support.h"
 
 namespace wan_test {
 
-template <class Cmd>
-class Fed : public Cmd {
- public:
-  using Cmd::Cmd;
-
-  // One block; the result is process_response()'s (non-zero: the transfer would stop here).
-  int feed(const std::string& block) {
-    offline_ = true;
-    std::string copy = block;
-    return this->process_response(copy.data(), static_cast<unsigned int>(copy.size()));
-  }
-  // The whole text in blocks of `block` bytes, stopping where the command stops the transfer.
-  int feed_in(const std::string& text, size_t block) {
-    for (size_t at = 0; at < text.size(); at += block) {
-      int rc = feed(text.substr(at, block));
-      if (rc != 0) return rc;
-    }
-    return 0;
-  }
-  int finish() {
-    offline_ = true;
-    done_ = true;
-    this->wan_status = this->receive();
-    return this->wan_status;
-  }
-
- protected:
-  bool transfer_executed() const override { return offline_ ? done_ : Cmd::transfer_executed(); }
-
- private:
-  bool offline_ = false;
-  bool done_ = false;
-};
-
-// Answers with `doc` in blocks of `block` bytes (chunked transfer encoding).
+// Answers with `doc` in blocks of `block` bytes (chunked transfer encoding: the client gets each block
+// as one piece).
 inline void serve_chunked(httplib::Response& res, const std::string& doc, size_t block) {
   auto shared = std::make_shared<std::string>(doc);
   res.set_chunked_content_provider("multipart/mixed", [shared, block](size_t offset, httplib::DataSink& sink) {
@@ -72,12 +44,45 @@ std::string make_doc(F fill) {
   return w.take();
 }
 
-// A session logged in (user "u", password "p") to a scripted test server, whose answer to the
-// command under test each test sets with answer(). Subclasses name the RPC (or, for a GET, the
-// path prefix) through the constructor.
+// The view-level status of a command after run() (check_rpc_status), its message in `message`.
+inline int view_status(RClient_Abstract_Cmd& cmd, std::string* message = nullptr) {
+  std::string m;
+  int st = cmd.get_status_code();
+  int rc = cmd.check_rpc_status(nullptr, m, st);
+  if (message) *message = m;
+  return rc;
+}
+// What the view-level status must be for a WAN status and an RPC status.
+inline int expected_view_status(int wan, int32_t code) {
+  return wan != 0 ? TAVREL_ST_WAN_CALL : code != 0 ? TAVREL_ST_WAN_CALL_2 : 0;
+}
+
+// What an RPC command made of its reply, in one line: for a SILO "<tag> <family> <replica> <storage>
+// <public><project>" ("-" without the information); for a config spec read its four texts between "|";
+// for a change its SILO tags each followed by ",", then " <current operation GN>/<view GN>" (" -"
+// without view information); for a cleartext fetch the contents of the file `out`.
+inline std::string results(RClient_Abstract_Cmd& cmd, const std::string& out) {
+  if (auto* c = dynamic_cast<Get_SILOInfo*>(&cmd)) {
+    if (!c->has_silo_info()) return "-";
+    SILO_mount_info m = c->to_mount_info();
+    return m.silo_tag + " " + tbs_uuid_to_str(m.family_uuid) + " " + tbs_uuid_to_str(m.replica_uuid) + " " +
+           m.storage + " " + std::to_string(m.is_public) + std::to_string(m.is_project_silo);
+  }
+  if (auto* c = dynamic_cast<Get_ConfigSpec*>(&cmd))
+    return c->get_elem_rules() + "|" + c->get_tkm_elem_rules() + "|" + c->get_load_rules() + "|" +
+           c->get_frz_load_scopes();
+  if (auto* c = dynamic_cast<Set_ConfigSpec*>(&cmd)) {
+    std::string r;
+    for (const auto& t : c->get_silo_tags()) r += t + ",";
+    if (!c->has_view_info()) return r + " -";
+    return r + " " + std::to_string(c->get_current_operation_gn()) + "/" + std::to_string(c->get_view_gn());
+  }
+  return read_file(out);
+}
+
+// A session logged in (user "u", password "p") to a scripted test server.
 class ScriptedServerTest : public WanTest {
  protected:
-  ScriptedServerTest(std::string rpc, bool is_get) : m_rpc(std::move(rpc)), m_get(is_get) {}
   void SetUp() override {
     WanTest::SetUp();
     server = std::make_unique<Test_Wan_Server>();
@@ -88,19 +93,16 @@ class ScriptedServerTest : public WanTest {
     server.reset();
     WanTest::TearDown();
   }
-  // The server answers the command with `doc`, sent in blocks of `block` bytes.
-  void answer(const std::string& doc, size_t block = 1 << 20) {
+  // The server answers `target` (an RPC name, or a GET path prefix beginning with "/") with `doc`,
+  // sent in blocks of `block` bytes.
+  void answer(const std::string& target, const std::string& doc, size_t block = 1 << 20) {
     auto handler = [doc, block](const Recorded&, httplib::Response& res) { serve_chunked(res, doc, block); };
-    if (m_get)
-      server->on_get(m_rpc, handler);
+    if (!target.empty() && target[0] == '/')
+      server->on_get(target, handler);
     else
-      server->on_rpc(m_rpc, handler);
+      server->on_rpc(target, handler);
   }
   std::unique_ptr<Test_Wan_Server> server;
-
- private:
-  std::string m_rpc;
-  bool m_get;
 };
 
 }  // namespace wan_test

@@ -39,6 +39,12 @@ class WanTest : public ::testing::Test {
     return rc == 0 ? l.get_status_code() : rc;
   }
 
+  // Sets the session up for `url` (user "u", password "p") without logging in.
+  static void point_at(const std::string& url) { session()->init(url, "u", "", "p", "", "", "", "", "", 0, "", ""); }
+  static std::string local_url(int port, const char* scheme = "http") {
+    return std::string(scheme) + "://127.0.0.1:" + std::to_string(port) + "/tavrel";
+  }
+
   std::unique_ptr<TempHome> home;
 };
 

@@ -17,6 +17,8 @@
 #include <cstdlib>
 #include <filesystem>
 #include <fstream>
+#include <random>
+#include <sstream>
 
 #include "core/tavrel_config.h"
 #include "proto/reply_writer.h"
@@ -181,7 +183,8 @@ Test_Wan_Server::Test_Wan_Server(Options options) : m_tls(options.tls) {
       }
       ++m_logins;
       int n = m_next_token++;
-      std::string j = "j" + std::to_string(n), s = "s" + std::to_string(n);
+      // Long enough that finding one in a trace means it was written there.
+      std::string j = "jsession-" + std::to_string(n), s = "session-" + std::to_string(n);
       {
         std::lock_guard<std::mutex> g(m_mutex);
         m_sessions.insert(s);
@@ -204,7 +207,7 @@ Test_Wan_Server::Test_Wan_Server(Options options) : m_tls(options.tls) {
     if (h) {
       h(r, res);
     } else {
-      res.set_content(tavrel_wan::reply_status_only(1072, "unknown rpc " + r.rpc), "multipart/mixed");
+      res.set_content(tavrel_wan::reply_status_only(TBS_ST_BAD_ARG, "unknown rpc " + r.rpc), "multipart/mixed");
     }
   });
   m_http->Get(base + tavrel_wan::PATH_LOGOUT, [this](const httplib::Request& req, httplib::Response& res) {
@@ -335,6 +338,20 @@ std::string http_reply(const std::string& body, size_t declared, int status, con
   std::string r = "HTTP/1.1 " + std::to_string(status) + " X\r\nContent-Type: multipart/mixed\r\n" + extra_headers;
   r += "Content-Length: " + std::to_string(declared ? declared : body.size()) + "\r\n\r\n";
   return r + body;
+}
+
+std::string read_file(const std::string& path) {
+  std::ifstream f(path, std::ios::binary);
+  std::stringstream ss;
+  ss << f.rdbuf();
+  return ss.str();
+}
+
+std::string random_bytes(size_t n, unsigned seed) {
+  std::mt19937 gen(seed);
+  std::string s(n, '\0');
+  for (char& c : s) c = static_cast<char>(gen() & 0xff);
+  return s;
 }
 
 std::string reply_doc(const std::vector<std::string>& bodies, int status, const std::string& message) {

@@ -57,6 +57,11 @@ struct Recorded {
   int remote_port = 0;
   bool tls_resumed = false;
 };
+// The first value of a request header, or "<none>".
+inline std::string header(const Recorded& r, const std::string& name) {
+  auto it = r.headers.find(name);
+  return it == r.headers.end() ? std::string("<none>") : it->second;
+}
 
 // A WAN server: POST <base> dispatches on the form field "rpc", GET <base>/logout ends a session.
 // Login checks the credentials header against `users` and sets the two cookies; every other request
@@ -144,6 +149,11 @@ bool send_all(int fd, const std::string& data);
 // An HTTP/1.1 200 reply with `body` (Content-Length), or with `declared` as the length when not 0.
 std::string http_reply(const std::string& body, size_t declared = 0, int status = 200,
                        const std::string& extra_headers = std::string());
+
+// The whole contents of a file ("" when it cannot be read).
+std::string read_file(const std::string& path);
+// `n` pseudo-random bytes, the same for the same seed.
+std::string random_bytes(size_t n, unsigned seed);
 
 // A reply document: the declaration, parts "Item" with bodies, and a Status part.
 std::string reply_doc(const std::vector<std::string>& bodies, int status, const std::string& message = std::string());
