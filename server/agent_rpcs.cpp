@@ -157,7 +157,7 @@ std::string set_config_spec(WanServer& srv, const Args& a) {
       try {
         ns.resolve(p);
       } catch (const ServerError& e) {
-        if (e.code() != TBS_ST_NOT_FOUND && e.code() != TBS_ST_NOT_FOUND_2) throw;
+        if (e.code() != TBS_ST_NOT_FOUND && e.code() != TBS_ST_NO_SUCH_NAME) throw;
         if (!force)
           fail(TBS_ST_BAD_ARG, "warning: load rule \"load " + p + "\" selects nothing in this view (" + e.what() +
                                    "); set ForceUpdate to proceed");

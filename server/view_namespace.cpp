@@ -72,7 +72,7 @@ Node ViewNamespace::root(const Silo& silo) {
   n.path = silo.tag;
   n.elem = repo_.element_by_id(silo.root_elem);
   auto v = select(n.elem, n.path, &n.checked_out);
-  if (!v) fail(TBS_ST_NOT_FOUND_2, "no version of the root of " + silo.tag + " is selected by the view's rules");
+  if (!v) fail(TBS_ST_NO_SUCH_NAME, "no version of the root of " + silo.tag + " is selected by the view's rules");
   n.ver = *v;
   return n;
 }
@@ -101,7 +101,7 @@ Node ViewNamespace::child(const Silo& silo, const Version& dir, const Element& d
   auto e = repo_.entry(dir.id, name);
   if (!e) fail(TBS_ST_NOT_FOUND, "Name \"" + name + "\" not found in " + dir_path);
   auto n = entry_node(silo, dir_elem, dir_path, *e);
-  if (!n) fail(TBS_ST_NOT_FOUND_2, "no version of " + dir_path + "/" + name + " is selected by the view's rules");
+  if (!n) fail(TBS_ST_NO_SUCH_NAME, "no version of " + dir_path + "/" + name + " is selected by the view's rules");
   return *n;
 }
 
@@ -211,7 +211,7 @@ Node ViewNamespace::node_for_element(const Silo& silo, const tbs_oid_s& elem_oid
   n.silo = silo;
   n.elem = *e;
   auto v = select(*e, std::string(), &n.checked_out);
-  if (!v) fail(TBS_ST_NOT_FOUND_2, "no version of element " + tbs_oid_to_str(elem_oid) + " is selected");
+  if (!v) fail(TBS_ST_NO_SUCH_NAME, "no version of element " + tbs_oid_to_str(elem_oid) + " is selected");
   n.ver = *v;
   return n;
 }

@@ -377,7 +377,7 @@ TEST_F(ServerTest, RuleEvaluationAcrossViews) {
   EXPECT_EQ(seen(v3, {"a.c"}), "int a2;\n");
   EXPECT_EQ(seen(v1, {"b.h"}), "#define B\n");
   EXPECT_EQ(seen(v3, {"b.h"}), "dev b\n");
-  EXPECT_EQ(seen(v3, {"docs"}), "status 1052");
+  EXPECT_EQ(seen(v3, {"docs"}), "status " + std::to_string(TBS_ST_NO_SUCH_NAME));
   EXPECT_EQ(seen(v2, {"docs", "readme.txt"}), "read me\n");
   std::string rootver3 = oid_of(root(v3));
   EXPECT_EQ(names(gdc(v3, rootver3)), (std::vector<std::string>{"a.c", "b.h", "ln"}));
@@ -388,7 +388,7 @@ TEST_F(ServerTest, RuleEvaluationAcrossViews) {
   EXPECT_EQ(seen(v4, {"a.c"}), "int a;\n");
   std::string v5 = tbs_uuid_to_str(tbs_uuid_create());
   ASSERT_EQ(set_rules(v5, {"select *.c latest"}).reply.status, 0);
-  EXPECT_EQ(root(v5).reply.status, TBS_ST_NOT_FOUND_2);
+  EXPECT_EQ(root(v5).reply.status, TBS_ST_NO_SUCH_NAME);
 
   // A checkout in one view shows there only, with the checked-out flag.
   Result co = client().post("/client", "view.checkout", ArgText().add("ViewUuid", v1).add("Path", "/proj/a.c"));
@@ -469,7 +469,7 @@ TEST_F(ServerTest, ViewNamespaceChangesAndClientApi) {
   EXPECT_EQ(admin("elem.move", ArgText().add("From", "/proj/x/y/z.txt").add("To", "/proj/z.txt")).reply.status, 0);
   EXPECT_EQ(admin("elem.rmname", ArgText().add("Path", "/proj/x")).reply.status, 0);
   EXPECT_EQ(seen(other, {"z.txt"}), "z");
-  EXPECT_EQ(seen(other, {"x"}), "status 1002");
+  EXPECT_EQ(seen(other, {"x"}), "status " + std::to_string(TBS_ST_NOT_FOUND));
 }
 
 TEST_F(ServerTest, RestartKeepsStoreSessionsAndViews) {
@@ -483,7 +483,7 @@ TEST_F(ServerTest, RestartKeepsStoreSessionsAndViews) {
   start();
   client().set_cookies(j, s);
   // Same session, same rules, and the served set still knows where docs is.
-  EXPECT_EQ(lookup(view_, rootver, "b.h").reply.status, TBS_ST_NOT_FOUND_2);
+  EXPECT_EQ(lookup(view_, rootver, "b.h").reply.status, TBS_ST_NO_SUCH_NAME);
   Result r = lookup(view_, docs, "readme.txt");
   EXPECT_EQ(r.reply.status, 0) << r.reply.message;
   Result cs = client().rpc(tavrel_wan::RPC_GET_CONFIG_SPEC, ArgText().add("ViewUuid", view_));
@@ -553,7 +553,7 @@ TEST_F(ServerTest, FaultInjectionAndRequestLog) {
   EXPECT_EQ(client().rpc(tavrel_wan::RPC_GET_SILO_INFO, ArgText().add("SiloTag", "/proj")).http, 200);  // one use
 
   ASSERT_EQ(admin("fault.set", ArgText().add("Kind", "status").add("Value", "1008")).reply.status, 0);
-  EXPECT_EQ(root(view_).reply.status, 1008);
+  EXPECT_EQ(root(view_).reply.status, TBS_ST_INTERNAL);
   ASSERT_EQ(admin("fault.set", ArgText().add("Kind", "corrupt_header")).reply.status, 0);
   Result corrupt = root(view_);
   EXPECT_FALSE(corrupt.reply.ok);
@@ -638,7 +638,7 @@ TEST_F(ServerTest, ConcurrentViewsAreIsolatedAndSafe) {
                                                      .add("VersionOid", rootver)
                                                      .add("SiloPathName", "")
                                                      .add("LeafName", "b.h"));
-        if (b.reply.status != (t % 2 ? 0 : TBS_ST_NOT_FOUND_2)) ++failures;
+        if (b.reply.status != (t % 2 ? 0 : TBS_ST_NO_SUCH_NAME)) ++failures;
       }
     });
   }

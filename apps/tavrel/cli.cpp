@@ -11,6 +11,7 @@
 #include "base/fileutl.h"
 #include "client/connection.h"
 #include "client/secret.h"
+#include "proto/tavrel_status.h"
 
 namespace tavrel::cli {
 
@@ -146,7 +147,7 @@ int print_reply(const Options& opts, const client::Response& r, const std::strin
       }
     }
   }
-  if (r.status == 20026) return kEnded;
+  if (r.status == TAVREL_ST_VIEW_ENDING) return kEnded;
   return r.status == 0 ? kOk : kStatus;
 }
 

@@ -23,6 +23,7 @@
 
 #include "ops/tavrel_abstract_op.h"
 #include "apps/tavrel_agent/tavrel_op_table.h"
+#include "proto/tavrel_status.h"
 #include "xml/ol_xml_elem.h"
 #include "xml/ol_xml_parser.h"
 
@@ -135,18 +136,21 @@ void check_process_factory(const std::string& input, OlXmlParser::Result::Kind s
   if (a.root != "XMLError" || !a.has_txid) fail("answer root or tx-id", reply);
   switch (seen) {
     case OlXmlParser::Result::kEncoding:
-      if (a.code != 20057 || a.message != "Parse error in \"/views/fuzz\".\n") fail("encoding answer", reply);
+      if (a.code != TAVREL_ST_ENCODING || a.message != "Parse error in \"/views/fuzz\".\n")
+        fail("encoding answer", reply);
       break;
     case OlXmlParser::Result::kSyntax:
-      if (a.code != 20020 || a.message != "Parse error in \"/views/fuzz\".\n") fail("unparsable answer", reply);
+      if (a.code != TAVREL_ST_UNRECOGNIZED || a.message != "Parse error in \"/views/fuzz\".\n")
+        fail("unparsable answer", reply);
       break;
     case OlXmlParser::Result::kOk:
-      if (a.code != 20020 || a.message != "Unrecognized IPC: \"XMLError\".\n") fail("unknown-root answer", reply);
+      if (a.code != TAVREL_ST_UNRECOGNIZED || a.message != "Unrecognized IPC: \"XMLError\".\n")
+        fail("unknown-root answer", reply);
       break;
   }
   std::string cancel;
   Tavrel_AbstractOp::get_shutdown_response(op.get(), cancel);
-  if (read_answer(cancel, input).code != 20026) fail("cancel answer", cancel);
+  if (read_answer(cancel, input).code != TAVREL_ST_VIEW_ENDING) fail("cancel answer", cancel);
 }
 
 void check_test_table(const std::string& input) {
@@ -188,8 +192,8 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
     freelocale(loc);
   }
   std::string refused;
-  Tavrel_AbstractOp::get_error_response(20020, input, refused);
+  Tavrel_AbstractOp::get_error_response(TAVREL_ST_UNRECOGNIZED, input, refused);
   Answer a = read_answer(refused, input);
-  if (a.root != "Unknown" || a.has_txid || a.code != 20020) fail("first-request refusal", refused);
+  if (a.root != "Unknown" || a.has_txid || a.code != TAVREL_ST_UNRECOGNIZED) fail("first-request refusal", refused);
   return 0;
 }

@@ -8,6 +8,7 @@
 #include "proto/kfsm_records.h"
 #include "proto/kfsm_status.h"
 #include "proto/view_rpc.h"
+#include "proto/view_rpc.h"
 
 struct Kfsmd_Lpc_Channel::Conn {
   int fd = -1;
@@ -159,7 +160,7 @@ bool Kfsmd_Lpc_Channel::on_call(Conn* c, uint32_t seq, const kfsm_lpc_call& in) 
   }
   c->waiting_seq = seq;
   if (m_ended) {
-    kfsm_frame_send(c->fd, KFSM_FRAME_LPC_DELIVER, seq, kfsm_lpc_deliver_body(KFSM_ST_VIEW_GONE, nullptr, nullptr, 0));
+    kfsm_frame_send(c->fd, KFSM_FRAME_LPC_DELIVER, seq, kfsm_lpc_deliver_body(TBS_ST_VIEW_GONE, nullptr, nullptr, 0));
     return true;
   }
   c->idle = true;
@@ -192,7 +193,7 @@ void Kfsmd_Lpc_Channel::end() {
     if (c->idle && !c->broken) {
       c->idle = false;
       kfsm_frame_send(c->fd, KFSM_FRAME_LPC_DELIVER, c->waiting_seq,
-                      kfsm_lpc_deliver_body(KFSM_ST_VIEW_GONE, nullptr, nullptr, 0));
+                      kfsm_lpc_deliver_body(TBS_ST_VIEW_GONE, nullptr, nullptr, 0));
     }
     if (c->current) {
       Call* call = c->current;

@@ -132,14 +132,14 @@ TEST_F(Lpc, EndOfViewFailsPendingRequestsDetachesMountsAndLetsThreadsGo) {
   // The held answer comes too late and is dropped; the thread is told 1046 and ends.
   agent.release();
   ASSERT_TRUE(agent.join());
-  EXPECT_EQ(agent.statuses(), std::vector<int>{KFSM_ST_VIEW_GONE});
+  EXPECT_EQ(agent.statuses(), std::vector<int>{TBS_ST_VIEW_GONE});
   // Later requests fail at once, and a new thread for the tag is told 1046 on its first call.
   Rec_Reply late;
   silo->getattr(1, late);
   EXPECT_EQ(late.error, ENOTCONN);
   agent.start("v", 1);
   ASSERT_TRUE(agent.join());
-  EXPECT_EQ(agent.statuses(), (std::vector<int>{KFSM_ST_VIEW_GONE, KFSM_ST_VIEW_GONE}));
+  EXPECT_EQ(agent.statuses(), (std::vector<int>{TBS_ST_VIEW_GONE, TBS_ST_VIEW_GONE}));
   EXPECT_EQ(cmd_rmtag("v"), TBS_ST_NOT_FOUND);
 }
 

@@ -86,18 +86,18 @@ int32_t Kfsmd_Registry::mkview(const Kfsmd_Caller& who, const kfsm_command& c) {
   auto it = m_views.find(a.tag);
   if (it != m_views.end()) {
     Entry& e = it->second;
-    if (!may_drive(who, *e.view)) return 1063;
+    if (!may_drive(who, *e.view)) return TBS_ST_NO_PERMISSION;
     if (e.view->uuid() != a.uuid) return TBS_ST_EXISTS;
     // The agent of this view started again: keep its mounts, forget what the kernel was told.
     e.view->set_location(a.spath_u, a.host);
     post(e, KFSM_INVAL_VIEW, TBS_UUID_NULL, TBS_OID_NULL, "");
     return 0;
   }
-  if (m_views.size() >= m_opt.max_views) return 1062;
+  if (m_views.size() >= m_opt.max_views) return TBS_ST_NO_ROOM;
   size_t mine = 0;
   for (auto& v : m_views) mine += v.second.view->uid() == who.uid;
-  if (mine >= m_opt.max_views_per_user) return 1062;
-  if (!make_dir(view_dir(a.tag))) return 1001;
+  if (mine >= m_opt.max_views_per_user) return TBS_ST_NO_ROOM;
+  if (!make_dir(view_dir(a.tag))) return TBS_ST_FAILURE;
   Entry e;
   e.view = std::make_shared<Kfsmd_View>(a.tag, a.uuid, a.spath_u, a.host, who.uid, who.gid, m_opt);
   m_views.emplace(a.tag, std::move(e));
@@ -121,7 +121,7 @@ int32_t Kfsmd_Registry::rmtag(const Kfsmd_Caller& who, const kfsm_command& c) {
   std::lock_guard<std::mutex> g(m_mutex);
   auto it = m_views.find(tag);
   if (it == m_views.end()) return TBS_ST_NOT_FOUND;
-  if (!may_drive(who, *it->second.view)) return 1063;
+  if (!may_drive(who, *it->second.view)) return TBS_ST_NO_PERMISSION;
   end_view(it->second);
   m_views.erase(it);
   return 0;
@@ -136,12 +136,12 @@ int32_t Kfsmd_Registry::mount(const Kfsmd_Caller& who, const kfsm_command& c) {
   auto it = m_views.find(c.pn.text);
   if (it == m_views.end()) return TBS_ST_NOT_FOUND;
   Entry& e = it->second;
-  if (!may_drive(who, *e.view)) return 1063;
+  if (!may_drive(who, *e.view)) return TBS_ST_NO_PERMISSION;
   for (auto& s : e.silos) {
     if (s.first == a.mount_point || s.second->info().replica == a.replica) return TBS_ST_EXISTS;
     if (nests(s.first, a.mount_point)) return TBS_ST_BAD_ARG;
   }
-  if (e.silos.size() >= m_opt.max_mounts_per_view) return 1062;
+  if (e.silos.size() >= m_opt.max_mounts_per_view) return TBS_ST_NO_ROOM;
   const std::string base = view_dir(e.view->tag());
   std::string mp = base;
   size_t pos = 1;
@@ -151,7 +151,7 @@ int32_t Kfsmd_Registry::mount(const Kfsmd_Caller& who, const kfsm_command& c) {
     mp += "/" + a.mount_point.substr(pos, end - pos);
     if (!make_dir(mp)) {
       remove_dirs(mp, base);
-      return 1001;
+      return TBS_ST_FAILURE;
     }
     pos = end + 1;
   }
@@ -167,7 +167,7 @@ int32_t Kfsmd_Registry::mount(const Kfsmd_Caller& who, const kfsm_command& c) {
   int err = m_mounter ? m_mounter->mount(silo, &m) : ENODEV;
   if (err != 0) {
     remove_dirs(mp, base);
-    return 1001;
+    return TBS_ST_FAILURE;
   }
   silo->set_mount(std::move(m));
   e.silos.emplace(a.mount_point, silo);
@@ -181,7 +181,7 @@ int32_t Kfsmd_Registry::umount(const Kfsmd_Caller& who, const kfsm_command& c) {
   auto it = m_views.find(c.pn.text);
   if (it == m_views.end()) return TBS_ST_NOT_FOUND;
   Entry& e = it->second;
-  if (!may_drive(who, *e.view)) return 1063;
+  if (!may_drive(who, *e.view)) return TBS_ST_NO_PERMISSION;
   auto s = e.silos.begin();
   for (; s != e.silos.end(); ++s)
     if (s->second->info().replica == a.replica) break;
@@ -189,7 +189,7 @@ int32_t Kfsmd_Registry::umount(const Kfsmd_Caller& who, const kfsm_command& c) {
   if (Kfsmd_Mount* m = s->second->mount()) {
     int err = m->unmount(false);
     if (err == EBUSY) return TBS_ST_BUSY;
-    if (err != 0) return 1001;
+    if (err != 0) return TBS_ST_FAILURE;
   }
   std::unique_ptr<Kfsmd_Mount> gone = s->second->take_mount();
   remove_dirs(s->second->info().mount_point, view_dir(e.view->tag()));
@@ -214,11 +214,11 @@ int32_t Kfsmd_Registry::inval(const Kfsmd_Caller& who, const kfsm_command& c) {
   std::string path = c.pn.text;
   while (path.size() > 1 && path.back() == '/') path.pop_back();
   const std::string prefix = m_opt.root == "/" ? "/" : m_opt.root + "/";
-  if (path.compare(0, prefix.size(), prefix) != 0) return 1011;
+  if (path.compare(0, prefix.size(), prefix) != 0) return TBS_ST_NO_VIEW;
   std::lock_guard<std::mutex> g(m_mutex);
   auto it = m_views.find(path.substr(prefix.size()));
-  if (it == m_views.end()) return 1011;
-  if (!may_drive(who, *it->second.view)) return 1063;
+  if (it == m_views.end()) return TBS_ST_NO_VIEW;
+  if (!may_drive(who, *it->second.view)) return TBS_ST_NO_PERMISSION;
   if (a.version != KFSM_INVAL_VERSION) return TBS_ST_BAD_ARG;
   switch (a.kind) {
     case KFSM_INVAL_NAME:
@@ -247,7 +247,7 @@ int32_t Kfsmd_Registry::xstat(const Kfsmd_Caller& who, const kfsm_command& c, kf
     std::lock_guard<std::mutex> g(m_mutex);
     auto it = m_views.find(tag);
     if (it == m_views.end()) return TBS_ST_BAD_ARG;
-    if (!may_drive(who, *it->second.view)) return 1063;
+    if (!may_drive(who, *it->second.view)) return TBS_ST_NO_PERMISSION;
     view = it->second.view;
     size_t best = 0;
     for (auto& s : it->second.silos) {
@@ -258,7 +258,7 @@ int32_t Kfsmd_Registry::xstat(const Kfsmd_Caller& who, const kfsm_command& c, kf
         silo = s.second;
       }
     }
-    if (!silo) return TBS_ST_NOT_FOUND_2;
+    if (!silo) return TBS_ST_NO_SUCH_NAME;
     in_view = in_view.substr(best);
   }
   view_vstat_t vs;
@@ -277,8 +277,8 @@ int32_t Kfsmd_Registry::xstat(const Kfsmd_Caller& who, const kfsm_command& c, kf
 int32_t Kfsmd_Registry::bind_lpc(const Kfsmd_Caller& who, const std::string& tag, std::shared_ptr<Kfsmd_View>* view) {
   std::lock_guard<std::mutex> g(m_mutex);
   auto it = m_views.find(tag);
-  if (it == m_views.end()) return KFSM_ST_VIEW_GONE;
-  if (!may_drive(who, *it->second.view)) return 1063;
+  if (it == m_views.end()) return TBS_ST_VIEW_GONE;
+  if (!may_drive(who, *it->second.view)) return TBS_ST_NO_PERMISSION;
   *view = it->second.view;
   return 0;
 }

@@ -17,6 +17,7 @@
 #include "kfsmd/core/kfsmd_lpc_channel.h"
 #include "proto/view_records.h"
 #include "proto/view_rpc.h"
+#include "proto/view_rpc.h"
 
 class Kfsmd_Rpc {
  public:

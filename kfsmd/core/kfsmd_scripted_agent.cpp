@@ -130,19 +130,19 @@ uint32_t Kfsmd_Scripted_Agent::answer(uint64_t op, XDR* in, XDR* out) {
       });
     case VIEW_RPC_GETATTR:
       return serve(in, &xdr_view_getattr_req_t, out, &xdr_view_getattr_reply_t, [&](auto& q, auto& r) {
-        if (stale(q.fh)) return void(r.hdr.status = 1087);
+        if (stale(q.fh)) return void(r.hdr.status = TBS_ST_STALE);
         r.vstat = vstat(q.fh.ver_dbid);
         r.fh = q.fh;
       });
     case VIEW_RPC_REVALIDATE:
       return serve(in, &xdr_view_getattr_req_t, out, &xdr_view_root_reply_t, [&](auto& q, auto& r) {
-        if (!m_objs.count(q.fh.ver_dbid)) return void(r.hdr.status = 1087);
+        if (!m_objs.count(q.fh.ver_dbid)) return void(r.hdr.status = TBS_ST_STALE);
         r.vstat = vstat(q.fh.ver_dbid);
         r.fh = fh(q.fh.silo, q.fh.ver_dbid);
       });
     case VIEW_RPC_LOOKUP:
       return serve(in, &xdr_view_lookup_req_t, out, &xdr_view_lookup_reply_t, [&](auto& q, auto& r) {
-        if (stale(q.dir)) return void(r.hdr.status = 1087);
+        if (stale(q.dir)) return void(r.hdr.status = TBS_ST_STALE);
         const std::string residual = q.residual ? q.residual : "";
         uint32_t cur = q.dir.ver_dbid;
         size_t consumed = 0;
@@ -151,7 +151,7 @@ uint32_t Kfsmd_Scripted_Agent::answer(uint64_t op, XDR* in, XDR* out) {
             size_t end = residual.find('/', pos);
             if (end == std::string::npos) end = residual.size();
             auto it = m_objs[cur].names.find(residual.substr(pos, end - pos));
-            if (it == m_objs[cur].names.end()) return void(r.hdr.status = 1052);
+            if (it == m_objs[cur].names.end()) return void(r.hdr.status = TBS_ST_NO_SUCH_NAME);
             cur = it->second;
             consumed = end;
             pos = end + 1;
@@ -159,7 +159,7 @@ uint32_t Kfsmd_Scripted_Agent::answer(uint64_t op, XDR* in, XDR* out) {
         } else {
           auto it = m_objs[cur].names.find(q.name);
           if (it == m_objs[cur].names.end()) {
-            r.hdr.status = 1052;
+            r.hdr.status = TBS_ST_NO_SUCH_NAME;
             r.name_state = m_miss_state;
             return;
           }
@@ -302,7 +302,7 @@ void Kfsmd_Scripted_Agent::loop() {
     if (st) {
       std::lock_guard<std::mutex> g(m_mutex);
       m_statuses.push_back(st);
-      if (st == KFSM_ST_VIEW_GONE || st == 1063) break;
+      if (st == TBS_ST_VIEW_GONE || st == TBS_ST_NO_PERMISSION) break;
       continue;
     }
     const kfsm_lpc_request_hdr q = kfsm_lpc_get_request(buf.data());

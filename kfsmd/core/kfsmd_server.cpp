@@ -124,7 +124,7 @@ void Kfsmd_Server::serve(Conn* c) {
   }
   uint32_t type = 0, pid = 0;
   if (kfsm_frame_recv(c->fd, &f) == 0 && f.type == KFSM_FRAME_HELLO && kfsm_parse_hello(f.body, &type, &pid)) {
-    kfsm_frame_send(c->fd, KFSM_FRAME_HELLO_OK, f.seq, kfsm_status_body(over_limit ? 1062 : 0));
+    kfsm_frame_send(c->fd, KFSM_FRAME_HELLO_OK, f.seq, kfsm_status_body(over_limit ? TBS_ST_NO_ROOM : 0));
     if (!over_limit) {
       std::shared_ptr<Kfsmd_View> view;
       Kfsmd_Lpc_Channel::Conn* lpc = nullptr;
@@ -145,7 +145,7 @@ void Kfsmd_Server::serve(Conn* c) {
             int32_t st = m_registry.bind_lpc(c->who, call.tag, &view);
             if (st != 0) {
               kfsm_frame_send(c->fd, KFSM_FRAME_LPC_DELIVER, f.seq, kfsm_lpc_deliver_body(st, nullptr, nullptr, 0));
-              if (st != KFSM_ST_VIEW_GONE) break;
+              if (st != TBS_ST_VIEW_GONE) break;
               continue;
             }
             lpc = view->channel().attach(c->fd);

@@ -177,7 +177,7 @@ void Kfsmd_Silo::lookup(uint64_t parent, const std::string& name, Kfsmd_Reply& r
   const bool raced = m_view->epoch() != epoch;
   const Kfsmd_Options& o = m_view->options();
   if (lr.hdr.status != 0) {
-    if (lr.hdr.status == TBS_ST_NOT_FOUND_2 && (lr.name_state & NAME_STATE_CACHED_MISS) && !raced) {
+    if (lr.hdr.status == TBS_ST_NO_SUCH_NAME && (lr.name_state & NAME_STATE_CACHED_MISS) && !raced) {
       bool recorded = false;
       {
         std::lock_guard<std::mutex> lk(m_mutex);
@@ -384,8 +384,8 @@ int Kfsmd_Silo::resolve(const std::string& rest_in, bool follow, view_vstat_t* v
       *out_fh = lr.fh;
       return 0;
     }
-    if (!at_link) return TBS_ST_NOT_FOUND_2;  // stopped short at something that is no link
-    if (++links > MAX_LINKS) return 1083;
+    if (!at_link) return TBS_ST_NO_SUCH_NAME;  // stopped short at something that is no link
+    if (++links > MAX_LINKS) return TBS_ST_LOOP;
     view_readlink_reply_t rl;
     e = m_view->rpc().readlink(lr.fh, &rl);
     if (e != 0) return tbs_errno2status(e);

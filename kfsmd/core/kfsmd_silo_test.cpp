@@ -175,7 +175,7 @@ TEST_F(Silo, EachInvalidationPlansItsActions) {
   EXPECT_EQ(cmd_inval(view_root("v"), KFSM_INVAL_OBJ, TBS_UUID_NULL, TBS_OID_NULL, nullptr, 4), TBS_ST_BAD_ARG);
   EXPECT_EQ(cmd_inval(view_root("v"), 4, TBS_UUID_NULL, TBS_OID_NULL), TBS_ST_BAD_ARG);
   EXPECT_EQ(cmd_inval(view_root("v"), KFSM_INVAL_NAME, TBS_UUID_NULL, Agent::oid(1), ""), TBS_ST_BAD_ARG);
-  EXPECT_EQ(cmd_inval(view_root("v") + "/proj", KFSM_INVAL_VIEW, TBS_UUID_NULL, TBS_OID_NULL), 1011);
+  EXPECT_EQ(cmd_inval(view_root("v") + "/proj", KFSM_INVAL_VIEW, TBS_UUID_NULL, TBS_OID_NULL), TBS_ST_NO_VIEW);
 }
 
 TEST_F(Silo, StatResolvesPathsThroughTheAgent) {
@@ -189,8 +189,8 @@ TEST_F(Silo, StatResolvesPathsThroughTheAgent) {
       {v + "/proj/d/g", true, 0, 1},         {v + "/proj/l/g", true, 0, 1},  // a link on the way
       {v + "/proj/l", false, 0, 5},          {v + "/proj/l", true, 0, 2},
       {v + "/proj", true, 0, 2},             {v + "/proj/abs", true, TBS_ST_BAD_ARG, 0},
-      {v + "/proj/loop", true, 1083, 0},     {v + "/proj/nothing", true, TBS_ST_NOT_FOUND_2, 0},
-      {v + "/projx/f", true, TBS_ST_NOT_FOUND_2, 0}, {opt.root + "/w/proj/f", true, TBS_ST_BAD_ARG, 0},
+      {v + "/proj/loop", true, TBS_ST_LOOP, 0},     {v + "/proj/nothing", true, TBS_ST_NO_SUCH_NAME, 0},
+      {v + "/projx/f", true, TBS_ST_NO_SUCH_NAME, 0}, {opt.root + "/w/proj/f", true, TBS_ST_BAD_ARG, 0},
   };
   for (auto& row : rows) {
     SCOPED_TRACE(row.path + (row.follow ? "" : " (no follow)"));

@@ -12,20 +12,39 @@
 
 typedef int32_t tbs_status_t;
 
-// Statuses of the 1000 range.
+// Statuses of the 1000 range: the name service, the database, the codec, the kernel channel and the
+// server all answer with these (0 is success). Every program names them from this one list; the
+// errno each one stands for is in proto/kfsm_status.h, the agent's own range in proto/tavrel_status.h.
 enum : tbs_status_t {
   TBS_ST_OK = 0,
+  TBS_ST_FAILURE = 1001,         // general failure; also a malformed record, or no service
   TBS_ST_NOT_FOUND = 1002,
+  TBS_ST_NOT_SUPPORTED = 1007,   // the operation is not offered (an RPC without a handler)
   TBS_ST_INTERNAL = 1008,
+  TBS_ST_NO_RESOURCES = 1009,
+  TBS_ST_NO_VIEW = 1011,         // no such view in the module, or its root is unknown
+  TBS_ST_REFUSED = 1013,         // refused as asked (a repair without force)
+  TBS_ST_NO_OBJECT = 1014,       // a name that stands for no object
+  TBS_ST_CONTAINER = 1015,       // a container could not be made
+  TBS_ST_UNKNOWN_SILO = 1016,
   TBS_ST_DB_NOT_WRITABLE = 1022,
   TBS_ST_DB_RELOAD_NEEDED = 1023,
   TBS_ST_REVALIDATE = 1033,
-  TBS_ST_NOT_FOUND_2 = 1052,
+  TBS_ST_VIEW_GONE = 1046,       // the module is done with the view: the answer to every call of a removed view
+  TBS_ST_NOT_OWNER = 1051,
+  TBS_ST_NO_SUCH_NAME = 1052,
+  TBS_ST_NO_ROOM = 1062,         // no memory, a limit reached, or a record that does not fit its buffer
+  TBS_ST_NO_PERMISSION = 1063,
   TBS_ST_EXISTS = 1067,
+  TBS_ST_CROSS_SILO = 1068,
+  TBS_ST_NOT_DIR = 1070,
+  TBS_ST_IS_DIR = 1071,
   TBS_ST_BAD_ARG = 1072,
-  TBS_ST_TOO_LONG = 1084,
+  TBS_ST_NOT_ALLOWED = 1080,     // not allowed on this object (a SILO object where a view-private one is needed)
+  TBS_ST_LOOP = 1083,            // too many symbolic links
+  TBS_ST_TOO_LONG = 1084,        // a name or path too long, or a buffer too small
   TBS_ST_NOT_EMPTY = 1085,
-  TBS_ST_STALE = 1087,
+  TBS_ST_STALE = 1087,           // a handle whose object is gone
   TBS_ST_BUSY = 1088,
 };
 

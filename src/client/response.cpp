@@ -4,6 +4,7 @@
 #include <map>
 #include <memory>
 
+#include "proto/tavrel_status.h"
 #include "xml/ol_xml_doc.h"
 #include "xml/ol_xml_elem.h"
 #include "xml/ol_xml_parser.h"
@@ -132,62 +133,7 @@ bool Response::parse(const std::string& document, Response* out, std::string* er
 }
 
 const char* status_name(int code) {
-  static const std::map<int, const char*> names = {
-      {0, "OK"},
-      {3, "VIEW_LOCKED"},
-      {20001, "FAILURE"},
-      {20002, "NOT_FOUND"},
-      {20003, "NO_OBJECT"},
-      {20005, "MKPATH"},
-      {20006, "METADATA_FILE"},
-      {20007, "CACHE_START"},
-      {20008, "WRITE_FILE"},
-      {20009, "VIEW_IDENTITY"},
-      {20010, "PIPE"},
-      {20011, "MKFIFO"},
-      {20013, "CONN_READ"},
-      {20016, "RESP_WRITE"},
-      {20017, "REQ_PIPE"},
-      {20018, "STORAGE_EXISTS"},
-      {20019, "NO_VIEW_INFO"},
-      {20020, "UNRECOGNIZED_REQUEST"},
-      {20021, "MALFORMED_REQUEST"},
-      {20022, "SERVER_INFO"},
-      {20023, "NO_STORAGE"},
-      {20024, "VERSION_NOT_SUPPORTED"},
-      {20026, "VIEW_ENDING"},
-      {20031, "INTERNAL"},
-      {20032, "MOUNT_CONFLICT"},
-      {20033, "DISCONNECTED"},
-      {20034, "CANNOT_CONNECT"},
-      {20035, "SILO_INFO"},
-      {20036, "SILO_NOT_IN_TABLE"},
-      {20037, "KERNEL_MOUNT"},
-      {20038, "EXIT_REQUESTED"},
-      {20039, "TIMED_OUT"},
-      {20040, "SELECT"},
-      {20041, "THREAD_START"},
-      {20042, "RESTORE_CLIENT"},
-      {20043, "MOUNTED_FILE"},
-      {20044, "UPDATE_RUNNING"},
-      {20045, "REMOUNT"},
-      {20046, "ALREADY_MOUNTED"},
-      {20047, "NOT_MOUNTED"},
-      {20048, "WAN_CALL"},
-      {20049, "WAN_CALL"},
-      {20050, "LIST_DIR"},
-      {20051, "CACHE_NOT_EMPTY"},
-      {20052, "CACHE_NESTED"},
-      {20053, "UPDATE_LOG"},
-      {20054, "INVALID_LOAD_RULE"},
-      {20055, "LOAD_RULE_NESTED"},
-      {20056, "BG_METADATA"},
-      {20057, "ENCODING"},
-      {20058, "UPDATE_IN_PROGRESS"},
-      {20059, "WRONG_HOST"},
-  };
-  auto it = names.find(code);
-  return it == names.end() ? "UNKNOWN" : it->second;
+  return tavrel_status_name(code);
 }
 
 std::string to_json(const Response& r) {

@@ -59,7 +59,7 @@ bool bounded_vprintf(std::string& out, const char* format, va_list ap) {
 
 int Tavrel_Util::tbs_to_tavrel_status(int status) {
   if (status == 0) return TAVREL_ST_OK;
-  if (status == TBS_ST_NOT_FOUND || status == TBS_ST_NOT_FOUND_2) return TAVREL_ST_NOT_FOUND;
+  if (status == TBS_ST_NOT_FOUND || status == TBS_ST_NO_SUCH_NAME) return TAVREL_ST_NOT_FOUND;
   return TAVREL_ST_FAILURE;
 }
 

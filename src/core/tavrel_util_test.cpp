@@ -13,6 +13,7 @@
 
 #include "base/sysutl.h"
 #include "core/tavrel_msg_table.h"
+#include "core/tavrel_status.h"
 #include "core/tavrel_util.h"
 
 namespace {
@@ -30,7 +31,13 @@ class TempDir {
 TEST(TavrelUtil, StatusMapping) {
   struct {
     int in, out;
-  } cases[] = {{0, 0}, {1002, 20002}, {1052, 20002}, {1008, 20001}, {1033, 20001}, {1087, 20001}, {-1, 20001}};
+  } cases[] = {{0, 0},
+               {TBS_ST_NOT_FOUND, TAVREL_ST_NOT_FOUND},
+               {TBS_ST_NO_SUCH_NAME, TAVREL_ST_NOT_FOUND},
+               {TBS_ST_INTERNAL, TAVREL_ST_FAILURE},
+               {TBS_ST_REVALIDATE, TAVREL_ST_FAILURE},
+               {TBS_ST_STALE, TAVREL_ST_FAILURE},
+               {-1, TAVREL_ST_FAILURE}};
   for (auto& c : cases) EXPECT_EQ(Tavrel_Util::tbs_to_tavrel_status(c.in), c.out) << c.in;
 }
 
@@ -181,8 +188,8 @@ TEST(TavrelUtil, Directories) {
   EXPECT_EQ(Tavrel_Util::is_dir_empty(d.path, empty), 0);
   EXPECT_EQ(empty, 0);
   empty = -1;
-  EXPECT_EQ(Tavrel_Util::is_dir_empty(d.path + "/missing", empty), 20050);
-  EXPECT_EQ(Tavrel_Util::is_dir_empty(d.path + "/.x", empty), 20050);  // not a directory
+  EXPECT_EQ(Tavrel_Util::is_dir_empty(d.path + "/missing", empty), TAVREL_ST_LIST_DIR);
+  EXPECT_EQ(Tavrel_Util::is_dir_empty(d.path + "/.x", empty), TAVREL_ST_LIST_DIR);  // not a directory
   EXPECT_EQ(empty, -1);
 
   // A marker in an ancestor is found; one in the path itself or below it is not.
@@ -227,8 +234,8 @@ TEST(TavrelUtil, IdentitiesAndSmallParsers) {
   EXPECT_EQ(Tavrel_Util::set_socket_addr("127.0.0.1", &a), 0);
   EXPECT_EQ(ntohl(a.s_addr), 0x7f000001u);
   for (const char* bad : {"", "localhost", "1.2.3", "256.1.1.1", "1.2.3.4 "})
-    EXPECT_EQ(Tavrel_Util::set_socket_addr(bad, &a), 1072) << bad;
-  EXPECT_EQ(Tavrel_Util::set_socket_addr(nullptr, &a), 1072);
+    EXPECT_EQ(Tavrel_Util::set_socket_addr(bad, &a), TBS_ST_BAD_ARG) << bad;
+  EXPECT_EQ(Tavrel_Util::set_socket_addr(nullptr, &a), TBS_ST_BAD_ARG);
   EXPECT_TRUE(Tavrel_Util::kfsm_is_case_sensitive());
 
   EXPECT_FALSE(Tavrel_Util::process_user().empty());

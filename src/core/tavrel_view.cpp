@@ -50,23 +50,6 @@ const std::vector<std::string>& atomic_files() {
   return names;
 }
 
-// A short text for a status of the 1000 range.
-std::string tbs_status_text(int status) {
-  switch (status) {
-    case TBS_ST_NOT_FOUND:
-    case TBS_ST_NOT_FOUND_2:
-      return "not found";
-    case TBS_ST_INTERNAL:
-      return "internal error";
-    case TBS_ST_BAD_ARG:
-      return "invalid argument";
-    case 1001:
-      return "service not available";
-    default:
-      return strutl_format("error %d", status);
-  }
-}
-
 std::string host_name() {
   char buf[HOST_NAME_MAX + 1] = {};
   if (gethostname(buf, sizeof buf - 1) != 0) return "";
@@ -126,7 +109,7 @@ const Tavrel_View_Hooks& Tavrel_View::get_hooks() { return g_hooks; }
 
 int Tavrel_View::tbs_to_tavrel_status(int status) {
   if (status == 0) return 0;
-  if (status == TBS_ST_NOT_FOUND || status == TBS_ST_NOT_FOUND_2) return TAVREL_ST_NOT_FOUND;
+  if (status == TBS_ST_NOT_FOUND || status == TBS_ST_NO_SUCH_NAME) return TAVREL_ST_NOT_FOUND;
   return TAVREL_ST_FAILURE;
 }
 
@@ -189,7 +172,7 @@ int Tavrel_View::start_store() {
   }
   if (g_hooks.cache_init() != 0) return TAVREL_ST_CACHE_START;
 
-  int db_status = g_hooks.start_db ? g_hooks.start_db(m_storage_path, m_view_uuid_str, &m_db) : 1001;
+  int db_status = g_hooks.start_db ? g_hooks.start_db(m_storage_path, m_view_uuid_str, &m_db) : TBS_ST_FAILURE;
   if (db_status != 0) {
     trace.writeTrace(TRACE_LEVEL_1, "start_db failed: %d", db_status);
     append_message(TVR_LIB_DB_INIT, db_status);
@@ -610,7 +593,7 @@ int Tavrel_View::set_cache_size(unsigned size, std::string& message, bool save) 
   }
   if (!g_hooks.cache_set_size) {
     trace.writeTrace(TRACE_LEVEL_1, "No name-service cache to size");
-    message += imsg_format(&_tvr_lib_lib_msg_table, TVR_LIB_CACHE_SIZE, size, tbs_status_text(1001).c_str());
+    message += imsg_format(&_tvr_lib_lib_msg_table, TVR_LIB_CACHE_SIZE, size, tbs_status_text(TBS_ST_FAILURE).c_str());
     return TAVREL_ST_FAILURE;
   }
   int st = g_hooks.cache_set_size(size, !save);
@@ -634,7 +617,7 @@ int Tavrel_View::set_cache_size(unsigned size, std::string& message, bool save) 
 
 int Tavrel_View::register_kfsm() {
   Tavrel_Trace trace(TAVREL, "Tavrel_View", "register_kfsm");
-  int st = g_hooks.register_view ? g_hooks.register_view(this) : 1001;
+  int st = g_hooks.register_view ? g_hooks.register_view(this) : TBS_ST_FAILURE;
   trace.writeTrace(TRACE_LEVEL_2, "Status from register_view = %d (%s)", st, tbs_status_text(st).c_str());
   return tbs_to_tavrel_status(st);
 }
@@ -647,11 +630,11 @@ int Tavrel_View::cleanup() {
   }
   if (m_server_tag.empty()) {
     trace.writeTrace(TRACE_LEVEL_4, "No view tag found to unregister");
-    return 1001;
+    return TBS_ST_FAILURE;
   }
   if (!g_hooks.unregister_view) {
     trace.writeTrace(TRACE_LEVEL_4, "No kernel module interface to unregister view tag: %s", m_server_tag.c_str());
-    return 1001;
+    return TBS_ST_FAILURE;
   }
   trace.writeTrace(TRACE_LEVEL_4, "Calling unregister_view for server tag: %s", m_server_tag.c_str());
   int st = g_hooks.unregister_view(this);
@@ -689,7 +672,7 @@ std::string Tavrel_View::get_view_root() {
   std::lock_guard<std::mutex> g(m_view_root_mutex);
   if (m_view_root.empty()) {
     std::string root;
-    int st = g_hooks.get_kfsm_root ? g_hooks.get_kfsm_root(&root) : 1001;
+    int st = g_hooks.get_kfsm_root ? g_hooks.get_kfsm_root(&root) : TBS_ST_FAILURE;
     if (st != 0 || root.empty() || m_server_tag.empty()) {
       trace.writeTrace(TRACE_LEVEL_2, "View root unknown: get_kfsm_root = %d", st);
       return "";

@@ -198,9 +198,9 @@ TEST_F(ViewTest, AProcessWithoutStoreSkipsCacheAndDatabaseButStillRegisters) {
   EXPECT_EQ(Tavrel_View::get_current_gn(), 0u);
   // A failing registration still fails the start.
   v.reset();
-  g_fake.register_rc = 1008;
+  g_fake.register_rc = TBS_ST_INTERNAL;
   v.reset(Tavrel_View::get_view_from_stg(m_stg));
-  EXPECT_EQ(v->start(), 20001);
+  EXPECT_EQ(v->start(), TAVREL_ST_FAILURE);
 }
 
 TEST_F(ViewTest, CreateRefusesWhatAlreadyExistsAndTouchesNothing) {
@@ -303,12 +303,12 @@ TEST_F(ViewTest, ASeamFailureStopsCreationAndCleanupRemovesWhatCreationMade) {
     std::string message;
   };
   const Case cases[] = {
-      {"cache", [] { g_fake.cache_init_rc = 1008; }, TAVREL_ST_CACHE_START, "cache,", ""},
-      {"database", [] { g_fake.start_db_rc = 1023; }, TAVREL_ST_CACHE_START, "cache,db,",
+      {"cache", [] { g_fake.cache_init_rc = TBS_ST_INTERNAL; }, TAVREL_ST_CACHE_START, "cache,", ""},
+      {"database", [] { g_fake.start_db_rc = TBS_ST_DB_RELOAD_NEEDED; }, TAVREL_ST_CACHE_START, "cache,db,",
        "View database initialization failed (1023).\n"},
-      {"namespace record", [] { g_fake.create_vns_rc = 1008; }, TAVREL_ST_FAILURE, "cache,db,vns,", ""},
-      {"kernel registration", [] { g_fake.register_rc = 1008; }, TAVREL_ST_FAILURE, "cache,db,vns,register,", ""},
-      {"kernel registration, not found", [] { g_fake.register_rc = 1002; }, TAVREL_ST_NOT_FOUND,
+      {"namespace record", [] { g_fake.create_vns_rc = TBS_ST_INTERNAL; }, TAVREL_ST_FAILURE, "cache,db,vns,", ""},
+      {"kernel registration", [] { g_fake.register_rc = TBS_ST_INTERNAL; }, TAVREL_ST_FAILURE, "cache,db,vns,register,", ""},
+      {"kernel registration, not found", [] { g_fake.register_rc = TBS_ST_NOT_FOUND; }, TAVREL_ST_NOT_FOUND,
        "cache,db,vns,register,", ""},
   };
   for (const auto& c : cases) {
@@ -486,15 +486,15 @@ TEST_F(ViewTest, StartReadsTheViewBackAndRemovesTemporariesOfInterruptedRewrites
 TEST_F(ViewTest, StartMakesTheNamespaceRecordWhenTheDatabaseHasNone) {
   make_view();
   g_fake = Fake();
-  g_fake.get_gn_rc = 1002;
+  g_fake.get_gn_rc = TBS_ST_NOT_FOUND;
   std::unique_ptr<Tavrel_View> v(Tavrel_View::get_view_from_stg(m_stg));
   ASSERT_EQ(v->start(), 0);
   EXPECT_EQ(g_fake.calls, "cache,db,gn,vns,register,");
   EXPECT_EQ(Tavrel_View::get_current_gn(), 0u);
   v.reset();
   g_fake = Fake();
-  g_fake.get_gn_rc = 1002;
-  g_fake.create_vns_rc = 1008;
+  g_fake.get_gn_rc = TBS_ST_NOT_FOUND;
+  g_fake.create_vns_rc = TBS_ST_INTERNAL;
   v.reset(Tavrel_View::get_view_from_stg(m_stg));
   EXPECT_EQ(v->start(), TAVREL_ST_FAILURE);
 }
@@ -665,7 +665,7 @@ TEST_F(ViewTest, SetCacheSize) {
   EXPECT_FALSE(g_fake.last_enforce);
   EXPECT_NE(read_text(m_stg + "/.tavrel").find("cache-size=8388608\n"), std::string::npos);
 
-  g_fake.set_size_rc = 1008;
+  g_fake.set_size_rc = TBS_ST_INTERNAL;
   EXPECT_EQ(v->set_cache_size(9000000, msg, true), TAVREL_ST_FAILURE);
   EXPECT_EQ(msg, "Unable to set cache size to 9000000: internal error\n");
   EXPECT_EQ(v->get_cache_size(), 8388608u);
@@ -791,7 +791,7 @@ TEST_F(ViewTest, ALockFileThatIsNotAFileIsASystemError) {
 
 TEST_F(ViewTest, CleanupUnregistersTheTagLastRead) {
   Tavrel_View fresh(m_stg);
-  EXPECT_EQ(fresh.cleanup(), 1001) << "no tag known";
+  EXPECT_EQ(fresh.cleanup(), TBS_ST_FAILURE) << "no tag known";
   EXPECT_EQ(g_fake.unregistered_tag, "");
 
   make_view();
@@ -799,17 +799,17 @@ TEST_F(ViewTest, CleanupUnregistersTheTagLastRead) {
   ASSERT_EQ(reader.get_view_info(), 0);
   // A view object built just for the exit path knows the tag through the process-wide copy.
   Tavrel_View on_exit(m_stg);
-  g_fake.unregister_rc = 1046;
-  EXPECT_EQ(on_exit.cleanup(), 1046);
+  g_fake.unregister_rc = TBS_ST_VIEW_GONE;
+  EXPECT_EQ(on_exit.cleanup(), TBS_ST_VIEW_GONE);
   EXPECT_EQ(g_fake.unregistered_tag, "v1");
 
   Tavrel_View::install_hooks(Tavrel_View_Hooks());
-  EXPECT_EQ(on_exit.cleanup(), 1001) << "no kernel module interface";
+  EXPECT_EQ(on_exit.cleanup(), TBS_ST_FAILURE) << "no kernel module interface";
 }
 
 TEST_F(ViewTest, ViewRoot) {
   std::unique_ptr<Tavrel_View> v(new_view("tag1"));
-  g_fake.kfsm_root_rc = 1001;
+  g_fake.kfsm_root_rc = TBS_ST_FAILURE;
   EXPECT_EQ(v->get_view_root(), "");
   EXPECT_EQ(v->strip_view_root("/view/tag1/proj"), "/view/tag1/proj");
   EXPECT_FALSE(v->is_view_root("/view/tag1"));

@@ -45,7 +45,7 @@ void Tavrel_KFSM_AbstractOp::process_request() {
     do_request();
     if (m_reply) trace.writeTrace(TRACE_LEVEL_4, "Status in header after do_request = %d", m_reply->status);
   } else if (m_reply) {
-    m_reply->status = 1001;
+    m_reply->status = TBS_ST_FAILURE;
   }
   send_reply();
 }
@@ -96,7 +96,7 @@ Tavrel_KFSM_Unsupported::Tavrel_KFSM_Unsupported(int rpc, XDR* in, XDR* out) : T
 void Tavrel_KFSM_Unsupported::do_request() {
   Tavrel_Trace trace(TAVREL_KFSM, "Tavrel_KFSM_Unsupported", "do_request");
   m_status = TAVREL_ST_FAILURE;
-  m_reply->status = 1007;
+  m_reply->status = TBS_ST_NOT_SUPPORTED;
 }
 
 void Tavrel_KFSM_Unsupported::send_reply() {

@@ -9,6 +9,7 @@
 
 #include "fs/tavrel_kfsm_abstract_op.h"
 #include "proto/kfsm_records.h"
+#include "proto/tavrel_status.h"
 
 namespace {
 
@@ -65,7 +66,7 @@ TEST(KfsmFrame, UnsupportedKeepsTheAgentStatusAndMessage) {
   std::unique_ptr<Tavrel_KFSM_AbstractOp> op(Tavrel_KFSM_AbstractOp::create_kfsm_request_handler(11, &in, &out));
   ASSERT_TRUE(op);
   op->process_request();
-  EXPECT_EQ(op->get_status(), 20027);
+  EXPECT_EQ(op->get_status(), TAVREL_ST_KFSM_DECODE);
   EXPECT_EQ(op->get_message(), "Error parsing KFSM request \"11\".\n");
   EXPECT_EQ(op->get_rpc_status(), KFSM_RPC_UNKNOWN);
 }

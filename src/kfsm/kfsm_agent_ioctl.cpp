@@ -12,7 +12,7 @@ int KFSM_Agent_Ioctl::ask(kfsm_viewroot_type type, uint32_t cmd, uint32_t infole
   int handle = kfsm_view_root_open_sil_type(type, &status, 1);
   if (!handle) {
     trace.writeTrace(TRACE_LEVEL_2, "kfsm_view_root_open_sil_type failed: %d", status);
-    return 1001;
+    return TBS_ST_FAILURE;
   }
   std::vector<char> buf(capacity, '\0');
   kfsm_strbuf info[2] = {{buf.data(), 0, capacity}, {nullptr, 0, 0}};
@@ -27,7 +27,7 @@ int KFSM_Agent_Ioctl::ask(kfsm_viewroot_type type, uint32_t cmd, uint32_t infole
   else if (err != 0) trace.writeTrace(TRACE_LEVEL_2, "kfsm_cmd %u failed: errno %d", cmd, err);
   kfsm_view_root_close_type(1, handle);
   trace.writeTrace(TRACE_LEVEL_3, "Returning %d", status);
-  return err != 0 && status == 0 ? 1001 : status;
+  return err != 0 && status == 0 ? TBS_ST_FAILURE : status;
 }
 
 int KFSM_Agent_Ioctl::get_kfsm_root(kfsm_viewroot_type type, std::string& out) {

@@ -78,7 +78,8 @@ void Kfsm_Peer::serve(Conn* c) {
     if (f.type == KFSM_FRAME_HELLO) {
       uint32_t type = 0, pid = 0;
       std::lock_guard<std::mutex> g(m_mutex);
-      send_locked(c, KFSM_FRAME_HELLO_OK, f.seq, kfsm_status_body(kfsm_parse_hello(f.body, &type, &pid) ? 0 : 1072));
+      const int32_t st = kfsm_parse_hello(f.body, &type, &pid) ? 0 : TBS_ST_BAD_ARG;
+      send_locked(c, KFSM_FRAME_HELLO_OK, f.seq, kfsm_status_body(st));
     } else if (f.type == KFSM_FRAME_MCB || f.type == KFSM_FRAME_CMD) {
       handle_command(c, f);
     } else if (f.type == KFSM_FRAME_LPC_CALL) {
@@ -123,7 +124,7 @@ void Kfsm_Peer::handle_command(Conn* c, const kfsm_frame& f) {
       if (other->waiting && !other->closed) {
         other->waiting = false;
         send_locked(other.get(), KFSM_FRAME_LPC_DELIVER, other->waiting_seq,
-                    kfsm_lpc_deliver_body(KFSM_ST_VIEW_GONE, nullptr, nullptr, 0));
+                    kfsm_lpc_deliver_body(TBS_ST_VIEW_GONE, nullptr, nullptr, 0));
       }
   }
   send_locked(c, f.type + 1, f.seq, kfsm_result_encode(0, cmd, status, out));
@@ -151,7 +152,7 @@ void Kfsm_Peer::handle_lpc(Conn* c, const kfsm_frame& f) {
   bool first = c->first_call;
   c->first_call = false;
   if (m_ended) {
-    send_locked(c, KFSM_FRAME_LPC_DELIVER, f.seq, kfsm_lpc_deliver_body(KFSM_ST_VIEW_GONE, nullptr, nullptr, 0));
+    send_locked(c, KFSM_FRAME_LPC_DELIVER, f.seq, kfsm_lpc_deliver_body(TBS_ST_VIEW_GONE, nullptr, nullptr, 0));
   } else if (first && m_first_status != 0) {
     send_locked(c, KFSM_FRAME_LPC_DELIVER, f.seq, kfsm_lpc_deliver_body(m_first_status, nullptr, nullptr, 0));
   } else {
@@ -275,7 +276,7 @@ void Kfsm_Peer::end_lpc() {
     if (c->waiting && !c->closed) {
       c->waiting = false;
       send_locked(c.get(), KFSM_FRAME_LPC_DELIVER, c->waiting_seq,
-                  kfsm_lpc_deliver_body(KFSM_ST_VIEW_GONE, nullptr, nullptr, 0));
+                  kfsm_lpc_deliver_body(TBS_ST_VIEW_GONE, nullptr, nullptr, 0));
     }
   m_cv.notify_all();
 }

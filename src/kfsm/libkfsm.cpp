@@ -116,9 +116,9 @@ int open_handle(int type, int* err, bool quiet) {
     if (e == 0 && !kfsm_parse_status(answer.body, &s)) e = EPROTO;
     if (e == 0) st = s;
   }
-  // A module that is not there, or does not answer, is "service not available" (1001); a path too long
+  // A module that is not there, or does not answer, is "service not available" (TBS_ST_FAILURE); a path too long
   // for a socket and a socket the caller may not use keep their own statuses.
-  if (e != 0) st = e == ENAMETOOLONG ? 1084 : e == EACCES ? 1063 : 1001;
+  if (e != 0) st = e == ENAMETOOLONG ? TBS_ST_TOO_LONG : e == EACCES ? TBS_ST_NO_PERMISSION : TBS_ST_FAILURE;
   if (st != 0) {
     if (!quiet)
       imsg_print(IMSG_WARN, "Cannot open the module socket %s: %s (status %d)\n", path.c_str(),
@@ -137,7 +137,7 @@ int open_handle(int type, int* err, bool quiet) {
   }
   if (g_handles.size() >= kMaxHandles) {
     close(h->fd);
-    *err = 1062;
+    *err = TBS_ST_NO_ROOM;
     return 0;
   }
   g_handles.push_back(std::move(h));
@@ -263,7 +263,7 @@ void kfsm_cmd(int handle, int* err, int* status, uint32_t cmd, uint32_t flags, k
 int tbs_view_root_type(int type, char* buf, const char* tag) {
   int st = 0;
   int h = kfsm_view_root_open_sil_type(type, &st, 1);
-  if (!h) return 1001;
+  if (!h) return TBS_ST_FAILURE;
   char root[KFSM_ROOT_BUF] = {};
   kfsm_strbuf info[2] = {{root, 0, KFSM_ROOT_BUF}, {nullptr, 0, 0}};
   kfsm_strbuf zero{nullptr, 0, 0};
@@ -277,7 +277,7 @@ int tbs_view_root_type(int type, char* buf, const char* tag) {
   if (path == "/") path.clear();
   path += "/";
   path += tag ? tag : "";
-  if (path.size() >= KFSM_VIEW_ROOT_MAX) return 1084;
+  if (path.size() >= KFSM_VIEW_ROOT_MAX) return TBS_ST_TOO_LONG;
   memcpy(buf, path.c_str(), path.size() + 1);
   return 0;
 }

@@ -98,7 +98,7 @@ int Tavrel_KFSM_Ioctl::register_view() {
   print_mkview(trace, info);
 
   Tavrel_KFSM_Request_Handler* handler = Tavrel_KFSM_Request_Handler::get_instance();
-  if (!handler) return 1062;
+  if (!handler) return TBS_ST_NO_ROOM;
   handler->set_view_tag(tag);
 
   kfsmcmd_block block;
@@ -215,7 +215,7 @@ int Tavrel_KFSM_Ioctl::inval(kfsm_inval_info* info) {
   int st = tbs_view_root_type(1, root, tag.c_str());
   if (st != 0) {
     trace.writeTrace(TRACE_LEVEL_2, "tbs_view_root_type failed: %d", st);
-    return 1011;
+    return TBS_ST_NO_VIEW;
   }
   trace.writeTrace(TRACE_LEVEL_4, "invalidate kind %u in %s", info->kind, root);
   kfsmcmd_block block;

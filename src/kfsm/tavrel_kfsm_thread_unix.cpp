@@ -47,7 +47,7 @@ int Tavrel_KFSM_Thread_Unix::execute() {
     if (status != 0) {
       m_result = tbs_status2errno(status);
       trace.writeTrace(TRACE_LEVEL_2, "KFSM_CMD_LPC_MESSAGE stat=%d (%s)", status, tbs_strerror(status));
-      if (status == KFSM_ST_VIEW_GONE) {
+      if (status == TBS_ST_VIEW_GONE) {
         trace.writeTrace(TRACE_LEVEL_3, "End loop");
         break;
       }

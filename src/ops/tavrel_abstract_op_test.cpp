@@ -122,41 +122,41 @@ TEST(OperationFramework, ErrorReplies) {
   const std::string first = "<Echo version=\"1\" tx-id=\"x\"/>";
   const Row rows[] = {
       // Not well formed, empty, or refused by the parser: text search for the tx-id, always 20020.
-      {"Empty", through_factory(""), "XMLError", "", 20020, kParseError, 20021},
-      {"NotXml", through_factory("not xml at all"), "XMLError", "", 20020, kParseError, 20021},
-      {"Unclosed", through_factory("<Probe version=\"1\" tx-id=\"t-1\">"), "XMLError", "t-1", 20020, kParseError,
-       20021},
-      {"Dtd", through_factory("<!DOCTYPE Probe><Probe version=\"1\" tx-id=\"t-2\"/>"), "XMLError", "t-2", 20020,
-       kParseError, 20021},
+      {"Empty", through_factory(""), "XMLError", "", TAVREL_ST_UNRECOGNIZED, kParseError, TAVREL_ST_MALFORMED},
+      {"NotXml", through_factory("not xml at all"), "XMLError", "", TAVREL_ST_UNRECOGNIZED, kParseError, TAVREL_ST_MALFORMED},
+      {"Unclosed", through_factory("<Probe version=\"1\" tx-id=\"t-1\">"), "XMLError", "t-1", TAVREL_ST_UNRECOGNIZED, kParseError,
+       TAVREL_ST_MALFORMED},
+      {"Dtd", through_factory("<!DOCTYPE Probe><Probe version=\"1\" tx-id=\"t-2\"/>"), "XMLError", "t-2", TAVREL_ST_UNRECOGNIZED,
+       kParseError, TAVREL_ST_MALFORMED},
       // Well formed, unknown root: the root's tx-id, 20020 even without one.
-      {"UnknownRoot", through_factory("<Bogus version=\"1\" tx-id=\"t-3\"/>"), "XMLError", "t-3", 20020,
+      {"UnknownRoot", through_factory("<Bogus version=\"1\" tx-id=\"t-3\"/>"), "XMLError", "t-3", TAVREL_ST_UNRECOGNIZED,
        kUnrecognized, 0},
-      {"UnknownRootNoTxid", through_factory("<Bogus version=\"1\"/>"), "XMLError", "", 20020, kUnrecognized, 20021},
-      {"RootCaseDiffers", through_factory("<probe version=\"1\" tx-id=\"t-4\"/>"), "XMLError", "t-4", 20020,
+      {"UnknownRootNoTxid", through_factory("<Bogus version=\"1\"/>"), "XMLError", "", TAVREL_ST_UNRECOGNIZED, kUnrecognized, TAVREL_ST_MALFORMED},
+      {"RootCaseDiffers", through_factory("<probe version=\"1\" tx-id=\"t-4\"/>"), "XMLError", "t-4", TAVREL_ST_UNRECOGNIZED,
        kUnrecognized, 0},
       // A character the native character set (here ASCII) cannot hold.
       {"Unconvertible", through_factory("<Probe version=\"1\" tx-id=\"t-5\"><path>caf\xc3\xa9</path></Probe>"),
-       "XMLError", "t-5", 20057, kParseError, 20057},
+       "XMLError", "t-5", TAVREL_ST_ENCODING, kParseError, TAVREL_ST_ENCODING},
       // Known root, bad envelope: own root, tx-id as given.
-      {"NoVersion", through_factory("<Probe tx-id=\"t-6\"/>"), "Probe", "t-6", 20021, kParseError, 20021},
-      {"EmptyVersion", through_factory("<Probe version=\"\" tx-id=\"t-6\"/>"), "Probe", "t-6", 20021, kParseError,
-       20021},
-      {"NoTxid", through_factory("<Probe version=\"1\"/>"), "Probe", "", 20021, kParseError, 20021},
-      {"VersionTooHigh", through_factory("<Probe version=\"50\" tx-id=\"t-7\"/>"), "Probe", "t-7", 20024,
-       kParseError, 20024},
+      {"NoVersion", through_factory("<Probe tx-id=\"t-6\"/>"), "Probe", "t-6", TAVREL_ST_MALFORMED, kParseError, TAVREL_ST_MALFORMED},
+      {"EmptyVersion", through_factory("<Probe version=\"\" tx-id=\"t-6\"/>"), "Probe", "t-6", TAVREL_ST_MALFORMED, kParseError,
+       TAVREL_ST_MALFORMED},
+      {"NoTxid", through_factory("<Probe version=\"1\"/>"), "Probe", "", TAVREL_ST_MALFORMED, kParseError, TAVREL_ST_MALFORMED},
+      {"VersionTooHigh", through_factory("<Probe version=\"50\" tx-id=\"t-7\"/>"), "Probe", "t-7", TAVREL_ST_VERSION,
+       kParseError, TAVREL_ST_VERSION},
       {"NoTxidFirstRequest", through_factory("<ProbeFirst version=\"1\"/>"), "ProbeFirst", "", 0, "", 0},
       // First request for which no operation could be built: no tx-id, the request as message.
       {"FirstRequestRefused",
        [first](int* op_status) {
          std::string reply;
-         Tavrel_AbstractOp::get_error_response(20020, first, reply);
-         *op_status = 20020;
+         Tavrel_AbstractOp::get_error_response(TAVREL_ST_UNRECOGNIZED, first, reply);
+         *op_status = TAVREL_ST_UNRECOGNIZED;
          return reply;
        },
-       "Unknown", nullptr, 20020, first, 20020},
+       "Unknown", nullptr, TAVREL_ST_UNRECOGNIZED, first, TAVREL_ST_UNRECOGNIZED},
       // Cancelled because the view is ending: own root (or ShutdownInProgress), the tx-id, message 73.
-      {"Cancelled", cancelled("<Probe version=\"1\" tx-id=\"t-8\"/>"), "Probe", "t-8", 20026, kShuttingDown, 0},
-      {"CancelledUnparsable", cancelled("<Probe tx-id=\"t-9\""), "XMLError", "t-9", 20026, kShuttingDown, 0},
+      {"Cancelled", cancelled("<Probe version=\"1\" tx-id=\"t-8\"/>"), "Probe", "t-8", TAVREL_ST_VIEW_ENDING, kShuttingDown, 0},
+      {"CancelledUnparsable", cancelled("<Probe tx-id=\"t-9\""), "XMLError", "t-9", TAVREL_ST_VIEW_ENDING, kShuttingDown, 0},
       {"CancelledNoOperation",
        [](int* op_status) {
          std::string reply;
@@ -164,7 +164,7 @@ TEST(OperationFramework, ErrorReplies) {
          *op_status = 0;
          return reply;
        },
-       "ShutdownInProgress", nullptr, 20026, kShuttingDown, 0},
+       "ShutdownInProgress", nullptr, TAVREL_ST_VIEW_ENDING, kShuttingDown, 0},
   };
   for (const Row& row : rows) {
     SCOPED_TRACE(row.name);
@@ -222,15 +222,15 @@ TEST(OperationFramework, VersionCheckKeepsItsHistoricForm) {
       {"Probe", "0", 0, std::string(1, '\0')},
       {"Probe", "2", 0, std::string(1, '\x02')},  // reads as 0: passes against "1"
       {"Probe", "49", 0, "1"},                    // '1' is not above "1"
-      {"Probe", "50", 20024, "2"},
-      {"Probe", "57", 20024, "9"},
+      {"Probe", "50", TAVREL_ST_VERSION, "2"},
+      {"Probe", "57", TAVREL_ST_VERSION, "9"},
       {"Probe", "58", 0, ":"},
-      {"Probe", "306", 20024, "2"},  // 306 = 256 + 50
+      {"Probe", "306", TAVREL_ST_VERSION, "2"},  // 306 = 256 + 50
       {"Probe", "-1", 0, std::string(1, '\xff')},
       {"Probe", "abc", 0, std::string(1, '\0')},
       {"Probe", "99999999999999999999999", 0, std::string(1, '\xff')},  // saturates, never overflows
       {"ProbeTwo", "50", 0, "2"},
-      {"ProbeTwo", "51", 20024, "3"},
+      {"ProbeTwo", "51", TAVREL_ST_VERSION, "3"},
   };
   for (auto& c : cases) {
     int status = -1;
@@ -289,10 +289,10 @@ TEST(OperationFramework, ParsePath) {
   EXPECT_EQ(op->parse_path(op->root(), out, false), 0);  // empty and optional
   EXPECT_EQ(out, "");
   EXPECT_EQ(op->get_status(), 0);
-  EXPECT_EQ(op->parse_path(op->root(), out, true), 20021);  // none left
-  EXPECT_EQ(op->get_status(), 20021);
+  EXPECT_EQ(op->parse_path(op->root(), out, true), TAVREL_ST_MALFORMED);  // none left
+  EXPECT_EQ(op->get_status(), TAVREL_ST_MALFORMED);
   EXPECT_EQ(op->get_status_message(), "\"path\" not found in XML request.\n");
-  EXPECT_EQ(op->parse_path(nullptr, out, true), 20021);
+  EXPECT_EQ(op->parse_path(nullptr, out, true), TAVREL_ST_MALFORMED);
   // Leaf values are taken raw.
   op = probe_of("<r><path> /a b \n</path></r>");
   EXPECT_EQ(op->parse_path(op->root(), out, true), 0);
@@ -307,12 +307,12 @@ TEST(OperationFramework, ParseSubList) {
     std::vector<std::string> items;
   } cases[] = {
       {"<r/>", false, 0, {}},
-      {"<r/>", true, 20021, {}},
+      {"<r/>", true, TAVREL_ST_MALFORMED, {}},
       {"<r><new-leaves/></r>", true, 0, {}},
       {"<r><new-leaves><leaf>a</leaf><leaf>b c</leaf></new-leaves></r>", true, 0, {"a", "b c"}},
-      {"<r><new-leaves><leaf>a</leaf><path>b</path></new-leaves></r>", false, 20021, {"a"}},
-      {"<r><new-leaves><leaf>a</leaf><leaf/></new-leaves></r>", false, 20021, {"a"}},
-      {"<r><NEW-LEAVES><leaf>a</leaf></NEW-LEAVES></r>", true, 20021, {}},
+      {"<r><new-leaves><leaf>a</leaf><path>b</path></new-leaves></r>", false, TAVREL_ST_MALFORMED, {"a"}},
+      {"<r><new-leaves><leaf>a</leaf><leaf/></new-leaves></r>", false, TAVREL_ST_MALFORMED, {"a"}},
+      {"<r><NEW-LEAVES><leaf>a</leaf></NEW-LEAVES></r>", true, TAVREL_ST_MALFORMED, {}},
   };
   for (auto& c : cases) {
     auto op = probe_of(c.xml);
@@ -341,31 +341,31 @@ TEST(OperationFramework, ParseNamespaceModified) {
     std::vector<std::string> removed, added, rules;
   } cases[] = {
       {"AbsentOptional", "", "/d", {false, false, true, true, true}, 0, "", "/d", {}, {}, {}},
-      {"AbsentRequired", "", "/d", {false, true, true, true, true}, 20021, kParseError, "/d", {}, {}, {}},
+      {"AbsentRequired", "", "/d", {false, true, true, true, true}, TAVREL_ST_MALFORMED, kParseError, "/d", {}, {}, {}},
       {"PathFromBlock", full, "", {true, true, true, true, true}, 0, "", "/d", {"x"}, {"y", "z"}, {"/d/x"}},
-      {"PathFromBlockMissing", "<namespace-modified/>", "", {true, true, true, true, true}, 20021,
+      {"PathFromBlockMissing", "<namespace-modified/>", "", {true, true, true, true, true}, TAVREL_ST_MALFORMED,
        "\"path\" not found in XML request.\n", "", {}, {}, {}},
       {"PathMatches", full, "/d", {false, true, true, true, true}, 0, "", "/d", {"x"}, {"y", "z"}, {"/d/x"}},
-      {"PathMismatch", full, "/e", {false, true, true, true, true}, 20021, kParseError, "/e", {}, {}, {}},
+      {"PathMismatch", full, "/e", {false, true, true, true, true}, TAVREL_ST_MALFORMED, kParseError, "/e", {}, {}, {}},
       {"EmptyBlockPathAgainstEmpty", "<namespace-modified><new-leaves><leaf>n</leaf></new-leaves></namespace-modified>",
        "", {false, true, false, true, false}, 0, "", "", {}, {"n"}, {}},
-      {"RemovedLeavesNotAllowed", full, "/d", {false, true, false, true, true}, 20021, kParseError, "/d", {"x"},
+      {"RemovedLeavesNotAllowed", full, "/d", {false, true, false, true, true}, TAVREL_ST_MALFORMED, kParseError, "/d", {"x"},
        {"y", "z"}, {"/d/x"}},
-      {"NewLeavesNotAllowed", full, "/d", {false, true, true, false, true}, 20021, kParseError, "/d", {"x"},
+      {"NewLeavesNotAllowed", full, "/d", {false, true, true, false, true}, TAVREL_ST_MALFORMED, kParseError, "/d", {"x"},
        {"y", "z"}, {"/d/x"}},
-      {"LoadRulesNotAllowed", full, "/d", {false, true, true, true, false}, 20021, kParseError, "/d", {"x"},
+      {"LoadRulesNotAllowed", full, "/d", {false, true, true, true, false}, TAVREL_ST_MALFORMED, kParseError, "/d", {"x"},
        {"y", "z"}, {"/d/x"}},
       {"EmptyListsAlwaysAllowed",
        "<namespace-modified><path>/d</path><removed-leaves/><new-leaves/></namespace-modified>", "/d",
        {false, true, false, false, false}, 0, "", "/d", {}, {}, {}},
       {"SeparatorInRemovedLeaf",
        "<namespace-modified><path>/d</path><removed-leaves><leaf>a/b</leaf></removed-leaves></namespace-modified>",
-       "/d", {false, true, true, true, true}, 20021, kParseError, "/d", {"a/b"}, {}, {}},
+       "/d", {false, true, true, true, true}, TAVREL_ST_MALFORMED, kParseError, "/d", {"a/b"}, {}, {}},
       {"SeparatorInNewLeaf",
        "<namespace-modified><path>/d</path><new-leaves><leaf>/</leaf></new-leaves></namespace-modified>", "/d",
-       {false, true, true, true, true}, 20021, kParseError, "/d", {}, {"/"}, {}},
+       {false, true, true, true, true}, TAVREL_ST_MALFORMED, kParseError, "/d", {}, {"/"}, {}},
       {"EmptyItem", "<namespace-modified><path>/d</path><new-leaves><leaf/></new-leaves></namespace-modified>",
-       "/d", {false, true, true, true, true}, 20021, kParseError, "/d", {}, {}, {}},
+       "/d", {false, true, true, true, true}, TAVREL_ST_MALFORMED, kParseError, "/d", {}, {}, {}},
   };
   for (auto& c : cases) {
     SCOPED_TRACE(c.name);
@@ -389,7 +389,7 @@ Tavrel_View* g_test_view = nullptr;
 TEST(OperationFramework, GetViewAndDividePath) {
   auto op = probe_of("<r/>");
   Tavrel_AbstractOp::set_view_source(nullptr);
-  EXPECT_EQ(op->get_view(), 20019);
+  EXPECT_EQ(op->get_view(), TAVREL_ST_NO_VIEW_INFO);
   EXPECT_EQ(op->get_status_message(), "View information not found.");
 
   Tavrel_View_Hooks saved = Tavrel_View::get_hooks();
@@ -406,7 +406,7 @@ TEST(OperationFramework, GetViewAndDividePath) {
   {
     auto p = probe_of("<r/>");
     p->path() = "/d/f";
-    EXPECT_EQ(p->divide_path(), 20019);
+    EXPECT_EQ(p->divide_path(), TAVREL_ST_NO_VIEW_INFO);
     EXPECT_EQ(p->get_status_message(), "View information not found.");
   }
   Tavrel_View::install_hooks(hooks);
@@ -421,8 +421,8 @@ TEST(OperationFramework, GetViewAndDividePath) {
       {"/f", 0, "f", "/", "/kfsm/tag", "/kfsm/tag/f"},
       {"f", 0, "f", "", "/kfsm/tag", "/kfsm/tag/f"},
       {"d/f", 0, "f", "d", "/kfsm/tag/d", "/kfsm/tag/d/f"},
-      {"/d/", 20001, "", "", "", ""},
-      {"", 20001, "", "", "", ""},
+      {"/d/", TAVREL_ST_FAILURE, "", "", "", ""},
+      {"", TAVREL_ST_FAILURE, "", "", "", ""},
   };
   for (auto& c : cases) {
     auto p = probe_of("<r/>");
@@ -464,10 +464,10 @@ TEST(OperationFramework, ResponseEnvelope) {
     std::string read_back;  // the status message as a client reads it
   } cases[] = {
       {"Op", 0, "", "Op", ""},
-      {"Op", 20001, "a < b & \"c\" > d\nline two\n", "Op", "a < b & \"c\" > d\nline two\n"},
-      {"Op", 20001, "bell\x07 and \xff byte", "Op", "bell\xef\xbf\xbd and \xef\xbf\xbd byte"},
+      {"Op", TAVREL_ST_FAILURE, "a < b & \"c\" > d\nline two\n", "Op", "a < b & \"c\" > d\nline two\n"},
+      {"Op", TAVREL_ST_FAILURE, "bell\x07 and \xff byte", "Op", "bell\xef\xbf\xbd and \xef\xbf\xbd byte"},
       // A name the document library refuses: the envelope still goes out, as text.
-      {"bad name", 20031, "m", "XMLError", "m"},
+      {"bad name", TAVREL_ST_INTERNAL, "m", "XMLError", "m"},
   };
   for (auto& c : cases) {
     NamedOp op(c.name, c.status, c.message);
@@ -501,7 +501,7 @@ TEST(OperationFramework, TextEnvelopeIsAlwaysWellFormed) {
   };
   for (auto& c : cases) {
     std::string text;
-    Tavrel_AbstractOp::get_error_response(20020, c.in, text);
+    Tavrel_AbstractOp::get_error_response(TAVREL_ST_UNRECOGNIZED, c.in, text);
     Reply r = read_reply(text);
     ASSERT_TRUE(r.parsed) << text;
     EXPECT_EQ(r.message, c.read_back) << text;

@@ -259,19 +259,19 @@ TEST(HostileRequests, EachGetsItsExactReplyAndNothingIsRead) {
     EXPECT_TRUE(r.attr("tx-id") == c.txid) << r.attr("tx-id").substr(0, 80);
     switch (c.answer) {
       case Answer::kUnparsable:
-        EXPECT_EQ(r.status(), 20020);
+        EXPECT_EQ(r.status(), TAVREL_ST_UNRECOGNIZED);
         EXPECT_EQ(r.message, kParseError);
-        EXPECT_EQ(op_status, 20021);
+        EXPECT_EQ(op_status, TAVREL_ST_MALFORMED);
         break;
       case Answer::kUnrecognised:
-        EXPECT_EQ(r.status(), 20020);
+        EXPECT_EQ(r.status(), TAVREL_ST_UNRECOGNIZED);
         EXPECT_EQ(r.message, kUnrecognized);
         EXPECT_EQ(op_status, 0);
         break;
       case Answer::kEncoding:
-        EXPECT_EQ(r.status(), 20057);
+        EXPECT_EQ(r.status(), TAVREL_ST_ENCODING);
         EXPECT_EQ(r.message, kParseError);
-        EXPECT_EQ(op_status, 20057);
+        EXPECT_EQ(op_status, TAVREL_ST_ENCODING);
         break;
     }
     EXPECT_TRUE(r.other_children.empty());

@@ -212,7 +212,7 @@ TEST_F(MountOps, MountQueryAndUnmountKeepModuleTableAndFileInStep) {
 
   // Asking for the state it is in already: 20032, and the module is not asked.
   Reply again = mount("/proj");
-  EXPECT_EQ(again.status(), 20032);
+  EXPECT_EQ(again.status(), TAVREL_ST_MOUNT_CONFLICT);
   EXPECT_EQ(again.message, "/proj is already mounted.\n");
   EXPECT_EQ(commands_of(KFSM_CMD_MOUNT).size(), 2u);
 
@@ -230,7 +230,7 @@ TEST_F(MountOps, MountQueryAndUnmountKeepModuleTableAndFileInStep) {
   EXPECT_EQ(ask("IsSiloPublic", "/proj"), "false") << "unmounted: no longer known";
 
   Reply u2 = run("<MountSilo version=\"1\" tx-id=\"m\"><silo-tag>/proj</silo-tag></MountSilo>");
-  EXPECT_EQ(u2.status(), 20032);
+  EXPECT_EQ(u2.status(), TAVREL_ST_MOUNT_CONFLICT);
   EXPECT_EQ(u2.message, "/proj is not currently mounted.\n");
   ASSERT_EQ(mount("/other", "false").status(), 0);
   EXPECT_EQ(listed(), std::vector<std::string>{});
@@ -247,11 +247,11 @@ TEST_F(MountOps, ModuleAnswersDecideTheOutcomeAndAFailureLeavesTheTable) {
     bool mounted_after;
     const char* message;
   } cases[] = {
-      {"module had it mounted", false, KFSM_CMD_MOUNT, 1067, 0, true, ""},
-      {"module refuses the mount", false, KFSM_CMD_MOUNT, 1001, 20037, false, "Failed to mount SILO /proj.\n"},
-      {"module did not have it", true, KFSM_CMD_UMOUNT, 1072, 0, false, ""},
-      {"busy", true, KFSM_CMD_UMOUNT, 1088, 20037, true, "Unable to unmount SILO /proj: Device or resource busy\n"},
-      {"module refuses the unmount", true, KFSM_CMD_UMOUNT, 1001, 20037, true,
+      {"module had it mounted", false, KFSM_CMD_MOUNT, TBS_ST_EXISTS, 0, true, ""},
+      {"module refuses the mount", false, KFSM_CMD_MOUNT, TBS_ST_FAILURE, TAVREL_ST_KERNEL_MOUNT, false, "Failed to mount SILO /proj.\n"},
+      {"module did not have it", true, KFSM_CMD_UMOUNT, TBS_ST_BAD_ARG, 0, false, ""},
+      {"busy", true, KFSM_CMD_UMOUNT, TBS_ST_BUSY, TAVREL_ST_KERNEL_MOUNT, true, "Unable to unmount SILO /proj: Device or resource busy\n"},
+      {"module refuses the unmount", true, KFSM_CMD_UMOUNT, TBS_ST_FAILURE, TAVREL_ST_KERNEL_MOUNT, true,
        "Unable to unmount SILO /proj: Input/output error\n"},
   };
   for (const auto& c : cases) {
@@ -280,11 +280,11 @@ TEST_F(MountOps, WithoutSiloInformationNothingIsMounted) {
   // Offline the server is not asked at all; an unknown tag is refused by the server.
   Tavrel_Server::set_online(false);
   Reply off = mount("/proj");
-  EXPECT_EQ(off.status(), 20035);
+  EXPECT_EQ(off.status(), TAVREL_ST_SILO_INFO);
   EXPECT_EQ(off.message, "Failed to mount SILO /proj.\n");
   Tavrel_Server::set_online(true);
   Reply unknown = mount("/nosuch");
-  EXPECT_EQ(unknown.status(), 20035);
+  EXPECT_EQ(unknown.status(), TAVREL_ST_SILO_INFO);
   EXPECT_NE(unknown.message.find("Failed to mount SILO /nosuch.\n"), std::string::npos) << unknown.message;
   EXPECT_TRUE(commands_of(KFSM_CMD_MOUNT).empty());
   EXPECT_EQ(listed(), std::vector<std::string>{});
@@ -297,7 +297,7 @@ TEST_F(MountOps, TableEntriesTheModuleCannotUseOrTheFileCannotKeep) {
   bad.silo_tag = "/proj";
   bad.mount_state = 1;
   ASSERT_EQ(Tavrel_Config::get_instance()->set_mount_state(bad), 0);
-  EXPECT_EQ(mount("/proj", "false").status(), 20036);
+  EXPECT_EQ(mount("/proj", "false").status(), TAVREL_ST_SILO_NOT_IN_TABLE);
   EXPECT_TRUE(commands_of(KFSM_CMD_UMOUNT).empty());
   Tavrel_Config::clear_mount_tables_for_test();
 
@@ -305,7 +305,7 @@ TEST_F(MountOps, TableEntriesTheModuleCannotUseOrTheFileCannotKeep) {
   // have the SILO, the answer says 20043.
   ASSERT_EQ(unlink((storage + "/.mounted_silos").c_str()), 0);
   ASSERT_EQ(mkdir((storage + "/.mounted_silos").c_str(), 0700), 0);
-  EXPECT_EQ(mount("/proj").status(), 20043);
+  EXPECT_EQ(mount("/proj").status(), TAVREL_ST_MOUNTED_FILE);
   EXPECT_EQ(commands_of(KFSM_CMD_MOUNT).size(), 1u);
   EXPECT_EQ(ask("IsSiloMounted", "/proj"), "true");
 
@@ -313,7 +313,7 @@ TEST_F(MountOps, TableEntriesTheModuleCannotUseOrTheFileCannotKeep) {
   Tavrel_Config::clear_mount_tables_for_test();
   g_test_view = nullptr;
   Reply nv = mount("/other");
-  EXPECT_EQ(nv.status(), 20019);
+  EXPECT_EQ(nv.status(), TAVREL_ST_NO_VIEW_INFO);
   EXPECT_EQ(commands_of(KFSM_CMD_MOUNT).size(), 1u);
 }
 
@@ -326,14 +326,14 @@ TEST_F(MountOps, RequestsWithoutAUsableTagAreRefused) {
       std::string text;
       Reply r = run(std::string("<") + op + " version=\"1\" tx-id=\"t\">" + body + "</" + op + ">", &text);
       EXPECT_EQ(r.root, op);
-      EXPECT_EQ(r.status(), 20021) << op << " " << body;
+      EXPECT_EQ(r.status(), TAVREL_ST_MALFORMED) << op << " " << body;
       EXPECT_EQ(r.message, "Parse error in \"" + storage + "\".\n") << op << " " << body;
       EXPECT_TRUE(answer_children(text).empty()) << op << " " << body;
     }
     Reply no_txid = run(std::string("<") + op + " version=\"1\"><silo-tag>/proj</silo-tag></" + op + ">");
-    EXPECT_EQ(no_txid.status(), 20021) << op;
+    EXPECT_EQ(no_txid.status(), TAVREL_ST_MALFORMED) << op;
   }
-  EXPECT_EQ(run("<GetMountedSiloList version=\"1\"/>").status(), 20021);
+  EXPECT_EQ(run("<GetMountedSiloList version=\"1\"/>").status(), TAVREL_ST_MALFORMED);
   EXPECT_TRUE(peer->commands().empty());
 }
 
@@ -358,8 +358,8 @@ TEST_F(MountOps, RemountMountsWhatTheFileListsAndGoesOnPastFailures) {
 
   // A SILO the module refuses stays out of the table; the others are mounted all the same.
   Tavrel_Config::clear_mount_tables_for_test();
-  peer->push_status(KFSM_CMD_MOUNT, 1001);
-  EXPECT_EQ(Tavrel_Config::get_instance()->remount_silos(), 20045);
+  peer->push_status(KFSM_CMD_MOUNT, TBS_ST_FAILURE);
+  EXPECT_EQ(Tavrel_Config::get_instance()->remount_silos(), TAVREL_ST_REMOUNT);
   EXPECT_EQ(commands_of(KFSM_CMD_MOUNT).size(), 4u);
   EXPECT_EQ(listed(), std::vector<std::string>{"silo-tag=/proj"});
   EXPECT_EQ(mounted_file(), line_of(proj)) << "the file follows what the module mounted";
@@ -370,9 +370,9 @@ TEST_F(MountOps, EndOfViewUnmountsInTheModuleAndKeepsTheTable) {
   ASSERT_EQ(mount("/other").status(), 0);
   const std::string file = mounted_file();
   // /other (first in tag order) is busy once, then lets go; /proj was gone from the module already.
-  peer->push_status(KFSM_CMD_UMOUNT, 1088);
+  peer->push_status(KFSM_CMD_UMOUNT, TBS_ST_BUSY);
   peer->push_status(KFSM_CMD_UMOUNT, 0);
-  peer->push_status(KFSM_CMD_UMOUNT, 1072);
+  peer->push_status(KFSM_CMD_UMOUNT, TBS_ST_BAD_ARG);
   {
     Tavrel_Endview end(storage, false);
     EXPECT_EQ(end.unmount_silos(), 0);
@@ -394,8 +394,8 @@ TEST_F(MountOps, EndOfViewUnmountsInTheModuleAndKeepsTheTable) {
   // /other busy twice: reported, /proj is still unmounted, and then mounted again since the view
   // stays up.
   const size_t mounts_before = commands_of(KFSM_CMD_MOUNT).size();
-  peer->push_status(KFSM_CMD_UMOUNT, 1088);
-  peer->push_status(KFSM_CMD_UMOUNT, 1088);
+  peer->push_status(KFSM_CMD_UMOUNT, TBS_ST_BUSY);
+  peer->push_status(KFSM_CMD_UMOUNT, TBS_ST_BUSY);
   {
     Tavrel_Endview end(storage, false);
     EXPECT_NE(end.unmount_silos(), 0);
@@ -414,7 +414,7 @@ TEST_F(MountOps, EndOfViewUnmountsInTheModuleAndKeepsTheTable) {
   // Without a view nothing is tried.
   Tavrel_AbstractOp::set_view_source(nullptr);
   Tavrel_Endview none(storage, false);
-  EXPECT_EQ(none.unmount_silos(), 20019);
+  EXPECT_EQ(none.unmount_silos(), TAVREL_ST_NO_VIEW_INFO);
   EXPECT_EQ(commands_of(KFSM_CMD_UMOUNT).size(), 6u);
 }
 
@@ -423,7 +423,7 @@ TEST_F(MountOps, ProcessSiloServesCallersWithoutARequest) {
   EXPECT_EQ(up.process_silo(), 0);
   EXPECT_EQ(up.get_status(), 0);
   Tavrel_Mountsilo again(storage, "/proj", true);
-  EXPECT_EQ(again.process_silo(), 20032);
+  EXPECT_EQ(again.process_silo(), TAVREL_ST_MOUNT_CONFLICT);
   EXPECT_EQ(again.get_status_message(), "/proj is already mounted.\n");
   Tavrel_Mountsilo down(storage, "/proj", false);
   EXPECT_EQ(down.process_silo(), 0);

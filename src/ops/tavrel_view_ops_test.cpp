@@ -70,17 +70,17 @@ TEST_F(ViewOps, MkViewRefusesAnIncompleteRequestAndMakesNothing) {
     int status;
     std::string message;
   } cases[] = {
-      {"view-uuid", kOffline, 20021, "View uuid not found for"},
-      {"view-type", kOffline, 20021, "View type not found for"},
-      {"cltxt-cache-dir", kOffline, 20021, "Cleartext cache directory not found for"},
-      {"server-tag", kOffline, 20021, "Server view tag not found for"},
-      {"text-mode", kOffline, 20021, "Interop textmode not found for"},
-      {"", "", 20022, "Server information is incomplete or invalid for"},
-      {"", "<server online=\"maybe\"/>", 20022, "Server information is incomplete or invalid for"},
+      {"view-uuid", kOffline, TAVREL_ST_MALFORMED, "View uuid not found for"},
+      {"view-type", kOffline, TAVREL_ST_MALFORMED, "View type not found for"},
+      {"cltxt-cache-dir", kOffline, TAVREL_ST_MALFORMED, "Cleartext cache directory not found for"},
+      {"server-tag", kOffline, TAVREL_ST_MALFORMED, "Server view tag not found for"},
+      {"text-mode", kOffline, TAVREL_ST_MALFORMED, "Interop textmode not found for"},
+      {"", "", TAVREL_ST_SERVER_INFO, "Server information is incomplete or invalid for"},
+      {"", "<server online=\"maybe\"/>", TAVREL_ST_SERVER_INFO, "Server information is incomplete or invalid for"},
       // Online, the URL, user and password must all be there; a proxy host needs its port.
-      {"", "<server><server-url>http://h/</server-url><username>u</username></server>", 20022, "incomplete"},
+      {"", "<server><server-url>http://h/</server-url><username>u</username></server>", TAVREL_ST_SERVER_INFO, "incomplete"},
       {"", "<server><server-url>http://h/</server-url><username>u</username><password>p</password>"
-           "<f-proxy-host>px</f-proxy-host></server>", 20022, "incomplete"},
+           "<f-proxy-host>px</f-proxy-host></server>", TAVREL_ST_SERVER_INFO, "incomplete"},
   };
   for (const auto& c : cases) {
     Tavrel_Server::set_online(true);
@@ -107,7 +107,7 @@ TEST_F(ViewOps, MkViewOfflineMakesTheViewAndASecondOneFindsItThere) {
   EXPECT_FALSE(fileutl_exists(storage + "/.config_spec")) << "offline: no rules fetched";
   // The first operation is gone with its view, and the lock with it; the storage stays.
   Reply again = run("<MkView version=\"1\" tx-id=\"t9\">" + mkview("", kOffline).substr(19));
-  EXPECT_EQ(again.status(), 20018);
+  EXPECT_EQ(again.status(), TAVREL_ST_STORAGE_EXISTS);
   EXPECT_EQ(again.attr("tx-id"), "t9");
   EXPECT_EQ(again.message, "View at \"" + storage + "\" exists.\n");
   EXPECT_TRUE(fileutl_exists(storage + "/.tavrel"));
@@ -116,7 +116,7 @@ TEST_F(ViewOps, MkViewOfflineMakesTheViewAndASecondOneFindsItThere) {
 TEST_F(ViewOps, StartViewAndConnectRefusals) {
   // No storage: 20023 before anything is parsed.
   Reply r = run("<StartView version=\"1\">" + kOffline + "</StartView>");
-  EXPECT_EQ(r.status(), 20023);
+  EXPECT_EQ(r.status(), TAVREL_ST_NO_STORAGE);
   ASSERT_EQ(run(mkview("", kOffline)).status(), 0);
   struct Case {
     std::string request;
@@ -125,13 +125,13 @@ TEST_F(ViewOps, StartViewAndConnectRefusals) {
     std::string message;
   } cases[] = {
       // The server element's own refusal stands, with the parse message.
-      {"<StartView version=\"1\"/>", "StartView", 20022, "Parse error in"},
-      {"<StartView version=\"1\"><server online=\"yes\"/></StartView>", "StartView", 20022, "Parse error in"},
-      {"<StartView>" + kOffline + "</StartView>", "StartView", 20021, "Parse error in"},
-      {"<Connect version=\"1\" tx-id=\"c1\"/>", "Connect", 20022, "Server information is incomplete"},
-      {"<Connect version=\"1\"><server/></Connect>", "Connect", 20021, "Parse error in"},
-      {"<Disconnect version=\"1\"/>", "Disconnect", 20021, "Parse error in"},
-      {"<IsUpdateInProgress version=\"1\"/>", "IsUpdateInProgress", 20021, "Parse error in"},
+      {"<StartView version=\"1\"/>", "StartView", TAVREL_ST_SERVER_INFO, "Parse error in"},
+      {"<StartView version=\"1\"><server online=\"yes\"/></StartView>", "StartView", TAVREL_ST_SERVER_INFO, "Parse error in"},
+      {"<StartView>" + kOffline + "</StartView>", "StartView", TAVREL_ST_MALFORMED, "Parse error in"},
+      {"<Connect version=\"1\" tx-id=\"c1\"/>", "Connect", TAVREL_ST_SERVER_INFO, "Server information is incomplete"},
+      {"<Connect version=\"1\"><server/></Connect>", "Connect", TAVREL_ST_MALFORMED, "Parse error in"},
+      {"<Disconnect version=\"1\"/>", "Disconnect", TAVREL_ST_MALFORMED, "Parse error in"},
+      {"<IsUpdateInProgress version=\"1\"/>", "IsUpdateInProgress", TAVREL_ST_MALFORMED, "Parse error in"},
   };
   for (const auto& c : cases) {
     Reply x = run(c.request);
@@ -151,7 +151,7 @@ TEST_F(ViewOps, RuleFilesAreKeptWholeAndReadTrimmedWithCrLf) {
   fileutl_mkpath(root + "/s", 0700);
   Tavrel_ConfigSpec cs(root + "/s");
   std::string out = "stale";
-  EXPECT_EQ(cs.get_cached_elem_rules(out), 20002);
+  EXPECT_EQ(cs.get_cached_elem_rules(out), TAVREL_ST_NOT_FOUND);
   EXPECT_EQ(out, "");
   const std::string rules = "  element * LATEST \n\nelement /proj/... /main/3\r\n";
   ASSERT_EQ(cs.save_elem_rules(rules), 0);
@@ -169,9 +169,9 @@ TEST_F(ViewOps, RuleFilesAreKeptWholeAndReadTrimmedWithCrLf) {
   // A FIFO in place of the file is not read (and does not block); a missing directory cannot be written.
   ASSERT_EQ(unlink((root + "/s/.config_spec_tkm").c_str()), 0);
   ASSERT_EQ(mkfifo((root + "/s/.config_spec_tkm").c_str(), 0600), 0);
-  EXPECT_EQ(cs.get_cached_tkm_elem_rules(out), 20001);
+  EXPECT_EQ(cs.get_cached_tkm_elem_rules(out), TAVREL_ST_FAILURE);
   Tavrel_ConfigSpec gone(root + "/missing");
-  EXPECT_EQ(gone.save_elem_rules("x"), 20008);
+  EXPECT_EQ(gone.save_elem_rules("x"), TAVREL_ST_WRITE_FILE);
 }
 
 }  // namespace

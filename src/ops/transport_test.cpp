@@ -86,11 +86,11 @@ TEST(Transport, CreatePipeOverWhatIsThere) {
 TEST(Transport, ReplyEnvelopeEscapes) {
   EXPECT_EQ(Tavrel_AbstractOp::make_status_response("Op", "t-1", 0, ""),
             "<?xml version=\"1.0\" encoding=\"UTF-8\"?><Op tx-id=\"t-1\" status-code=\"0\"/>");
-  EXPECT_EQ(Tavrel_AbstractOp::make_status_response("Op", "a\"<&", 20026, "x < y & \"z\"\n"),
+  EXPECT_EQ(Tavrel_AbstractOp::make_status_response("Op", "a\"<&", TAVREL_ST_VIEW_ENDING, "x < y & \"z\"\n"),
             "<?xml version=\"1.0\" encoding=\"UTF-8\"?><Op tx-id=\"a&quot;&lt;&amp;\" status-code=\"20026\">"
             "<status-message>x &lt; y &amp; \"z\"\n</status-message></Op>");
   std::string r;
-  Tavrel_AbstractOp::get_error_response(20020, "<bad", r);
+  Tavrel_AbstractOp::get_error_response(TAVREL_ST_UNRECOGNIZED, "<bad", r);
   EXPECT_EQ(r, "<?xml version=\"1.0\" encoding=\"UTF-8\"?><Unknown status-code=\"20020\">"
                "<status-message>&lt;bad</status-message></Unknown>");
 }

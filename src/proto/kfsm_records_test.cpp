@@ -395,9 +395,9 @@ TEST(KfsmImages, AnswersCarryOutputsBackIntoTheCallersMemory) {
   EXPECT_EQ(x.uuid2, uuid_n(10));
 
   // A status travels in the block; no outputs are needed with it.
-  ans = kfsm_result_encode(0, c, 1052, kfsm_result_outputs{});
+  ans = kfsm_result_encode(0, c, TBS_ST_NO_SUCH_NAME, kfsm_result_outputs{});
   ASSERT_EQ(kfsm_result_apply(B(ans), ans.size(), &b, &err), 0);
-  EXPECT_EQ(b.status, 1052);
+  EXPECT_EQ(b.status, TBS_ST_NO_SUCH_NAME);
 
   // Root path: cut to the caller's capacity minus one, with its NUL.
   char small[8];
@@ -462,22 +462,22 @@ TEST(KfsmLpcHeader, RequestAndReplyFieldsAtTheirOffsets) {
 }
 
 TEST(KfsmStatus, ErrnoTableRoundTripsAndKeepsBusyDistinct) {
-  const tbs_status_t statuses[] = {0,    1001, 1002, 1007, 1009, 1022, 1046, 1051, 1062, 1063, 1067,
-                                   1068, 1070, 1071, 1072, 1080, 1083, 1084, 1085, 1087, 1088};
+  const tbs_status_t statuses[] = {0,    TBS_ST_FAILURE, TBS_ST_NOT_FOUND, TBS_ST_NOT_SUPPORTED, TBS_ST_NO_RESOURCES, TBS_ST_DB_NOT_WRITABLE, TBS_ST_VIEW_GONE, TBS_ST_NOT_OWNER, TBS_ST_NO_ROOM, TBS_ST_NO_PERMISSION, TBS_ST_EXISTS,
+                                   TBS_ST_CROSS_SILO, TBS_ST_NOT_DIR, TBS_ST_IS_DIR, TBS_ST_BAD_ARG, TBS_ST_NOT_ALLOWED, TBS_ST_LOOP, TBS_ST_TOO_LONG, TBS_ST_NOT_EMPTY, TBS_ST_STALE, TBS_ST_BUSY};
   for (tbs_status_t s : statuses) {
     int e = tbs_status2errno(s);
     tbs_status_t back = tbs_errno2status(e);
     // Statuses that share an errno come back as the first of their errno.
     EXPECT_EQ(tbs_status2errno(back), e) << s;
-    if (s != 1009) {
+    if (s != TBS_ST_NO_RESOURCES) {
       EXPECT_EQ(back, s) << s;
     }
   }
-  EXPECT_EQ(tbs_errno2status(EBUSY), 1088);
-  EXPECT_EQ(tbs_status2errno(1046), ENOTCONN);
-  EXPECT_EQ(tbs_status2errno(1052), ENOENT);
+  EXPECT_EQ(tbs_errno2status(EBUSY), TBS_ST_BUSY);
+  EXPECT_EQ(tbs_status2errno(TBS_ST_VIEW_GONE), ENOTCONN);
+  EXPECT_EQ(tbs_status2errno(TBS_ST_NO_SUCH_NAME), ENOENT);
   EXPECT_EQ(tbs_status2errno(4242), EIO);
-  EXPECT_EQ(tbs_errno2status(ECONNREFUSED), 1001);
+  EXPECT_EQ(tbs_errno2status(ECONNREFUSED), TBS_ST_FAILURE);
 }
 
 }  // namespace

@@ -12,12 +12,20 @@ struct Pair {
 
 // Order matters for the inverse: the first status of an errno is the one tbs_errno2status gives.
 constexpr Pair kTable[] = {
-    {1002, ENOENT},   {1001, EIO},        {1062, ENOMEM},    {1087, ESTALE},     {1007, EOPNOTSUPP},
-    {1008, EIO},      {1009, ENOMEM},     {1011, ENOENT},    {1013, ENOENT},     {1014, ENOENT},
-    {1015, EIO},      {1016, ENOENT},     {1022, EAGAIN},    {1033, ESTALE},     {1046, ENOTCONN},
-    {1051, EPERM},    {1052, ENOENT},     {1063, EACCES},    {1067, EEXIST},     {1068, EXDEV},
-    {1070, ENOTDIR},  {1071, EISDIR},     {1072, EINVAL},    {1080, EROFS},      {1083, ELOOP},
-    {1084, ENAMETOOLONG}, {1085, ENOTEMPTY}, {1088, EBUSY},
+    {TBS_ST_NOT_FOUND, ENOENT},        {TBS_ST_FAILURE, EIO},
+    {TBS_ST_NO_ROOM, ENOMEM},          {TBS_ST_STALE, ESTALE},
+    {TBS_ST_NOT_SUPPORTED, EOPNOTSUPP}, {TBS_ST_INTERNAL, EIO},
+    {TBS_ST_NO_RESOURCES, ENOMEM},     {TBS_ST_NO_VIEW, ENOENT},
+    {TBS_ST_REFUSED, ENOENT},          {TBS_ST_NO_OBJECT, ENOENT},
+    {TBS_ST_CONTAINER, EIO},           {TBS_ST_UNKNOWN_SILO, ENOENT},
+    {TBS_ST_DB_NOT_WRITABLE, EAGAIN},  {TBS_ST_REVALIDATE, ESTALE},
+    {TBS_ST_VIEW_GONE, ENOTCONN},      {TBS_ST_NOT_OWNER, EPERM},
+    {TBS_ST_NO_SUCH_NAME, ENOENT},     {TBS_ST_NO_PERMISSION, EACCES},
+    {TBS_ST_EXISTS, EEXIST},           {TBS_ST_CROSS_SILO, EXDEV},
+    {TBS_ST_NOT_DIR, ENOTDIR},         {TBS_ST_IS_DIR, EISDIR},
+    {TBS_ST_BAD_ARG, EINVAL},          {TBS_ST_NOT_ALLOWED, EROFS},
+    {TBS_ST_LOOP, ELOOP},              {TBS_ST_TOO_LONG, ENAMETOOLONG},
+    {TBS_ST_NOT_EMPTY, ENOTEMPTY},     {TBS_ST_BUSY, EBUSY},
 };
 
 }  // namespace
@@ -33,7 +41,7 @@ tbs_status_t tbs_errno2status(int err) {
   if (err == 0) return 0;
   for (const Pair& p : kTable)
     if (p.err == err) return p.status;
-  return 1001;
+  return TBS_ST_FAILURE;
 }
 
 const char* tbs_strerror(tbs_status_t status) { return strerror(tbs_status2errno(status)); }

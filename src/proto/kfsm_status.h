@@ -15,9 +15,6 @@
 
 #include "base/tbs.h"
 
-// The module is done with this view: the answer to every LPC call of a view that was removed.
-constexpr tbs_status_t KFSM_ST_VIEW_GONE = 1046;
-
 int tbs_status2errno(tbs_status_t status);
 tbs_status_t tbs_errno2status(int err);
 // A short text for a status of the 1000 range: the text of its errno ("Success" for 0).

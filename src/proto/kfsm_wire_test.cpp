@@ -114,9 +114,9 @@ TEST(KfsmWire, LpcBodiesCheckTheirSizes) {
   EXPECT_EQ(d.payload, payload);
   EXPECT_FALSE(kfsm_parse_lpc_deliver(dbody.substr(0, 20), &d));
   EXPECT_FALSE(kfsm_parse_lpc_deliver(dbody + "zz", &d));
-  ASSERT_TRUE(kfsm_parse_lpc_deliver(kfsm_lpc_deliver_body(1046, nullptr, nullptr, 0), &d));
-  EXPECT_EQ(d.status, 1046);
-  EXPECT_FALSE(kfsm_parse_lpc_deliver(kfsm_lpc_deliver_body(1046, nullptr, nullptr, 0) + "x", &d));
+  ASSERT_TRUE(kfsm_parse_lpc_deliver(kfsm_lpc_deliver_body(TBS_ST_VIEW_GONE, nullptr, nullptr, 0), &d));
+  EXPECT_EQ(d.status, TBS_ST_VIEW_GONE);
+  EXPECT_FALSE(kfsm_parse_lpc_deliver(kfsm_lpc_deliver_body(TBS_ST_VIEW_GONE, nullptr, nullptr, 0) + "x", &d));
 }
 
 }  // namespace

@@ -81,11 +81,11 @@ template <class T>
 tbs_status_t decode_from(bool_t (*filter)(XDR*, T*), T* out, unsigned length, const char* data) {
   if (out == nullptr || (data == nullptr && length > 0)) return TBS_ST_BAD_ARG;
   std::memset(out, 0, sizeof *out);
-  if (data == nullptr) return TBS_ST_BAD_RECORD;
+  if (data == nullptr) return TBS_ST_FAILURE;
   bool ok = xdr_decode_record(filter, out, data, length);
   if (!ok) {
     std::memset(out, 0, sizeof *out);
-    return TBS_ST_BAD_RECORD;
+    return TBS_ST_FAILURE;
   }
   return TBS_ST_OK;
 }

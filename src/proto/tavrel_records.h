@@ -6,7 +6,7 @@
 // limit or with a NUL, or a bool other than 0/1 is malformed.
 //
 // Results: 0; TBS_ST_BAD_ARG (1072) for a null argument; TBS_ST_NO_ROOM (1062) when the encoding
-// does not fit; TBS_ST_BAD_RECORD (1001) for a malformed buffer on decode.
+// does not fit; TBS_ST_FAILURE (1001) for a malformed buffer on decode.
 //
 // Wire layouts (XDR, see xdr_prim.h for the primitives):
 //   tavrel_vstat         view_vstat_t; bool checked_out; tbs_pname_t path              <= 1240 bytes

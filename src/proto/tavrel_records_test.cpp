@@ -164,10 +164,10 @@ TEST(HelperCodecs, GoldenImagesRoundTripsAndTruncation) {
     EXPECT_EQ(c.decode(unsigned(got.size()), got.data()), TBS_ST_OK);
     // Every strict prefix is malformed, and so is the record with trailing bytes.
     for (size_t n = 0; n < got.size(); n += (n < 64 ? 1 : 37)) {
-      EXPECT_EQ(c.decode(unsigned(n), got.data()), TBS_ST_BAD_RECORD) << "prefix " << n;
+      EXPECT_EQ(c.decode(unsigned(n), got.data()), TBS_ST_FAILURE) << "prefix " << n;
     }
     std::string longer = got + std::string(4, '\0');
-    EXPECT_EQ(c.decode(unsigned(longer.size()), longer.data()), TBS_ST_BAD_RECORD);
+    EXPECT_EQ(c.decode(unsigned(longer.size()), longer.data()), TBS_ST_FAILURE);
   }
 }
 
@@ -180,26 +180,26 @@ TEST(HelperCodecs, HostileBytesFailCleanly) {
 
   std::string huge = good;
   huge[0] = huge[1] = huge[2] = huge[3] = '\xFF';
-  EXPECT_EQ(tavrel_dirent_decode(&back, unsigned(huge.size()), huge.data()), TBS_ST_BAD_RECORD);
+  EXPECT_EQ(tavrel_dirent_decode(&back, unsigned(huge.size()), huge.data()), TBS_ST_FAILURE);
 
   std::string nul = good;
   nul[5] = '\0';
-  EXPECT_EQ(tavrel_dirent_decode(&back, unsigned(nul.size()), nul.data()), TBS_ST_BAD_RECORD);
+  EXPECT_EQ(tavrel_dirent_decode(&back, unsigned(nul.size()), nul.data()), TBS_ST_FAILURE);
 
   std::string badbool = good;
   badbool[badbool.size() - 1] = 2;
-  EXPECT_EQ(tavrel_dirent_decode(&back, unsigned(badbool.size()), badbool.data()), TBS_ST_BAD_RECORD);
+  EXPECT_EQ(tavrel_dirent_decode(&back, unsigned(badbool.size()), badbool.data()), TBS_ST_FAILURE);
 
   W w;
   w.str(std::string(256, 'x'));
-  EXPECT_EQ(tavrel_dirent_decode(&back, unsigned(w.b.size()), w.b.data()), TBS_ST_BAD_RECORD);
+  EXPECT_EQ(tavrel_dirent_decode(&back, unsigned(w.b.size()), w.b.data()), TBS_ST_FAILURE);
 
   // A path of 1024 characters does not fit a pname.
   W p;
   p.str(std::string(1024, 'y')).oid(oid_n(5)).u32(0);
   tavrel_scope s;
   std::string img = W().oid(oid_n(1)).oid(oid_n(2)).b + p.b;
-  EXPECT_EQ(tavrel_scope_decode(&s, unsigned(img.size()), img.data()), TBS_ST_BAD_RECORD);
+  EXPECT_EQ(tavrel_scope_decode(&s, unsigned(img.size()), img.data()), TBS_ST_FAILURE);
 
   // Random garbage never crashes and never succeeds with trailing junk.
   uint32_t seed = 12345;
@@ -284,7 +284,7 @@ TEST(ReplyWriter, ExactBytes) {
   w.begin();
   ASSERT_TRUE(w.part("SiloInfo", {{"SiloStorage", "/s"}}, ""));
   ASSERT_TRUE(w.part("Xdr_ObjScope", std::string("\r\n--X\xFF", 6)));
-  w.status(1002, "Name \"x\" not found");
+  w.status(TBS_ST_NOT_FOUND, "Name \"x\" not found");
   w.end();
   const std::string B = "X--------------nXjq59chSaB20";
   std::string expected = "Content-Type: multipart/mixed; boundary=" + B + "\r\n" + "--" + B +

@@ -15,6 +15,7 @@
 #pragma once
 
 #include "proto/view_rpc.h"
+#include "proto/view_rpc.h"
 #include "proto/xdr_prim.h"
 
 typedef tbs_uuid_s view_handle_t;
@@ -36,7 +37,7 @@ enum : view_invalidate_type {
 enum : uint32_t { VIEW_FH_HISTORY = 1, VIEW_FH_PRIVATE = 2 };
 
 // Status that makes a getattr reply carry only the name state.
-constexpr tbs_status_t VIEW_ST_NAME_STATE_ONLY = 1063;
+constexpr tbs_status_t VIEW_ST_NAME_STATE_ONLY = TBS_ST_NO_PERMISSION;
 
 // The bytes a directory listing may fill of one LPC message.
 constexpr unsigned VIEW_READDIR_LIMIT = VIEW_LPC_PAYLOAD - 24;

@@ -324,21 +324,21 @@ TEST(ViewRecords, FailureStatusesCarryOnlyTheirFields) {
   // Lookup keeps the name state for any status; getattr with 1063 carries the name state alone;
   // other replies carry only the header.
   view_lookup_reply_t lr = zeroed<view_lookup_reply_t>();
-  lr.hdr = hdrr(1002);
+  lr.hdr = hdrr(TBS_ST_NOT_FOUND);
   lr.name_state = 0x2000;
-  check("lookup_fail", xdr_view_lookup_reply_t, lr, put_hdrr(W(), 1002).u32(0x2000).b);
+  check("lookup_fail", xdr_view_lookup_reply_t, lr, put_hdrr(W(), TBS_ST_NOT_FOUND).u32(0x2000).b);
   view_getattr_reply_t gr = zeroed<view_getattr_reply_t>();
-  gr.hdr = hdrr(1063);
+  gr.hdr = hdrr(TBS_ST_NO_PERMISSION);
   gr.name_state = 0x40;
-  check("getattr_1063", xdr_view_getattr_reply_t, gr, put_hdrr(W(), 1063).u32(0x40).b);
-  gr.hdr = hdrr(1087);
-  check("getattr_stale", xdr_view_getattr_reply_t, gr, put_hdrr(W(), 1087).b);
+  check("getattr_1063", xdr_view_getattr_reply_t, gr, put_hdrr(W(), TBS_ST_NO_PERMISSION).u32(0x40).b);
+  gr.hdr = hdrr(TBS_ST_STALE);
+  check("getattr_stale", xdr_view_getattr_reply_t, gr, put_hdrr(W(), TBS_ST_STALE).b);
   view_create_reply_t cr = zeroed<view_create_reply_t>();
-  cr.hdr = hdrr(1067);
-  check("create_fail", xdr_view_create_reply_t, cr, put_hdrr(W(), 1067).b);
+  cr.hdr = hdrr(TBS_ST_EXISTS);
+  check("create_fail", xdr_view_create_reply_t, cr, put_hdrr(W(), TBS_ST_EXISTS).b);
   view_getattr_v8_reply_t g8 = zeroed<view_getattr_v8_reply_t>();
-  g8.hdr = hdrr(1063);
-  check("getattr_v8_1063", xdr_view_getattr_v8_reply_t, g8, put_hdrr(W(), 1063).b);
+  g8.hdr = hdrr(TBS_ST_NO_PERMISSION);
+  check("getattr_v8_1063", xdr_view_getattr_v8_reply_t, g8, put_hdrr(W(), TBS_ST_NO_PERMISSION).b);
 }
 
 TEST(ViewRecords, InlineAndFieldPathsGiveTheSameBytes) {
@@ -417,8 +417,8 @@ TEST(ViewReaddir, EmptyAndSmallListings) {
   xdr_free_record(xdr_view_readdir_ext_reply_t, &ext);
 
   view_readdir_reply_t failed = listing(0);
-  failed.hdr = hdrr(1087);
-  check("failed", xdr_view_readdir_reply_t, failed, put_hdrr(W(), 1087).b);
+  failed.hdr = hdrr(TBS_ST_STALE);
+  check("failed", xdr_view_readdir_reply_t, failed, put_hdrr(W(), TBS_ST_STALE).b);
 }
 
 TEST(ViewReaddir, PayloadLimitClearsEofAndCapacityLimitsDecode) {

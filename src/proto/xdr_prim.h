@@ -53,12 +53,6 @@ enum : silo_mtype_t {
   SILO_MTYPE_ELEM3 = 9,
 };
 
-// Statuses of the codec itself (1000 range).
-enum : tbs_status_t {
-  TBS_ST_BAD_RECORD = 1001,  // a decoder met a malformed buffer
-  TBS_ST_NO_ROOM = 1062,     // an encoder's buffer could not be had or the record does not fit
-};
-
 constexpr unsigned TBS_PNAME_MAX = 1023;          // characters; buffer is TBS_PNAME_MAX + 1
 constexpr unsigned KS_CANON_PNAME_MAX = 4095;     // characters
 constexpr unsigned VIEW_NAME_MAX = 255;           // characters of one name

@@ -280,7 +280,7 @@ int RClient_Abstract_Cmd::parse_content_with_len(long& length, char*& buffer) {
 int RClient_Abstract_Cmd::check_rpc_status(Tavrel_Log* log, std::string& message, int& rpc_status) {
   Tavrel_Trace trace(RCLIENT, kClass, "check_rpc_status");
   if (wan_status != 0) {
-    rpc_status = 1001;
+    rpc_status = TBS_ST_FAILURE;
     message += rclient_msg(RCLIENT_MSG_RPC_INCOMPLETE);
     message += status.message;
     if (log)

@@ -1,28 +1,13 @@
-// The WAN client's message catalogue (section "rclient" of the group "client_lib") and its status
-// values.
-//
-// WAN statuses are the results of the transport and of the reply parser; the server never sends them.
-// The server's verdict on an RPC travels in the reply's Status part (RClient_Status).
+// The WAN client's message catalogue (section "rclient" of the group "client_lib"). Its statuses,
+// RCLIENT_ST_*, are the results of the transport and of the reply parser (proto/tavrel_status.h); the
+// server never sends them. The server's verdict on an RPC travels in the reply's Status part
+// (RClient_Status).
 #pragma once
 
 #include <string>
 
 #include "base/imsg.h"
-
-enum : int {
-  RCLIENT_ST_OK = 0,
-  RCLIENT_ST_HTTP_STATUS = 30001,      // other HTTP status, or reply incomplete
-  RCLIENT_ST_AUTH = 30002,             // authorisation refused (HTTP 401 or 403)
-  RCLIENT_ST_TRANSPORT = 30003,        // transport, TLS, time limit or option failure
-  RCLIENT_ST_NOT_FOUND = 30004,        // HTTP 404
-  RCLIENT_ST_PREMATURE_EOF = 30006,    // the data ends inside a line or a part
-  RCLIENT_ST_FORMAT = 30007,           // bad line, boundary or part header
-  RCLIENT_ST_CONTENT_LENGTH = 30008,   // bad Content-Length of a part
-  RCLIENT_ST_MALFORMED_ITEM = 30009,   // an item of a part is missing or not a number
-  RCLIENT_ST_MARSHAL = 30010,          // an argument could not be marshalled
-  RCLIENT_ST_NO_MEMORY = 30011,        // a part's body cannot be held
-  RCLIENT_ST_LISTENER = 30013,         // a listener refused further data
-};
+#include "proto/tavrel_status.h"  // the RCLIENT_ST_ statuses
 
 // Numbers of the catalogue entries.
 enum : int {

@@ -25,6 +25,8 @@
 
 #include <string>
 
+#include "base/tbs.h"
+
 XERCES_CPP_NAMESPACE_BEGIN
 class DOMDocument;
 class DOMImplementation;
@@ -36,8 +38,8 @@ class OlXmlElem;
 
 enum : int {
   OL_XML_OK = 0,
-  OL_XML_DOM_EXCEPTION = 1001,
-  OL_XML_NO_DOM_IMPL = 1062,
+  OL_XML_DOM_EXCEPTION = TBS_ST_FAILURE,
+  OL_XML_NO_DOM_IMPL = TBS_ST_NO_ROOM,
 };
 
 class OlXmlDoc {

@@ -194,7 +194,7 @@ TEST_F(KfsmFuse, MountAppearsALookupReachesTheAgentAndUnmountRemovesIt) {
   EXPECT_TRUE(mount_line(mp).empty());
   EXPECT_NE(access(mp.c_str(), F_OK), 0);  // the mount point is gone too
   EXPECT_EQ(io().umount_silo("/proj", oid_n(1), &raw), TAVREL_ST_NOT_MOUNTED);
-  EXPECT_EQ(raw, 1072);
+  EXPECT_EQ(raw, TBS_ST_BAD_ARG);
 }
 
 TEST_F(KfsmFuse, FilesListAndReadThroughTheMountAndInvalidationReachesTheKernel) {
@@ -251,8 +251,8 @@ TEST_F(KfsmFuse, FilesListAndReadThroughTheMountAndInvalidationReachesTheKernel)
   EXPECT_EQ(oid, Kfsmd_Scripted_Agent::oid(2));
   EXPECT_EQ(uuid, replica);
   EXPECT_EQ(tbs_uuid_to_str(uuid2), kViewUuid);
-  EXPECT_EQ(io().view_get_xstat(mp + "/nothing", &vs, nullptr, nullptr, nullptr, nullptr), 1052);
-  EXPECT_EQ(io().view_get_xstat(root + "/" + kViewTag + "/elsewhere", &vs, nullptr, nullptr, nullptr, nullptr), 1052);
+  EXPECT_EQ(io().view_get_xstat(mp + "/nothing", &vs, nullptr, nullptr, nullptr, nullptr), TBS_ST_NO_SUCH_NAME);
+  EXPECT_EQ(io().view_get_xstat(root + "/" + kViewTag + "/elsewhere", &vs, nullptr, nullptr, nullptr, nullptr), TBS_ST_NO_SUCH_NAME);
 }
 
 TEST_F(KfsmFuse, BusyMountIsRefusedAndStaysMounted) {
@@ -274,7 +274,7 @@ TEST_F(KfsmFuse, BusyMountIsRefusedAndStaysMounted) {
   ASSERT_EQ(c, 'y') << "the child could not enter the mount";
   int raw = -1;
   EXPECT_EQ(io().umount_silo("/proj", oid_n(1), &raw), TAVREL_ST_FAILURE);
-  EXPECT_EQ(raw, 1088);
+  EXPECT_EQ(raw, TBS_ST_BUSY);
   EXPECT_FALSE(mount_line(mp).empty()) << "a busy mount was taken away";
   ASSERT_EQ(write(go[1], "x", 1), 1);
   int status;

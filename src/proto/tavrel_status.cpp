@@ -1,0 +1,92 @@
+#include "proto/tavrel_status.h"
+
+#include <string>
+
+namespace {
+
+struct Name {
+  int status;
+  const char* name;
+};
+
+// Where the printed name differs from the constant's, the printed one is the older and stays.
+constexpr Name kNames[] = {
+    {TAVREL_ST_OK, "OK"},
+    {TAVREL_ST_VIEW_LOCKED, "VIEW_LOCKED"},
+    {TAVREL_ST_FAILURE, "FAILURE"},
+    {TAVREL_ST_NOT_FOUND, "NOT_FOUND"},
+    {TAVREL_ST_NO_OBJECT, "NO_OBJECT"},
+    {TAVREL_ST_MKPATH, "MKPATH"},
+    {TAVREL_ST_METADATA_FILE, "METADATA_FILE"},
+    {TAVREL_ST_CACHE_START, "CACHE_START"},
+    {TAVREL_ST_WRITE_FILE, "WRITE_FILE"},
+    {TAVREL_ST_VIEW_IDENTITY, "VIEW_IDENTITY"},
+    {TAVREL_ST_PIPE, "PIPE"},
+    {TAVREL_ST_MKFIFO, "MKFIFO"},
+    {TAVREL_ST_CONN_READ, "CONN_READ"},
+    {TAVREL_ST_RESP_WRITE, "RESP_WRITE"},
+    {TAVREL_ST_REQ_PIPE, "REQ_PIPE"},
+    {TAVREL_ST_STORAGE_EXISTS, "STORAGE_EXISTS"},
+    {TAVREL_ST_NO_VIEW_INFO, "NO_VIEW_INFO"},
+    {TAVREL_ST_UNRECOGNIZED, "UNRECOGNIZED_REQUEST"},
+    {TAVREL_ST_MALFORMED, "MALFORMED_REQUEST"},
+    {TAVREL_ST_SERVER_INFO, "SERVER_INFO"},
+    {TAVREL_ST_NO_STORAGE, "NO_STORAGE"},
+    {TAVREL_ST_VERSION, "VERSION_NOT_SUPPORTED"},
+    {TAVREL_ST_VIEW_ENDING, "VIEW_ENDING"},
+    {TAVREL_ST_KFSM_DECODE, "KFSM_DECODE"},
+    {TAVREL_ST_KFSM_ENCODE, "KFSM_ENCODE"},
+    {TAVREL_ST_INTERNAL, "INTERNAL"},
+    {TAVREL_ST_MOUNT_CONFLICT, "MOUNT_CONFLICT"},
+    {TAVREL_ST_DISCONNECTED, "DISCONNECTED"},
+    {TAVREL_ST_CANNOT_CONNECT, "CANNOT_CONNECT"},
+    {TAVREL_ST_SILO_INFO, "SILO_INFO"},
+    {TAVREL_ST_SILO_NOT_IN_TABLE, "SILO_NOT_IN_TABLE"},
+    {TAVREL_ST_KERNEL_MOUNT, "KERNEL_MOUNT"},
+    {TAVREL_ST_EXIT_REQUESTED, "EXIT_REQUESTED"},
+    {TAVREL_ST_TIMED_OUT, "TIMED_OUT"},
+    {TAVREL_ST_SELECT, "SELECT"},
+    {TAVREL_ST_THREAD_START, "THREAD_START"},
+    {TAVREL_ST_RESTORE_CLIENT, "RESTORE_CLIENT"},
+    {TAVREL_ST_MOUNTED_FILE, "MOUNTED_FILE"},
+    {TAVREL_ST_UPDATE_RUNNING, "UPDATE_RUNNING"},
+    {TAVREL_ST_REMOUNT, "REMOUNT"},
+    {TAVREL_ST_ALREADY_MOUNTED, "ALREADY_MOUNTED"},
+    {TAVREL_ST_NOT_MOUNTED, "NOT_MOUNTED"},
+    {TAVREL_ST_WAN_CALL, "WAN_CALL"},
+    {TAVREL_ST_WAN_CALL_2, "WAN_CALL"},
+    {TAVREL_ST_LIST_DIR, "LIST_DIR"},
+    {TAVREL_ST_CACHE_NOT_EMPTY, "CACHE_NOT_EMPTY"},
+    {TAVREL_ST_CACHE_NESTED, "CACHE_NESTED"},
+    {TAVREL_ST_UPDATE_LOG, "UPDATE_LOG"},
+    {TAVREL_ST_LOAD_RULE_COMMENT, "INVALID_LOAD_RULE"},
+    {TAVREL_ST_LOAD_RULE_NESTED, "LOAD_RULE_NESTED"},
+    {TAVREL_ST_BG_METADATA, "BG_METADATA"},
+    {TAVREL_ST_ENCODING, "ENCODING"},
+    {TAVREL_ST_UPDATE_IN_PROGRESS, "UPDATE_IN_PROGRESS"},
+    {TAVREL_ST_WRONG_HOST, "WRONG_HOST"},
+};
+
+}  // namespace
+
+const char* tavrel_status_name(int status) {
+  for (const Name& n : kNames)
+    if (n.status == status) return n.name;
+  return "UNKNOWN";
+}
+
+std::string tbs_status_text(tbs_status_t status) {
+  switch (status) {
+    case TBS_ST_NOT_FOUND:
+    case TBS_ST_NO_SUCH_NAME:
+      return "not found";
+    case TBS_ST_INTERNAL:
+      return "internal error";
+    case TBS_ST_BAD_ARG:
+      return "invalid argument";
+    case TBS_ST_FAILURE:
+      return "service not available";
+    default:
+      return "error " + std::to_string(status);
+  }
+}
