@@ -83,40 +83,36 @@ TEST(KfsmWire, MalformedPacketsAreProtocolErrors) {
 }
 
 TEST(KfsmWire, LpcBodiesCheckTheirSizes) {
-  uint8_t hdr[KFSM_LPC_HDR] = {};
-  std::string payload(100, 'p');
+  const std::string payload(100, 'p');
+  const uint8_t* pay = reinterpret_cast<const uint8_t*>(payload.data());
+  uint8_t hdr[KFSM_LPC_HDR] = {}, big[KFSM_LPC_HDR] = {}, rq[KFSM_LPC_HDR] = {};
   kfsm_lpc_put_reply(hdr, 0, payload.size(), 9);
+  kfsm_lpc_put_reply(big, 0, VIEW_LPC_PAYLOAD + 1, 9);
   kfsm_lpc_call call;
-  std::string body = kfsm_lpc_call_body(1, "vtag", hdr, reinterpret_cast<const uint8_t*>(payload.data()), payload.size());
+  const std::string body = kfsm_lpc_call_body(1, "vtag", hdr, pay, payload.size());
   ASSERT_TRUE(kfsm_parse_lpc_call(body, &call));
   EXPECT_EQ(call.tag, "vtag");
   EXPECT_EQ(call.payload, payload);
-  EXPECT_FALSE(kfsm_parse_lpc_call(body.substr(0, body.size() - 1), &call));  // payload short of the size
-  EXPECT_FALSE(kfsm_parse_lpc_call(body + "x", &call));
-  std::string flags2 = body;
-  kfsm_put_u32(reinterpret_cast<uint8_t*>(flags2.data()), 3);
-  EXPECT_FALSE(kfsm_parse_lpc_call(flags2, &call));
-  std::string longtag = kfsm_lpc_call_body(0, std::string(256, 't'), nullptr, nullptr, 0);
-  EXPECT_FALSE(kfsm_parse_lpc_call(longtag, &call));
-  std::string tagpast = kfsm_lpc_call_body(0, "abc", nullptr, nullptr, 0);
-  kfsm_put_u32(reinterpret_cast<uint8_t*>(tagpast.data()) + 4, 200);
-  EXPECT_FALSE(kfsm_parse_lpc_call(tagpast, &call));
-  kfsm_lpc_put_reply(hdr, 0, VIEW_LPC_PAYLOAD + 1, 9);
-  EXPECT_FALSE(kfsm_parse_lpc_call(kfsm_lpc_call_body(1, "v", hdr, nullptr, 0), &call));
   ASSERT_TRUE(kfsm_parse_lpc_call(kfsm_lpc_call_body(0, "v", nullptr, nullptr, 0), &call));
   EXPECT_EQ(call.flags, 0u);
+  std::string flags3 = body, tag_past = kfsm_lpc_call_body(0, "abc", nullptr, nullptr, 0);
+  kfsm_put_u32(reinterpret_cast<uint8_t*>(flags3.data()), 3);
+  kfsm_put_u32(reinterpret_cast<uint8_t*>(tag_past.data()) + 4, 200);
+  for (const std::string& bad : {body.substr(0, body.size() - 1), body + "x", flags3, tag_past,
+                                 kfsm_lpc_call_body(0, std::string(256, 't'), nullptr, nullptr, 0),
+                                 kfsm_lpc_call_body(1, "v", big, nullptr, 0)})
+    EXPECT_FALSE(kfsm_parse_lpc_call(bad, &call)) << bad.size();
 
-  uint8_t rq[KFSM_LPC_HDR] = {};
   kfsm_lpc_put_request(rq, kfsm_lpc_request_hdr{VIEW_RPC_LOOKUP, payload.size(), VIEW_LPC_PAYLOAD, 4});
   kfsm_lpc_deliver d;
-  std::string dbody = kfsm_lpc_deliver_body(0, rq, reinterpret_cast<const uint8_t*>(payload.data()), payload.size());
+  const std::string dbody = kfsm_lpc_deliver_body(0, rq, pay, payload.size());
   ASSERT_TRUE(kfsm_parse_lpc_deliver(dbody, &d));
   EXPECT_EQ(d.payload, payload);
-  EXPECT_FALSE(kfsm_parse_lpc_deliver(dbody.substr(0, 20), &d));
-  EXPECT_FALSE(kfsm_parse_lpc_deliver(dbody + "zz", &d));
-  ASSERT_TRUE(kfsm_parse_lpc_deliver(kfsm_lpc_deliver_body(TBS_ST_VIEW_GONE, nullptr, nullptr, 0), &d));
+  const std::string status_only = kfsm_lpc_deliver_body(TBS_ST_VIEW_GONE, nullptr, nullptr, 0);
+  ASSERT_TRUE(kfsm_parse_lpc_deliver(status_only, &d));
   EXPECT_EQ(d.status, TBS_ST_VIEW_GONE);
-  EXPECT_FALSE(kfsm_parse_lpc_deliver(kfsm_lpc_deliver_body(TBS_ST_VIEW_GONE, nullptr, nullptr, 0) + "x", &d));
+  for (const std::string& bad : {dbody.substr(0, 20), dbody + "zz", status_only + "x"})
+    EXPECT_FALSE(kfsm_parse_lpc_deliver(bad, &d)) << bad.size();
 }
 
 }  // namespace
