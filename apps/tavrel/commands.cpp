@@ -19,6 +19,8 @@
 #include "base/tbs.h"
 #include "client/agent_process.h"
 #include "client/connection.h"
+#include "proto/view_metadata.h"
+#include "proto/view_storage_names.h"
 
 namespace tavrel::cli {
 
@@ -50,20 +52,17 @@ bool wait_until(int timeout_ms, const std::function<bool()>& pred) {
   return true;
 }
 
-std::string listener(const Options& o) { return o.storage + "/.ipc/rlistener"; }
-pid_t view_pid(const Options& o) { return server_lock_holder(o.storage + "/.pid"); }
+std::string listener(const Options& o) { return o.storage + "/" + VIEW_STG_IPC_DIR + "/" + VIEW_STG_LISTENER; }
+pid_t view_pid(const Options& o) { return server_lock_holder(o.storage + "/" + VIEW_STG_LOCK); }
 
 // Value of a key of the view's metadata file, or empty.
 std::string metadata(const Options& o, const std::string& key) {
-  std::string text;
-  if (fileutl_read_file(o.storage + "/.tavrel", &text, 1 << 20) != 0) return "";
-  std::istringstream in(text);
-  std::string line;
-  while (std::getline(in, line)) {
-    size_t eq = line.find('=');
-    if (eq != std::string::npos && line.substr(0, eq) == key) return line.substr(eq + 1);
-  }
-  return "";
+  std::string text, value;
+  std::vector<View_Metadata_Field> fields;
+  if (fileutl_read_file(o.storage + "/" + VIEW_STG_METADATA, &text, VIEW_METADATA_MAX_FILE) != 0 ||
+      !view_metadata_parse(text, &fields) || !view_metadata_find(fields, key, &value))
+    return "";
+  return value;
 }
 
 std::vector<std::string> trace_args(const Options& o) {
@@ -142,7 +141,7 @@ int cmd_startview(Options& opts) {
   Options o = opts;
   if (!o.has("--server-url")) {
     // The view keeps the URL with "tavrel" appended; give the server the user's form back.
-    std::string url = metadata(o, "server-url");
+    std::string url = metadata(o, VIEW_MD_SERVER_URL);
     if (url.size() >= 6 && url.compare(url.size() - 6, 6, "tavrel") == 0) url.erase(url.size() - 6);
     if (!url.empty()) o.values["--server-url"].push_back(url);
   }
@@ -188,7 +187,7 @@ bool ask(Options& opts, const char* op, client::Response* reply, int* rc) {
 int cmd_status(Options& opts) {
   if (!fileutl_exists(opts.storage)) return fail(kNoAgent, "no view storage at " + opts.storage);
   pid_t pid = view_pid(opts);
-  std::string tag = metadata(opts, "server-tag");
+  std::string tag = metadata(opts, VIEW_MD_SERVER_TAG);
   // A running view is asked whether an update runs (which also shows that it answers) and what is
   // mounted.
   std::string updating;

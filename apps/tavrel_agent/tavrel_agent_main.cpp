@@ -38,6 +38,7 @@
 #include "ops/tavrel_endview.h"
 #include "ops/tavrel_mountsilo.h"
 #include "ops/tavrel_server.h"
+#include "proto/view_storage_names.h"
 
 namespace {
 
@@ -239,7 +240,7 @@ int tavrel_agent_main(int argc, char** argv) {
     }
     // The listener belongs to whoever holds the view lock: a second agent refused on a running view
     // must not take the running agent's listener away (no client could reach that view any more).
-    pid_t holder = server_lock_holder(storage + "/" + Tavrel_View::LOCK_FILE);
+    pid_t holder = server_lock_holder(storage + "/" + VIEW_STG_LOCK);
     if (holder <= 0 || holder == child) remove(Tavrel_Conn_Handler_Base::listener_path(storage).c_str());
     if (WIFEXITED(st)) _exit(WEXITSTATUS(st));
     _exit(2);

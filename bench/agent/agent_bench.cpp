@@ -20,6 +20,7 @@
 #include "client/agent_process.h"
 #include "client/connection.h"
 #include "client/frame.h"
+#include "proto/view_storage_names.h"
 
 using Clock = std::chrono::steady_clock;
 using tavrel::client::Connection;
@@ -105,7 +106,7 @@ int main(int argc, char** argv) {
     fprintf(stderr, "cannot start %s: %s\n", fixture.c_str(), s.message.c_str());
     return 1;
   }
-  for (int i = 0; i < 500 && !fileutl_exists(how.storage + "/.ipc/rlistener"); i++) usleep(10000);
+  for (int i = 0; i < 500 && !fileutl_exists(how.storage + "/" + VIEW_STG_IPC_DIR + "/" + VIEW_STG_LISTENER); i++) usleep(10000);
 
   const std::string req = "<?xml version=\"1.0\" encoding=\"UTF-8\"?><Echo version=\"1\" tx-id=\"1\"/>";
   double base = pipe_baseline(n, req);

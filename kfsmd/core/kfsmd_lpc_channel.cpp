@@ -8,7 +8,6 @@
 #include "proto/kfsm_records.h"
 #include "proto/kfsm_status.h"
 #include "proto/view_rpc.h"
-#include "proto/view_rpc.h"
 
 struct Kfsmd_Lpc_Channel::Conn {
   int fd = -1;

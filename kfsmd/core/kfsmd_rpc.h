@@ -17,7 +17,6 @@
 #include "kfsmd/core/kfsmd_lpc_channel.h"
 #include "proto/view_records.h"
 #include "proto/view_rpc.h"
-#include "proto/view_rpc.h"
 
 class Kfsmd_Rpc {
  public:

@@ -4,6 +4,8 @@
 #include <unistd.h>
 
 #include "kfsmd/core/kfsmd_as_user.h"
+#include "proto/view_metadata.h"
+#include "proto/view_storage_names.h"
 
 Kfsmd_View::Kfsmd_View(const std::string& tag, const tbs_uuid_s& uuid, const std::string& storage,
                        const std::string& host, uid_t uid, gid_t gid, const Kfsmd_Options& opt)
@@ -38,7 +40,7 @@ std::string Kfsmd_View::cache_dir() {
 }
 
 void Kfsmd_View::reload_cache_dir() {
-  const std::string file = storage() + "/.tavrel";
+  const std::string file = storage() + "/" + VIEW_STG_METADATA;
   std::string text;
   {
     Kfsmd_As_User as(m_uid, m_gid);
@@ -47,28 +49,16 @@ void Kfsmd_View::reload_cache_dir() {
     if (fd < 0) return;
     char buf[4096];
     ssize_t n;
-    // The metadata file is small; more than 64 KiB is not one.
-    while (text.size() < 64 * 1024 && (n = read(fd, buf, sizeof buf)) > 0) text.append(buf, size_t(n));
+    // Read one byte past the bound, so that a file over it is seen and refused as a whole.
+    while (text.size() <= VIEW_METADATA_MAX_FILE && (n = read(fd, buf, sizeof buf)) > 0)
+      text.append(buf, size_t(n));
     close(fd);
   }
-  size_t pos = 0;
-  while (pos < text.size()) {
-    size_t end = text.find('\n', pos);
-    if (end == std::string::npos) end = text.size();
-    std::string line = text.substr(pos, end - pos);
-    pos = end + 1;
-    size_t eq = line.find('=');
-    if (eq == std::string::npos) continue;
-    auto trim = [](std::string s) {
-      size_t a = s.find_first_not_of(" \t\r"), b = s.find_last_not_of(" \t\r");
-      return a == std::string::npos ? std::string() : s.substr(a, b - a + 1);
-    };
-    if (trim(line.substr(0, eq)) == "cltxt-cache-dir") {
-      std::string dir = trim(line.substr(eq + 1));
-      if (!dir.empty() && dir[0] == '/') {
-        std::lock_guard<std::mutex> g(m_mutex);
-        m_cache_dir = dir;
-      }
-    }
+  std::vector<View_Metadata_Field> fields;
+  std::string dir;
+  if (!view_metadata_parse(text, &fields) || !view_metadata_find(fields, VIEW_MD_CLTXT_CACHE_DIR, &dir)) return;
+  if (!dir.empty() && dir[0] == '/') {
+    std::lock_guard<std::mutex> g(m_mutex);
+    m_cache_dir = dir;
   }
 }

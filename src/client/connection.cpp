@@ -13,6 +13,8 @@
 #include <cstring>
 #include <thread>
 
+#include "proto/view_storage_names.h"
+
 namespace tavrel::client {
 
 namespace {
@@ -53,10 +55,10 @@ Connection::Status Connection::connect(const std::string& storage, int timeout_m
   signal(SIGPIPE, SIG_IGN);
   m_id = id.empty() ? random_id() : id;
   auto deadline = Clock::now() + std::chrono::milliseconds(timeout_ms);
-  std::string ipc = storage + "/.ipc/";
-  std::string listener = ipc + "rlistener";
-  std::string req = ipc + "request_" + m_id;
-  std::string resp = ipc + "response_" + m_id;
+  std::string ipc = storage + "/" + VIEW_STG_IPC_DIR + "/";
+  std::string listener = ipc + VIEW_STG_LISTENER;
+  std::string req = ipc + VIEW_STG_REQUEST_PIPE + VIEW_STG_PIPE_SEP + m_id;
+  std::string resp = ipc + VIEW_STG_RESPONSE_PIPE + VIEW_STG_PIPE_SEP + m_id;
 
   int lfd = -1;
   std::string line = m_id + "\n";

@@ -12,6 +12,8 @@
 #include <cstdlib>
 #include <thread>
 
+#include "proto/view_storage_names.h"
+
 using tavrel::client::Connection;
 
 namespace {
@@ -20,11 +22,11 @@ namespace {
 // pipes, reads the request "4\n<q/>" into *request, writes `answer`, then closes its ends at once
 // (`hang_up`) or when the client closes its own.
 std::thread agent_end(const std::string& storage, std::string answer, bool hang_up, std::string* request) {
-  const std::string ipc = storage + "/.ipc/";
+  const std::string ipc = storage + "/" + VIEW_STG_IPC_DIR + "/";
   EXPECT_EQ(mkdir(ipc.c_str(), 0700), 0);
-  EXPECT_EQ(mkfifo((ipc + "rlistener").c_str(), 0600), 0);
+  EXPECT_EQ(mkfifo((ipc + VIEW_STG_LISTENER).c_str(), 0600), 0);
   return std::thread([=] {
-    int l = open((ipc + "rlistener").c_str(), O_RDWR);
+    int l = open((ipc + VIEW_STG_LISTENER).c_str(), O_RDWR);
     std::string id;
     char c;
     while (read(l, &c, 1) == 1 && c != '\n') id += c;

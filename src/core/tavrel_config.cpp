@@ -14,6 +14,7 @@
 #include "core/tavrel_trace.h"
 #include "core/tavrel_view.h"
 #include "core/tavrel_view_storage.h"
+#include "proto/view_storage_names.h"
 
 std::mutex Tavrel_Config::g_config_lock;
 std::map<std::string, SILO_mount_info> Tavrel_Config::g_mounted_silos;
@@ -164,7 +165,7 @@ std::string Tavrel_Config::get_mounted_file() const {
     trace.writeTrace(TRACE_LEVEL_1, " get_view failed ");
     return "";
   }
-  return view->get_storage_path() + "/" + MOUNTED_SILOS_FILE;
+  return view->get_storage_path() + "/" + VIEW_STG_MOUNTED_SILOS;
 }
 
 bool Tavrel_Config::get_mount_state(std::string tag) {

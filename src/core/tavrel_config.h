@@ -57,7 +57,6 @@ struct map_uuid_compare {
 class Tavrel_Config {
  public:
   static constexpr const char* CONFIG_FILE = "tavrel.conf";
-  static constexpr const char* MOUNTED_SILOS_FILE = ".mounted_silos";
   static constexpr const char* KEY_VALUE_SEP = "=";
   static constexpr const char* TAVREL_LOG_LEVEL = "tavrelLogLevel";
   static constexpr const char* TAVREL_TRACE_LEVEL = "tavrelTraceLevel";

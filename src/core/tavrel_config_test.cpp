@@ -21,6 +21,7 @@
 #include "core/tavrel_status.h"
 #include "core/tavrel_view.h"
 #include "core/tavrel_view_storage.h"
+#include "proto/view_storage_names.h"
 
 namespace {
 
@@ -70,7 +71,7 @@ class ConfigTest : public ::testing::Test {
     m_root = tmpl;
     m_stg = m_root + "/stg";
     fileutl_mkpath(m_stg, 0700);
-    m_file = m_stg + "/.mounted_silos";
+    m_file = m_stg + "/" + VIEW_STG_MOUNTED_SILOS;
     const char* home = getenv("HOME");
     m_had_home = home != nullptr;
     if (home) m_home = home;
@@ -420,7 +421,7 @@ TEST_F(ConfigTest, AKilledRewriteLeavesAWholeTable) {
     ASSERT_EQ(text, expected);
 
     // Temporaries of the killed rewrite may remain; a start removes them.
-    std::vector<std::string> names = {".mounted_silos"};
+    std::vector<std::string> names = {VIEW_STG_MOUNTED_SILOS};
     temporaries_seen += Tavrel_View_Storage::remove_stale_temporaries(m_stg, names);
     int leftover = Tavrel_View_Storage::remove_stale_temporaries(m_stg, names);
     EXPECT_EQ(leftover, 0);

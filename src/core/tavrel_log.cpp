@@ -13,6 +13,7 @@
 #include "base/strutl.h"
 #include "base/sysutl.h"
 #include "core/tavrel_trace.h"
+#include "proto/view_storage_names.h"
 
 std::atomic<int> Tavrel_Log::g_enabled{0};
 
@@ -23,7 +24,7 @@ constexpr size_t kLogMessageMax = 16384;
 }  // namespace
 
 Tavrel_Log_Base::Tavrel_Log_Base(const std::string& view_dir, const std::string& file_name)
-    : m_view_dir(view_dir), m_log_dir(view_dir + "/" + TAVREL_LOG_DIR), m_log_path(m_log_dir + "/" + file_name) {}
+    : m_view_dir(view_dir), m_log_dir(view_dir + "/" + VIEW_STG_LOG_DIR), m_log_path(m_log_dir + "/" + file_name) {}
 
 bool Tavrel_Log_Base::append_line(const std::string& line) {
   Tavrel_Trace trace(TAVREL, "Tavrel_Log_Base", "open_log_file");
@@ -42,7 +43,7 @@ bool Tavrel_Log_Base::append_line(const std::string& line) {
   return ok;
 }
 
-Tavrel_Log::Tavrel_Log(const std::string& location) : Tavrel_Log_Base(location, LOG_FILE) {}
+Tavrel_Log::Tavrel_Log(const std::string& location) : Tavrel_Log_Base(location, VIEW_STG_LOG_FILE) {}
 
 Tavrel_Log* Tavrel_Log::get_instance(const std::string& location) {
   std::lock_guard<Tavrel_Mutex> g(g_instance_mutex);

@@ -22,8 +22,7 @@ enum TAVREL_LOG_TYPE { TAVREL_LOG_INFO = 0, TAVREL_LOG_WARN = 1, TAVREL_LOG_ERRO
 
 class Tavrel_Log_Base {
  public:
-  static constexpr const char* TAVREL_LOG_DIR = "log";
-
+  // The log lives in <view_dir>/VIEW_STG_LOG_DIR/<file_name>.
   explicit Tavrel_Log_Base(const std::string& view_dir, const std::string& file_name);
   virtual ~Tavrel_Log_Base() = default;
   virtual void write_log(TAVREL_LOG_TYPE type, const char* format, ...) __attribute__((format(printf, 3, 4))) = 0;
@@ -44,7 +43,6 @@ class Tavrel_Log_Base {
 
 class Tavrel_Log : public Tavrel_Log_Base {
  public:
-  static constexpr const char* LOG_FILE = "tvr.log";
   static std::atomic<int> g_enabled;
 
   // The singleton for the storage. A later call with another location returns the first one.

@@ -13,6 +13,7 @@
 
 #include "base/fileutl.h"
 #include "core/tavrel_log.h"
+#include "proto/view_storage_names.h"
 
 namespace {
 
@@ -173,10 +174,10 @@ TEST(Log, FormatEnablingAndNoRecreate) {
   ASSERT_EQ(fileutl_mkpath(view, 0700), 0);
   Tavrel_Log::reset_for_test();
   Tavrel_Log* log = Tavrel_Log::get_instance(view);
-  ASSERT_EQ(log->get_log_path(), view + "/log/tvr.log");
+  ASSERT_EQ(log->get_log_path(), view + "/" + VIEW_STG_LOG_DIR + "/" + VIEW_STG_LOG_FILE);
   Tavrel_Log::g_enabled = 0;
   log->write_log(TAVREL_LOG_INFO, "before\n");
-  EXPECT_FALSE(fileutl_exists(view + "/log/tvr.log"));
+  EXPECT_FALSE(fileutl_exists(view + "/" + VIEW_STG_LOG_DIR + "/" + VIEW_STG_LOG_FILE));
 
   Tavrel_Log::g_enabled = 1;
   log->write_log(TAVREL_LOG_WARN, "careful %d\n", 7);
@@ -184,7 +185,7 @@ TEST(Log, FormatEnablingAndNoRecreate) {
   static const _imsg_message_table_t table = {"t", "t", 1, texts};
   log->write_log(TAVREL_LOG_ERROR, &table, 0, 20001);
   log->write_log(static_cast<TAVREL_LOG_TYPE>(9), "odd");
-  std::string text = slurp(view + "/log/tvr.log");
+  std::string text = slurp(view + "/" + VIEW_STG_LOG_DIR + "/" + VIEW_STG_LOG_FILE);
   std::string pid = std::to_string(getpid());
   std::regex line("(WARN|ERROR|UNKNOWN)::[A-Z][a-z]{2} \\d\\d,\\d{4} \\d\\d:\\d\\d:\\d\\d\\.\\d{3}::" + pid + "::");
   EXPECT_EQ(std::distance(std::sregex_iterator(text.begin(), text.end(), line), std::sregex_iterator()), 3) << text;

@@ -23,6 +23,8 @@
 #include "core/tavrel_msg_table.h"
 #include "core/tavrel_view_storage.h"
 #include "core/tavrel_view_text_mode.h"
+#include "proto/view_metadata.h"
+#include "proto/view_storage_names.h"
 
 std::mutex Tavrel_View::g_update_lock;
 std::condition_variable Tavrel_View::g_gn_cond;
@@ -45,8 +47,7 @@ std::set<std::string> g_held_locks;
 
 // Files of the storage that are rewritten atomically; their temporaries are removed at start.
 const std::vector<std::string>& atomic_files() {
-  static const std::vector<std::string> names = {Tavrel_View::METADATA_FILE, Tavrel_View::HOSTNAME_FILE,
-                                                 ".mounted_silos"};
+  static const std::vector<std::string> names = {VIEW_STG_METADATA, VIEW_STG_HOSTNAME, VIEW_STG_MOUNTED_SILOS};
   return names;
 }
 
@@ -89,9 +90,9 @@ Tavrel_View::~Tavrel_View() {
 }
 
 void Tavrel_View::init() {
-  m_lock_path = m_storage_path + "/" + LOCK_FILE;
-  m_metadata_path = m_storage_path + "/" + METADATA_FILE;
-  m_ipc_path = m_storage_path + "/" + VIEW_IPC_DIR;
+  m_lock_path = m_storage_path + "/" + VIEW_STG_LOCK;
+  m_metadata_path = m_storage_path + "/" + VIEW_STG_METADATA;
+  m_ipc_path = m_storage_path + "/" + VIEW_STG_RIPC_DIR;
 }
 
 Tavrel_View* Tavrel_View::get_view_from_stg(const std::string& location) { return new Tavrel_View(location); }
@@ -249,14 +250,13 @@ namespace {
 // host name file, the log directory and temporaries of interrupted rewrites; and no metadata file.
 bool holds_only_early_creation_files(const std::string& location) {
   Tavrel_Trace trace(TAVREL, "Tavrel_View", "holds_only_early_creation_files");
-  if (fileutl_exists(location + "/" + Tavrel_View::METADATA_FILE)) return false;
+  if (fileutl_exists(location + "/" + VIEW_STG_METADATA)) return false;
   DIR* d = opendir(location.c_str());
   if (!d) return false;
   bool only_early = true;
   while (struct dirent* e = readdir(d)) {
     std::string n = e->d_name;
-    if (n == "." || n == ".." || n == Tavrel_View::LOCK_FILE || n == Tavrel_View::HOSTNAME_FILE ||
-        n == Tavrel_View::LOG_DIR)
+    if (n == "." || n == ".." || n == VIEW_STG_LOCK || n == VIEW_STG_HOSTNAME || n == VIEW_STG_LOG_DIR)
       continue;
     if (Tavrel_View_Storage::is_temporary_of(n, atomic_files())) continue;
     trace.writeTrace(TRACE_LEVEL_4, "%s holds %s: not a half-made view", location.c_str(), n.c_str());
@@ -276,7 +276,7 @@ bool lock_held_here(const std::string& lock_path) {
 bool Tavrel_View::is_abandoned_creation(const std::string& location) {
   struct stat st;
   if (lstat(location.c_str(), &st) != 0 || !S_ISDIR(st.st_mode) || st.st_uid != geteuid()) return false;
-  const std::string lock_path = location + "/" + LOCK_FILE;
+  const std::string lock_path = location + "/" + VIEW_STG_LOCK;
   // Asking who holds the lock opens and closes the lock file, which would drop a lock this process
   // holds: a storage locked here is in use anyway.
   if (lock_held_here(lock_path)) return false;
@@ -315,8 +315,8 @@ int Tavrel_View::create_view_storage() {
     if (holds_only_early_creation_files(m_storage_path)) {
       trace.writeTrace(TRACE_LEVEL_2, "Taking over %s, left half-made by an interrupted creation",
                        m_storage_path.c_str());
-      Tavrel_View_Storage::remove_tree(m_storage_path + "/" + HOSTNAME_FILE);
-      Tavrel_View_Storage::remove_tree(m_storage_path + "/" + LOG_DIR);
+      Tavrel_View_Storage::remove_tree(m_storage_path + "/" + VIEW_STG_HOSTNAME);
+      Tavrel_View_Storage::remove_tree(m_storage_path + "/" + VIEW_STG_LOG_DIR);
       Tavrel_View_Storage::remove_stale_temporaries(m_storage_path, atomic_files());
       chmod(m_storage_path.c_str(), 0700);
       m_created_storage = true;
@@ -419,7 +419,7 @@ int Tavrel_View::create_hostname_file() {
 int Tavrel_View::validate_hostname_file() {
   Tavrel_Trace trace(TAVREL, "Tavrel_View", "validate_hostname_file");
   const std::string host = host_name();
-  const std::string file = m_storage_path + "/" + HOSTNAME_FILE;
+  const std::string file = m_storage_path + "/" + VIEW_STG_HOSTNAME;
   std::string recorded;
   int result = -1;
   struct stat st;
@@ -441,15 +441,15 @@ int Tavrel_View::create_metadata_file() {
   Tavrel_Trace trace(TAVREL, "Tavrel_View", "create_metadata_file");
   const std::string url = g_hooks.server_url ? g_hooks.server_url() : std::string();
   const std::pair<const char*, std::string> fields[] = {
-      {VERSION_ID, VERSION_ID_VALUE},
-      {VIEW_UUID_KEY, m_view_uuid_str},
-      {VIEW_SERVER_TAG_KEY, m_server_tag},
-      {VIEW_TEXT_MODE_KEY, m_text_mode},
-      {VIEW_TYPE_KEY, m_view_type},
-      {VIEW_PTIME_KEY, m_preserve_time ? "true" : "false"},
-      {SERVER_URL_KEY, url},
-      {CLTXT_CACHE_DIR_KEY, m_cltxt_cache_dir},
-      {CACHE_SIZE_KEY, std::to_string(m_cache_size.load())},
+      {VIEW_MD_VERSION_ID, VIEW_MD_VERSION_ID_VALUE},
+      {VIEW_MD_VIEW_UUID, m_view_uuid_str},
+      {VIEW_MD_SERVER_TAG, m_server_tag},
+      {VIEW_MD_TEXT_MODE, m_text_mode},
+      {VIEW_MD_VIEW_TYPE, m_view_type},
+      {VIEW_MD_PRESERVE_TIME, m_preserve_time ? "true" : "false"},
+      {VIEW_MD_SERVER_URL, url},
+      {VIEW_MD_CLTXT_CACHE_DIR, m_cltxt_cache_dir},
+      {VIEW_MD_CACHE_SIZE, std::to_string(m_cache_size.load())},
   };
   std::string text;
   for (const auto& f : fields) {
@@ -459,9 +459,9 @@ int Tavrel_View::create_metadata_file() {
       append_message(TVR_LIB_WRITE_FILE, m_metadata_path.c_str(), "a value holds a line end");
       return TAVREL_ST_WRITE_FILE;
     }
-    text += std::string(f.first) + KEY_VALUE_SEP + f.second + "\n";
+    text += std::string(f.first) + VIEW_MD_SEP + f.second + "\n";
   }
-  if (text.size() > MAX_METADATA_FILE) {
+  if (text.size() > VIEW_METADATA_MAX_FILE) {
     append_message(TVR_LIB_WRITE_FILE, m_metadata_path.c_str(), "too long");
     return TAVREL_ST_WRITE_FILE;
   }
@@ -479,7 +479,7 @@ int Tavrel_View::get_view_info() { return read_metadata_file(0); }
 int Tavrel_View::read_metadata_file(int full) {
   Tavrel_Trace trace(TAVREL, "Tavrel_View", "read_metadata_file");
   std::string text;
-  if (Tavrel_View_Storage::read_regular_file(m_metadata_path, &text, MAX_METADATA_FILE) != 0) {
+  if (Tavrel_View_Storage::read_regular_file(m_metadata_path, &text, VIEW_METADATA_MAX_FILE) != 0) {
     int e = errno;
     trace.writeTrace(TRACE_LEVEL_1, "%s open failed. errno: %d", m_metadata_path.c_str(), e);
     if (e == EFBIG) {
@@ -493,30 +493,30 @@ int Tavrel_View::read_metadata_file(int full) {
   int status = 0;
   unsigned long cache_size = m_cache_size.load();
   size_t too_long = 0;
-  for (const std::string& line : Tavrel_View_Storage::split_lines(text, MAX_METADATA_LINE, &too_long)) {
-    trace.writeTrace(TRACE_LEVEL_5, "Read line [%s]", line.c_str());
-    size_t sep = line.find(KEY_VALUE_SEP);
-    if (sep == std::string::npos) continue;
-    const std::string key = strutl_trim(line.substr(0, sep));
-    const std::string value = strutl_trim(line.substr(sep + 1));
-    if (key == VIEW_UUID_KEY) {
+  std::vector<View_Metadata_Field> fields;
+  view_metadata_parse(text, &fields, &too_long);  // the read above kept the text within the bound
+  for (const View_Metadata_Field& field : fields) {
+    const std::string& key = field.key;
+    const std::string& value = field.value;
+    trace.writeTrace(TRACE_LEVEL_5, "Read line [%s=%s]", key.c_str(), value.c_str());
+    if (key == VIEW_MD_VIEW_UUID) {
       status = set_view_uuid(value);
       if (status != 0) break;
-    } else if (key == VIEW_SERVER_TAG_KEY) {
+    } else if (key == VIEW_MD_SERVER_TAG) {
       m_server_tag = value;
       trace.writeTrace(TRACE_LEVEL_4, "this=%lx server tag=%s", reinterpret_cast<unsigned long>(this), value.c_str());
       std::lock_guard<std::mutex> g(g_server_tag_lock);
       delete g_server_tag;
       g_server_tag = new std::string(value);
-    } else if (key == VIEW_TEXT_MODE_KEY) {
+    } else if (key == VIEW_MD_TEXT_MODE) {
       m_text_mode = value;
-    } else if (key == VIEW_TYPE_KEY) {
+    } else if (key == VIEW_MD_VIEW_TYPE) {
       m_view_type = value;
-    } else if (key == CLTXT_CACHE_DIR_KEY) {
+    } else if (key == VIEW_MD_CLTXT_CACHE_DIR) {
       m_cltxt_cache_dir = value;
-    } else if (key == VIEW_PTIME_KEY) {
+    } else if (key == VIEW_MD_PRESERVE_TIME) {
       m_preserve_time = value == "true" ? 1 : 0;
-    } else if (key == CACHE_SIZE_KEY) {
+    } else if (key == VIEW_MD_CACHE_SIZE) {
       unsigned long v = 0;
       if (!strutl_strtoul(value, &v) || v > UINT_MAX) {
         assign_message(TVR_LIB_PARSE_ERROR, m_metadata_path.c_str());

@@ -2,21 +2,12 @@
 // storage directory, creates and validates its contents, holds the view lock, and guards the update
 // gate and the view's generation number (GN).
 //
-// View storage directory (mode 0700, owned by the agent's user):
-//   .tavrel          metadata file, below
-//   .pid             view lock: the holder's decimal pid and a newline, under a POSIX write lock on the
-//                    whole file (server_lock_set); the kernel drops it when the holder dies, so a lock
-//                    left by a killed agent is simply taken over
-//   .hostname        the host the view was made on (gethostname and a newline); a start elsewhere is
-//                    refused
-//   .ipc/  log/  .mounted_silos  .config_spec*  database files: owned by their own classes
-// The cleartext cache directory lies anywhere and is marked by an empty file ".cltxt_cache" in it.
-//
-// Metadata file ".tavrel": one "key=value" line per field, split at the first "=", key and value
-// trimmed; unknown keys and lines without "=" are ignored. Written whole, atomically (temporary file,
-// fsync, rename), in this order: versionid (always 1.0), view-uuid, server-tag, text-mode, view-type,
-// preserve-silo-modified-time ("true"/"false"), server-url, cltxt-cache-dir, cache-size (decimal).
-// versionid and server-url are never read back. The file is at most MAX_METADATA_FILE bytes.
+// The names of the storage directory are in proto/view_storage_names.h. This class makes and checks
+// the metadata file (format in proto/view_metadata.h), the view lock ".pid" (server_lock_set; the
+// kernel drops it when the holder dies, so a lock left by a killed agent is simply taken over), the
+// host name file ".hostname" (a start on another host is refused) and the cache marker
+// ".cltxt_cache"; the other files belong to their own classes. The metadata file is written whole,
+// atomically (temporary file, fsync, rename); versionid and server-url are never read back.
 //
 // Creation order: storage directory (made exclusively), view lock, cache directory, host name file,
 // metadata, name-service cache, database, the view's namespace record, GN 0, kernel registration.
@@ -78,27 +69,8 @@ struct Tavrel_View_Hooks {
 
 class Tavrel_View {
  public:
-  static constexpr const char* METADATA_FILE = ".tavrel";
-  static constexpr const char* LOCK_FILE = ".pid";
-  static constexpr const char* HOSTNAME_FILE = ".hostname";
-  static constexpr const char* VIEW_IPC_DIR = ".ripc";
-  static constexpr const char* LOG_DIR = "log";
-  static constexpr const char* CLTXT_CACHE_MARKER = ".cltxt_cache";
-  static constexpr const char* KEY_VALUE_SEP = "=";
-  static constexpr const char* VERSION_ID = "versionid";
-  static constexpr const char* VERSION_ID_VALUE = "1.0";
-  static constexpr const char* VIEW_UUID_KEY = "view-uuid";
-  static constexpr const char* VIEW_SERVER_TAG_KEY = "server-tag";
-  static constexpr const char* VIEW_TEXT_MODE_KEY = "text-mode";
-  static constexpr const char* VIEW_TYPE_KEY = "view-type";
-  static constexpr const char* VIEW_PTIME_KEY = "preserve-silo-modified-time";
-  static constexpr const char* SERVER_URL_KEY = "server-url";
-  static constexpr const char* CLTXT_CACHE_DIR_KEY = "cltxt-cache-dir";
-  static constexpr const char* CACHE_SIZE_KEY = "cache-size";
   static constexpr const char* TKM_VIEW_TYPE = "tkm";
   static constexpr unsigned MIN_CACHE_SIZE = 0x400000;
-  static constexpr size_t MAX_METADATA_FILE = 64 * 1024;
-  static constexpr size_t MAX_METADATA_LINE = 16 * 1024;
   static constexpr int NO_LOCK = -2;
 
   // A view on an existing storage; nothing is read until start() or get_view_info().

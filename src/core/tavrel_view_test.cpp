@@ -25,6 +25,7 @@
 #include "core/tavrel_thread_manager_base.h"
 #include "core/tavrel_msg_table.h"
 #include "core/tavrel_view_storage.h"
+#include "proto/view_storage_names.h"
 
 namespace {
 
@@ -161,15 +162,15 @@ TEST_F(ViewTest, CreateMakesTheStorageAndRunsTheSequenceInOrder) {
   EXPECT_EQ(g_fake.calls, "cache,db,vns,register,");
   EXPECT_EQ(Tavrel_View::get_current_gn(), 0u);
   EXPECT_EQ(mode_of(m_stg), 0700u);
-  EXPECT_EQ(read_text(m_stg + "/.tavrel"),
+  EXPECT_EQ(read_text(m_stg + "/" + VIEW_STG_METADATA),
             std::string("versionid=1.0\nview-uuid=") + kUuid +
                 "\nserver-tag=v1\ntext-mode=unix\nview-type=auto\npreserve-silo-modified-time=true\n"
                 "server-url=" + kUrl + "\ncltxt-cache-dir=" + m_cache + "\ncache-size=0\n");
-  EXPECT_EQ(mode_of(m_stg + "/.tavrel"), 0600u);
+  EXPECT_EQ(mode_of(m_stg + "/" + VIEW_STG_METADATA), 0600u);
   EXPECT_EQ(read_text(m_stg + "/.hostname"), my_host() + "\n");
   EXPECT_EQ(read_text(m_stg + "/.pid"), std::to_string(getpid()) + "\n");
   EXPECT_TRUE(v->holds_lock());
-  EXPECT_TRUE(fileutl_exists(m_cache + "/.cltxt_cache"));
+  EXPECT_TRUE(fileutl_exists(m_cache + "/" + CLTXT_CACHE_MARKER));
   EXPECT_EQ(mode_of(m_cache), 0700u);
   EXPECT_EQ(v->get_db(), reinterpret_cast<Tavrel_View_db*>(&g_db_token));
   v.reset();
@@ -211,7 +212,7 @@ TEST_F(ViewTest, CreateRefusesWhatAlreadyExistsAndTouchesNothing) {
   const Case cases[] = {
       {"a view", [](const std::string& s) {
          fileutl_mkpath(s, 0700);
-         fileutl_write_atomic(s + "/.tavrel", "server-tag=old\n", 0600);
+         fileutl_write_atomic(s + "/" + VIEW_STG_METADATA, "server-tag=old\n", 0600);
        }},
       {"a regular file", [](const std::string& s) {
          fileutl_mkpath(fileutl_strip_leaf(s), 0700);
@@ -239,7 +240,7 @@ TEST_F(ViewTest, CreateRefusesWhatAlreadyExistsAndTouchesNothing) {
     v->cleanup_storage();
     EXPECT_TRUE(fileutl_exists(m_stg));
     if (std::string(c.name) == "a view") {
-      EXPECT_EQ(read_text(m_stg + "/.tavrel"), "server-tag=old\n");
+      EXPECT_EQ(read_text(m_stg + "/" + VIEW_STG_METADATA), "server-tag=old\n");
     }
     if (std::string(c.name) == "a directory with a stranger's file") {
       EXPECT_EQ(read_text(m_stg + "/notes.txt"), "keep me");
@@ -319,7 +320,7 @@ TEST_F(ViewTest, ASeamFailureStopsCreationAndCleanupRemovesWhatCreationMade) {
     EXPECT_EQ(v->create(), c.status);
     EXPECT_EQ(g_fake.calls, c.calls);
     EXPECT_EQ(v->get_status_message(), c.message);
-    EXPECT_TRUE(fileutl_exists(m_stg + "/.tavrel"));
+    EXPECT_TRUE(fileutl_exists(m_stg + "/" + VIEW_STG_METADATA));
     v->cleanup_storage();
     EXPECT_FALSE(fileutl_exists(m_stg));
     EXPECT_FALSE(fileutl_exists(m_cache)) << "the cache directory made by this creation goes too";
@@ -345,8 +346,8 @@ TEST_F(ViewTest, AStorageLeftHalfMadeByACrashIsTakenOverOnlyWhenNobodyOwnsIt) {
   write_text(m_stg + "/.hostname", my_host() + "\n");
   write_text(m_stg + "/.pid", "999999\n");
   write_text(m_stg + "/.hostname.tmpAbC123", "half");
-  fileutl_mkpath(m_stg + "/log", 0700);
-  write_text(m_stg + "/log/tvr.log", "INFO::...\n");
+  fileutl_mkpath(m_stg + "/" + VIEW_STG_LOG_DIR, 0700);
+  write_text(m_stg + "/" + VIEW_STG_LOG_DIR + "/" + VIEW_STG_LOG_FILE, "INFO::...\n");
   EXPECT_TRUE(Tavrel_View::is_abandoned_creation(m_stg));
 
   // While another process holds its lock, it is a creation in progress: refused, untouched.
@@ -381,9 +382,9 @@ TEST_F(ViewTest, AStorageLeftHalfMadeByACrashIsTakenOverOnlyWhenNobodyOwnsIt) {
   std::unique_ptr<Tavrel_View> v(new_view());
   ASSERT_EQ(v->create(), 0) << v->get_status_message();
   EXPECT_FALSE(fileutl_exists(m_stg + "/.hostname.tmpAbC123"));
-  EXPECT_FALSE(fileutl_exists(m_stg + "/log/tvr.log"));
+  EXPECT_FALSE(fileutl_exists(m_stg + "/" + VIEW_STG_LOG_DIR + "/" + VIEW_STG_LOG_FILE));
   EXPECT_EQ(read_text(m_stg + "/.pid"), std::to_string(getpid()) + "\n");
-  EXPECT_NE(read_text(m_stg + "/.tavrel").find("server-tag=v1\n"), std::string::npos);
+  EXPECT_NE(read_text(m_stg + "/" + VIEW_STG_METADATA).find("server-tag=v1\n"), std::string::npos);
   v.reset();
   EXPECT_FALSE(Tavrel_View::is_abandoned_creation(m_stg)) << "a storage with metadata is a view";
 }
@@ -435,7 +436,7 @@ TEST_F(ViewTest, CacheDirectoryRules) {
     while (plain.size() > 1 && plain.back() == '/') plain.pop_back();
     EXPECT_EQ(v.get_status_message(), c.message < 0 ? "" : imsg_format(&_tvr_lib_lib_msg_table, c.message, plain.c_str()));
     if (c.status == 0) {
-      EXPECT_TRUE(fileutl_exists(plain + "/.cltxt_cache"));
+      EXPECT_TRUE(fileutl_exists(plain + "/" + CLTXT_CACHE_MARKER));
     }
   }
   EXPECT_TRUE(fileutl_exists(m_root + "/c3/.c")) << "a shared cache is left as it is";
@@ -453,7 +454,7 @@ TEST_F(ViewTest, ACacheDirectoryOfAnotherUserIsRefused) {
   Tavrel_View v(kUuid, "v1", "unix", "auto", dir, m_stg, 0);
   EXPECT_EQ(v.validate_create_cache_dir(), TAVREL_ST_CACHE_NOT_EMPTY);
   EXPECT_NE(v.get_status_message().find("belongs to user"), std::string::npos) << v.get_status_message();
-  EXPECT_FALSE(fileutl_exists(dir + "/.cltxt_cache"));
+  EXPECT_FALSE(fileutl_exists(dir + "/" + CLTXT_CACHE_MARKER));
 }
 
 // ---------------------------------------------------------------------------------------------------
@@ -463,7 +464,7 @@ TEST_F(ViewTest, StartReadsTheViewBackAndRemovesTemporariesOfInterruptedRewrites
   make_view();
   write_text(m_stg + "/.tavrel.tmpQwErTy", "versionid=1.0\nview-uu");
   write_text(m_stg + "/.mounted_silos.tmp000001", "/proj=");
-  write_text(m_stg + "/.config_spec.tmp123456", "not ours");
+  write_text(m_stg + "/" + VIEW_STG_CONFIG_SPEC + ".tmp123456", "not ours");
   g_fake = Fake();
   g_fake.gn = 42;
   std::unique_ptr<Tavrel_View> v(Tavrel_View::get_view_from_stg(m_stg));
@@ -479,7 +480,7 @@ TEST_F(ViewTest, StartReadsTheViewBackAndRemovesTemporariesOfInterruptedRewrites
   EXPECT_TRUE(g_fake.last_enforce) << "the size from the file is raised to the minimum, not refused";
   EXPECT_FALSE(fileutl_exists(m_stg + "/.tavrel.tmpQwErTy"));
   EXPECT_FALSE(fileutl_exists(m_stg + "/.mounted_silos.tmp000001"));
-  EXPECT_TRUE(fileutl_exists(m_stg + "/.config_spec.tmp123456")) << "other files' temporaries are not ours";
+  EXPECT_TRUE(fileutl_exists(m_stg + "/" + VIEW_STG_CONFIG_SPEC + ".tmp123456")) << "other files' temporaries are not ours";
   EXPECT_EQ(read_text(m_stg + "/.pid"), std::to_string(getpid()) + "\n");
 }
 
@@ -573,7 +574,7 @@ TEST_F(ViewTest, MetadataParsingWithHostileLines) {
     int status;
     std::string message;
   };
-  const std::string meta = m_stg + "/.tavrel";
+  const std::string meta = m_stg + "/" + VIEW_STG_METADATA;
   const Case cases[] = {
       {"no server tag", head + good_rest, TAVREL_ST_VIEW_IDENTITY,
        imsg_format(&_tvr_lib_lib_msg_table, TVR_LIB_NO_SERVER_TAG, m_stg.c_str())},
@@ -610,7 +611,7 @@ TEST_F(ViewTest, MetadataParsingWithHostileLines) {
 
 TEST_F(ViewTest, MissingOrNonRegularMetadataIsNoViewInformation) {
   fileutl_mkpath(m_stg, 0700);
-  const std::string meta = m_stg + "/.tavrel";
+  const std::string meta = m_stg + "/" + VIEW_STG_METADATA;
   struct Case {
     const char* name;
     void (*prepare)(const std::string& meta);
@@ -634,7 +635,7 @@ TEST_F(ViewTest, MissingOrNonRegularMetadataIsNoViewInformation) {
 TEST_F(ViewTest, TheSpinesReReadAcceptsMetadataThatAFullReadWouldRefuse) {
   // After the first request the process re-reads the metadata without validating it.
   fileutl_mkpath(m_stg, 0700);
-  write_text(m_stg + "/.tavrel", std::string("view-uuid=") + kUuid + "\nserver-tag=t\nview-type=\n");
+  write_text(m_stg + "/" + VIEW_STG_METADATA, std::string("view-uuid=") + kUuid + "\nserver-tag=t\nview-type=\n");
   Tavrel_View v(m_stg);
   EXPECT_EQ(v.get_view_info(), 0);
   EXPECT_EQ(v.read_metadata_file(1), TAVREL_ST_VIEW_IDENTITY);
@@ -642,11 +643,11 @@ TEST_F(ViewTest, TheSpinesReReadAcceptsMetadataThatAFullReadWouldRefuse) {
 
 TEST_F(ViewTest, MetadataValuesThatWouldBreakTheFileAreRefused) {
   make_view();
-  const std::string before = read_text(m_stg + "/.tavrel");
+  const std::string before = read_text(m_stg + "/" + VIEW_STG_METADATA);
   std::unique_ptr<Tavrel_View> v(Tavrel_View::get_view_from_list(kUuid, "v1\nserver-tag=evil", "unix", "auto",
                                                                  m_cache, m_stg, 0));
   EXPECT_EQ(v->create_metadata_file(), TAVREL_ST_WRITE_FILE);
-  EXPECT_EQ(read_text(m_stg + "/.tavrel"), before);
+  EXPECT_EQ(read_text(m_stg + "/" + VIEW_STG_METADATA), before);
 }
 
 TEST_F(ViewTest, SetCacheSize) {
@@ -657,13 +658,13 @@ TEST_F(ViewTest, SetCacheSize) {
   EXPECT_EQ(v->set_cache_size(1000, msg, true), TAVREL_ST_FAILURE);
   EXPECT_EQ(msg, "Unable to set cache size to 1000: minimum size is 4194304\n");
   EXPECT_EQ(v->get_cache_size(), 0u);
-  EXPECT_NE(read_text(m_stg + "/.tavrel").find("cache-size=0\n"), std::string::npos);
+  EXPECT_NE(read_text(m_stg + "/" + VIEW_STG_METADATA).find("cache-size=0\n"), std::string::npos);
 
   msg.clear();
   EXPECT_EQ(v->set_cache_size(8388608, msg, true), 0);
   EXPECT_EQ(msg, "");
   EXPECT_FALSE(g_fake.last_enforce);
-  EXPECT_NE(read_text(m_stg + "/.tavrel").find("cache-size=8388608\n"), std::string::npos);
+  EXPECT_NE(read_text(m_stg + "/" + VIEW_STG_METADATA).find("cache-size=8388608\n"), std::string::npos);
 
   g_fake.set_size_rc = TBS_ST_INTERNAL;
   EXPECT_EQ(v->set_cache_size(9000000, msg, true), TAVREL_ST_FAILURE);
@@ -673,8 +674,8 @@ TEST_F(ViewTest, SetCacheSize) {
   // The size is set but cannot be saved.
   g_fake.set_size_rc = 0;
   msg.clear();
-  fileutl_rm(m_stg + "/.tavrel");
-  fileutl_mkpath(m_stg + "/.tavrel", 0700);
+  fileutl_rm(m_stg + "/" + VIEW_STG_METADATA);
+  fileutl_mkpath(m_stg + "/" + VIEW_STG_METADATA, 0700);
   EXPECT_EQ(v->set_cache_size(9000000, msg, true), TAVREL_ST_WRITE_FILE);
   EXPECT_EQ(msg, "Unable to save cache size to metadata file\n");
 }

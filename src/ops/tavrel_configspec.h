@@ -12,10 +12,10 @@
 
 #include <string>
 
+#include "proto/view_storage_names.h"
+
 class Tavrel_ConfigSpec {
  public:
-  static constexpr const char* ELEM_RULE_FILE = ".config_spec";
-  static constexpr const char* TKM_ELEM_RULE_FILE = ".config_spec_tkm";
   // Larger rule files are refused as unreadable (20001).
   static constexpr size_t MAX_RULE_FILE = 64u << 20;
 
@@ -28,10 +28,10 @@ class Tavrel_ConfigSpec {
   // Writes `text` as the whole content of a rule file. 0 or 20008.
   int save_rules(const std::string& file, const std::string& text);
 
-  int get_cached_elem_rules(std::string& out) { return get_rules(ELEM_RULE_FILE, out); }
-  int get_cached_tkm_elem_rules(std::string& out) { return get_rules(TKM_ELEM_RULE_FILE, out); }
-  int save_elem_rules(const std::string& text) { return save_rules(ELEM_RULE_FILE, text); }
-  int save_tkm_elem_rules(const std::string& text) { return save_rules(TKM_ELEM_RULE_FILE, text); }
+  int get_cached_elem_rules(std::string& out) { return get_rules(VIEW_STG_CONFIG_SPEC, out); }
+  int get_cached_tkm_elem_rules(std::string& out) { return get_rules(VIEW_STG_CONFIG_SPEC_TKM, out); }
+  int save_elem_rules(const std::string& text) { return save_rules(VIEW_STG_CONFIG_SPEC, text); }
+  int save_tkm_elem_rules(const std::string& text) { return save_rules(VIEW_STG_CONFIG_SPEC_TKM, text); }
 
   const std::string& get_storage() const { return m_storage; }
 

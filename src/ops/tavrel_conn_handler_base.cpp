@@ -20,7 +20,7 @@ Tavrel_Conn_Handler_Base* Tavrel_Conn_Handler_Base::get_conn_handler(Tavrel_View
 }
 
 std::string Tavrel_Conn_Handler_Base::listener_path(const std::string& storage_path) {
-  return storage_path + "/" + Tavrel_Conn_Handler_Unix::IPC_DIR + "/" + LISTENER_PIPE_NAME;
+  return storage_path + "/" + VIEW_STG_IPC_DIR + "/" + VIEW_STG_LISTENER;
 }
 
 bool Tavrel_Conn_Handler_Base::valid_client_id(const std::string& id) {

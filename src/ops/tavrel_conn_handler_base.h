@@ -10,16 +10,13 @@
 #include <string>
 
 #include "core/tavrel_olthread.h"
+#include "proto/view_storage_names.h"
 
 class Tavrel_View;
 class Tavrel_Client;
 
 class Tavrel_Conn_Handler_Base : public Tavrel_OlThread {
  public:
-  static constexpr const char* LISTENER_PIPE_NAME = "rlistener";
-  static constexpr const char* REQ_PIPE_NAME = "request";
-  static constexpr const char* RESP_PIPE_NAME = "response";
-  static constexpr const char* PIPE_SEP = "_";
   static constexpr unsigned MAX_CONNECTION_LINE = 4096;
 
   static Tavrel_Conn_Handler_Base* get_conn_handler(Tavrel_View* view);

@@ -34,7 +34,7 @@ Tavrel_Conn_Handler_Unix::~Tavrel_Conn_Handler_Unix() {
 
 int Tavrel_Conn_Handler_Unix::check_ipc_dir(const std::string& storage_path) {
   Tavrel_Trace trace(TAVREL, "Tavrel_Conn_Handler_Unix", "check_ipc_dir");
-  std::string dir = storage_path + "/" + IPC_DIR;
+  std::string dir = storage_path + "/" + VIEW_STG_IPC_DIR;
   struct stat st;
   if (lstat(dir.c_str(), &st) != 0) {
     if (errno != ENOENT) return TAVREL_ST_PIPE;
@@ -158,15 +158,15 @@ int Tavrel_Conn_Handler_Unix::get_connection_request(std::string& id) {
 
 int Tavrel_Conn_Handler_Unix::create_client_connections(const std::string& id, Tavrel_Client* client) {
   Tavrel_Trace trace(TAVREL, "Tavrel_Conn_Handler_Unix", "create_client_connections");
-  std::string dir = m_view->get_storage_path() + "/" + IPC_DIR + "/";
-  std::string req = dir + REQ_PIPE_NAME + PIPE_SEP + id;
+  std::string dir = m_view->get_storage_path() + "/" + VIEW_STG_IPC_DIR + "/";
+  std::string req = dir + VIEW_STG_REQUEST_PIPE + VIEW_STG_PIPE_SEP + id;
   int status = create_pipe(req, false);
   if (status != 0) {
     trace.writeTrace(TRACE_LEVEL_1, "Error creating client request pipe (%d)", status);
     return status;
   }
   client->m_request_path = req;
-  std::string resp = dir + RESP_PIPE_NAME + PIPE_SEP + id;
+  std::string resp = dir + VIEW_STG_RESPONSE_PIPE + VIEW_STG_PIPE_SEP + id;
   status = create_pipe(resp, false);
   if (status != 0) {
     trace.writeTrace(TRACE_LEVEL_1, "Error creating client response  pipe (%d)", status);

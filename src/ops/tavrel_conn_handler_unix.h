@@ -8,8 +8,6 @@
 
 class Tavrel_Conn_Handler_Unix : public Tavrel_Conn_Handler_Base {
  public:
-  static constexpr const char* IPC_DIR = ".ipc";
-
   explicit Tavrel_Conn_Handler_Unix(Tavrel_View* view);
   ~Tavrel_Conn_Handler_Unix() override;
 

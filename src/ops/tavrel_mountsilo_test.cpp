@@ -20,6 +20,7 @@
 #include "ops/tavrel_endview.h"
 #include "ops/tavrel_mountsilo.h"
 #include "ops/tavrel_server.h"
+#include "proto/view_storage_names.h"
 #include "server/importer.h"
 #include "server/wan_server.h"
 #include "wan/rclient_session.h"
@@ -152,7 +153,7 @@ class MountOps : public ::testing::Test {
   }
   std::string mounted_file() {
     std::string text;
-    if (fileutl_read_file(storage + "/.mounted_silos", &text, 1 << 20) != 0) return "<none>";
+    if (fileutl_read_file(storage + "/" + VIEW_STG_MOUNTED_SILOS, &text, 1 << 20) != 0) return "<none>";
     return text;
   }
   std::vector<kfsm_command> commands_of(uint32_t cmd) {
@@ -303,8 +304,8 @@ TEST_F(MountOps, TableEntriesTheModuleCannotUseOrTheFileCannotKeep) {
 
   // The file cannot be written (a directory stands in its place): the module and the table in memory
   // have the SILO, the answer says 20043.
-  ASSERT_EQ(unlink((storage + "/.mounted_silos").c_str()), 0);
-  ASSERT_EQ(mkdir((storage + "/.mounted_silos").c_str(), 0700), 0);
+  ASSERT_EQ(unlink((storage + "/" + VIEW_STG_MOUNTED_SILOS).c_str()), 0);
+  ASSERT_EQ(mkdir((storage + "/" + VIEW_STG_MOUNTED_SILOS).c_str(), 0700), 0);
   EXPECT_EQ(mount("/proj").status(), TAVREL_ST_MOUNTED_FILE);
   EXPECT_EQ(commands_of(KFSM_CMD_MOUNT).size(), 1u);
   EXPECT_EQ(ask("IsSiloMounted", "/proj"), "true");
@@ -342,7 +343,7 @@ TEST_F(MountOps, RemountMountsWhatTheFileListsAndGoesOnPastFailures) {
   // path holding the field separator.
   other.storage = "/global/other=store";
   const std::string file = line_of(other) + "garbage-without-identities\n" + line_of(proj);
-  ASSERT_EQ(fileutl_write_atomic(storage + "/.mounted_silos", file, 0600), 0);
+  ASSERT_EQ(fileutl_write_atomic(storage + "/" + VIEW_STG_MOUNTED_SILOS, file, 0600), 0);
   Tavrel_Server::set_online(false);  // a remount needs no server
   ASSERT_EQ(Tavrel_Config::get_instance()->remount_silos(), 0);
   auto mounts = commands_of(KFSM_CMD_MOUNT);

@@ -14,6 +14,7 @@
 #include "ops/ops_test_util.h"
 #include "ops/tavrel_configspec.h"
 #include "ops/tavrel_server.h"
+#include "proto/view_storage_names.h"
 
 namespace {
 
@@ -101,16 +102,16 @@ TEST_F(ViewOps, MkViewOfflineMakesTheViewAndASecondOneFindsItThere) {
   ASSERT_EQ(r.status(), 0) << r.message;
   EXPECT_FALSE(Tavrel_Server::is_online());
   std::string meta;
-  ASSERT_EQ(fileutl_read_file(storage + "/.tavrel", &meta, 1 << 16), 0);
+  ASSERT_EQ(fileutl_read_file(storage + "/" + VIEW_STG_METADATA, &meta, 1 << 16), 0);
   EXPECT_NE(meta.find("server-url=http://127.0.0.1:9/tavrel\n"), std::string::npos) << meta;
   EXPECT_NE(meta.find("preserve-silo-modified-time=true\n"), std::string::npos) << meta;
-  EXPECT_FALSE(fileutl_exists(storage + "/.config_spec")) << "offline: no rules fetched";
+  EXPECT_FALSE(fileutl_exists(storage + "/" + VIEW_STG_CONFIG_SPEC)) << "offline: no rules fetched";
   // The first operation is gone with its view, and the lock with it; the storage stays.
   Reply again = run("<MkView version=\"1\" tx-id=\"t9\">" + mkview("", kOffline).substr(19));
   EXPECT_EQ(again.status(), TAVREL_ST_STORAGE_EXISTS);
   EXPECT_EQ(again.attr("tx-id"), "t9");
   EXPECT_EQ(again.message, "View at \"" + storage + "\" exists.\n");
-  EXPECT_TRUE(fileutl_exists(storage + "/.tavrel"));
+  EXPECT_TRUE(fileutl_exists(storage + "/" + VIEW_STG_METADATA));
 }
 
 TEST_F(ViewOps, StartViewAndConnectRefusals) {

@@ -12,6 +12,7 @@
 #include "ops/tavrel_abstract_op.h"
 #include "ops/tavrel_conn_handler_base.h"
 #include "ops/tavrel_request_handler_base.h"
+#include "proto/view_storage_names.h"
 
 namespace {
 
@@ -58,7 +59,7 @@ TEST(Transport, ClientIds) {
 TEST(Transport, CreatePipeOverWhatIsThere) {
   char tmpl[] = "/tmp/tavrel-pipe-XXXXXX";
   std::string dir = mkdtemp(tmpl);
-  std::string ipc = dir + "/.ipc/";
+  std::string ipc = dir + "/" + VIEW_STG_IPC_DIR + "/";
   // Fresh path, parents made 0700.
   ASSERT_EQ(Tavrel_Conn_Handler_Base::create_pipe(ipc + "request_a", false), 0);
   struct stat st;

@@ -15,7 +15,6 @@
 #pragma once
 
 #include "proto/view_rpc.h"
-#include "proto/view_rpc.h"
 #include "proto/xdr_prim.h"
 
 typedef tbs_uuid_s view_handle_t;

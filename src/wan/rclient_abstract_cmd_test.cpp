@@ -15,6 +15,7 @@
 #include "core/tavrel_log.h"
 #include "core/tavrel_status.h"
 #include "proto/reply_writer.h"
+#include "proto/view_storage_names.h"
 #include "proto/wan_names.h"
 #include "wan/base64.h"
 #include "wan/get_cleartext.h"
@@ -242,7 +243,7 @@ TEST_F(ServedCmdTest, FailedRpcIsLoggedWithItsStatuses) {
   EXPECT_EQ(status, TBS_ST_FAILURE);
   EXPECT_EQ(message, "before:Unable to complete RPC to WAN server.Authorization failure, check username and password.\n");
   std::stringstream text;
-  text << std::ifstream(home->path() + "/log/tvr.log").rdbuf();
+  text << std::ifstream(home->path() + "/" + VIEW_STG_LOG_DIR + "/" + VIEW_STG_LOG_FILE).rdbuf();
   EXPECT_THAT(text.str(), HasSubstr("ERROR::"));
   EXPECT_THAT(text.str(), HasSubstr("WAN RPC \"Tavrel_Orlen::login_rpc\" failed : WAN status code 30002, status code "
                                     "-1, message \"Authorization failure, check username and password.\\n\"."));

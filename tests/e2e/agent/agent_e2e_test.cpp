@@ -128,7 +128,7 @@ class Agent {
     return WIFEXITED(st) ? WEXITSTATUS(st) : 128 + WTERMSIG(st);
   }
 
-  std::string listener() const { return m_storage + "/.ipc/rlistener"; }
+  std::string listener() const { return m_storage + "/" + VIEW_STG_IPC_DIR + "/" + VIEW_STG_LISTENER; }
   // Everything the agent traced (all trace files of this home).
   std::string traces() const {
     std::string all;
@@ -140,7 +140,7 @@ class Agent {
     return all;
   }
   const std::string& storage() const { return m_storage; }
-  std::string log() const { return read_text(m_storage + "/log/tvr.log"); }
+  std::string log() const { return read_text(m_storage + "/" + VIEW_STG_LOG_DIR + "/" + VIEW_STG_LOG_FILE); }
 
  private:
   std::string m_dir, m_home, m_storage;

@@ -21,6 +21,7 @@
 #include "core/tavrel_view.h"
 #include "apps/tavrel_agent/tavrel_view_handler.h"
 #include "ops/tavrel_abstract_op.h"
+#include "proto/view_storage_names.h"
 
 namespace {
 
@@ -48,7 +49,7 @@ class FixtureOp : public Tavrel_AbstractOp {
         m_status_message = "asked to fail\n";
         return;
       }
-      std::string meta = m_view_location + "/.tavrel";
+      std::string meta = m_view_location + "/" + VIEW_STG_METADATA;
       if (!fileutl_exists(meta)) {
         fileutl_mkpath(m_view_location, 0700);
         fileutl_write_atomic(meta,
@@ -59,7 +60,7 @@ class FixtureOp : public Tavrel_AbstractOp {
       }
       // Like a real view: the lock tells clients who runs it.
       pid_t owner = 0;
-      if (server_lock_set(m_view_location + "/.pid", &owner) == -2) {
+      if (server_lock_set(m_view_location + "/" + VIEW_STG_LOCK, &owner) == -2) {
         m_status = TAVREL_ST_VIEW_LOCKED;
         return;
       }

@@ -12,6 +12,7 @@
 #include <gtest/gtest.h>
 
 #include "base/fileutl.h"
+#include "proto/view_storage_names.h"
 
 namespace {
 

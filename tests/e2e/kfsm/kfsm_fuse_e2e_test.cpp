@@ -36,6 +36,7 @@
 #include "kfsmd/core/kfsmd_scripted_agent.h"
 #include "tests/e2e/e2e_fuse.h"
 #include "proto/view_records.h"
+#include "proto/view_storage_names.h"
 
 namespace {
 
@@ -89,7 +90,7 @@ class KfsmFuse : public ::testing::Test {
     ASSERT_EQ(mkdir(cache.c_str(), 0700), 0);
     ASSERT_EQ(mkdir((cache + "/c").c_str(), 0700), 0);
     std::ofstream(cache + "/c/hello") << kContent;
-    std::ofstream(storage + "/.tavrel") << "versionid=1.0\nview-uuid=" << kViewUuid << "\ncltxt-cache-dir=" << cache << "\n";
+    std::ofstream(storage + "/" + VIEW_STG_METADATA) << "versionid=1.0\nview-uuid=" << kViewUuid << "\ncltxt-cache-dir=" << cache << "\n";
     setenv("TAVREL_KFSM_SOCKET", sock.c_str(), 1);
     setenv("TAVREL_VIEW_ROOT", root.c_str(), 1);
     start_daemon();

@@ -208,7 +208,7 @@ TEST_F(SiloMounts, MountsComeBackWhenTheViewStartsAgain) {
   Outcome end = tavrel({"endview"});
   ASSERT_EQ(end.code, 0) << end.out << end.err;
   EXPECT_EQ(mounts_under(root + "/"), std::vector<std::string>{});
-  EXPECT_NE(slurp(storage + "/.mounted_silos").find("/proj="), std::string::npos);
+  EXPECT_NE(slurp(storage + "/" + VIEW_STG_MOUNTED_SILOS).find("/proj="), std::string::npos);
 
   Outcome start = tavrel({"--trace", "4", "startview", "--server-url", url(), "--user", "alice", "--password-file",
                           dir + "/pw"});
@@ -217,10 +217,10 @@ TEST_F(SiloMounts, MountsComeBackWhenTheViewStartsAgain) {
   EXPECT_TRUE(mounted(proj_mp)) << slurp("/proc/self/mounts");
   EXPECT_FALSE(mounted(lib_mp)) << "unmounted before the end, so not mounted again";
   EXPECT_EQ(tavrel({"mounts"}).out, "/proj\n");
-  EXPECT_EQ(slurp(storage + "/log/tvr.log").find("SILO remount failed"), std::string::npos);
+  EXPECT_EQ(slurp(storage + "/" + VIEW_STG_LOG_DIR + "/" + VIEW_STG_LOG_FILE).find("SILO remount failed"), std::string::npos);
 
   // EndView while the mount point is busy: the SILO is tried twice, the view stays up and says why.
-  pid_t agent = server_lock_holder(storage + "/.pid");
+  pid_t agent = server_lock_holder(storage + "/" + VIEW_STG_LOCK);
   ASSERT_GT(agent, 0);
   int held = open(proj_mp.c_str(), O_PATH | O_CLOEXEC);
   ASSERT_GE(held, 0) << strerror(errno);
@@ -229,7 +229,7 @@ TEST_F(SiloMounts, MountsComeBackWhenTheViewStartsAgain) {
   EXPECT_NE(busy.err.find("Unable to unmount SILO /proj"), std::string::npos) << busy.err;
   EXPECT_NE(busy.err.find("Not every SILO could be unmounted"), std::string::npos) << busy.err;
   EXPECT_TRUE(mounted(proj_mp));
-  EXPECT_EQ(server_lock_holder(storage + "/.pid"), agent);
+  EXPECT_EQ(server_lock_holder(storage + "/" + VIEW_STG_LOCK), agent);
   EXPECT_EQ(tavrel({"mounts"}).out, "/proj\n");
 
   // The forced end (a signal) with the mount point still busy: tried twice, then the view is
@@ -256,11 +256,11 @@ TEST_F(SiloMounts, MountsComeBackWhenTheViewStartsAgain) {
   EXPECT_NE(unregistered, std::string::npos);
   EXPECT_LT(busy_at, failed);
   EXPECT_LT(failed, unregistered);
-  EXPECT_EQ(server_lock_holder(storage + "/.pid"), agent) << "a forced end that could not unmount keeps running";
+  EXPECT_EQ(server_lock_holder(storage + "/" + VIEW_STG_LOCK), agent) << "a forced end that could not unmount keeps running";
   // EndView then ends it: the module no longer knows the view, so nothing of it is mounted.
   Outcome end2 = tavrel({"endview"});
   ASSERT_EQ(end2.code, 0) << end2.out << end2.err;
-  EXPECT_LE(server_lock_holder(storage + "/.pid"), 0);
+  EXPECT_LE(server_lock_holder(storage + "/" + VIEW_STG_LOCK), 0);
 
   // Offline too: the start needs no server to mount what the file lists.
   ASSERT_EQ(tavrel({"startview", "--offline", "--server-url", url()}).code, 0);

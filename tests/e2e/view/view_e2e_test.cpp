@@ -131,7 +131,7 @@ class ViewLife : public ::testing::Test {
     return false;
   }
 
-  pid_t agent_pid() { return server_lock_holder(storage + "/.pid"); }
+  pid_t agent_pid() { return server_lock_holder(storage + "/" + VIEW_STG_LOCK); }
 
   std::string dir, home, storage, store, socket_path;
   pid_t peer = -1, server = -1;
@@ -148,8 +148,8 @@ TEST_F(ViewLife, MakeEndAndStartAgainAgainstTheServer) {
   ASSERT_EQ(seen.size(), 2u);
   EXPECT_TRUE(has(seen, "login"));
   EXPECT_TRUE(has(seen, "getconfigspec"));
-  EXPECT_FALSE(slurp(storage + "/.config_spec").empty());
-  std::string meta = slurp(storage + "/.tavrel");
+  EXPECT_FALSE(slurp(storage + "/" + VIEW_STG_CONFIG_SPEC).empty());
+  std::string meta = slurp(storage + "/" + VIEW_STG_METADATA);
   EXPECT_NE(meta.find("server-tag=v1\n"), std::string::npos) << meta;
   EXPECT_NE(meta.find("server-url=" + url() + "tavrel\n"), std::string::npos) << meta;
 
@@ -168,7 +168,7 @@ TEST_F(ViewLife, MakeEndAndStartAgainAgainstTheServer) {
   ASSERT_EQ(end.code, 0) << end.err;
   EXPECT_EQ(end.out, "view ended\n");
   EXPECT_LE(agent_pid(), 0);
-  EXPECT_FALSE(fileutl_exists(storage + "/.ipc/rlistener"));
+  EXPECT_FALSE(fileutl_exists(storage + "/" + VIEW_STG_IPC_DIR + "/" + VIEW_STG_LISTENER));
   EXPECT_TRUE(has(rpcs(), "logout"));
 
   size_t before = rpcs().size();
@@ -181,14 +181,14 @@ TEST_F(ViewLife, MakeEndAndStartAgainAgainstTheServer) {
 
   // The process records its start and end in the view's log.
   ASSERT_EQ(tavrel({"endview"}).code, 0);
-  std::string log = slurp(storage + "/log/tvr.log");
+  std::string log = slurp(storage + "/" + VIEW_STG_LOG_DIR + "/" + VIEW_STG_LOG_FILE);
   EXPECT_NE(log.find("Using view \"" + storage + "\""), std::string::npos) << log;
   EXPECT_NE(log.find("Exiting, status = 0."), std::string::npos) << log;
   EXPECT_EQ(log.find("Interrupted"), std::string::npos) << "ended by request, not by signal: " << log;
   // The forced end by signal says so in the log.
   ASSERT_EQ(tavrel({"startview"}, creds()).code, 0);
   ASSERT_EQ(tavrel({"endview", "--signal"}).code, 0);
-  EXPECT_NE(slurp(storage + "/log/tvr.log").find("Interrupted...exiting."), std::string::npos);
+  EXPECT_NE(slurp(storage + "/" + VIEW_STG_LOG_DIR + "/" + VIEW_STG_LOG_FILE).find("Interrupted...exiting."), std::string::npos);
 }
 
 TEST_F(ViewLife, StartOfflineWhileTheServerIsDownThenConnect) {
@@ -200,7 +200,7 @@ TEST_F(ViewLife, StartOfflineWhileTheServerIsDownThenConnect) {
   Outcome start = tavrel({"startview"}, creds());
   ASSERT_EQ(start.code, 0) << start.out << start.err;
   EXPECT_NE(start.err.find("Unable to connect to server"), std::string::npos) << start.err;
-  EXPECT_NE(slurp(storage + "/log/tvr.log").find("WARN"), std::string::npos);
+  EXPECT_NE(slurp(storage + "/" + VIEW_STG_LOG_DIR + "/" + VIEW_STG_LOG_FILE).find("WARN"), std::string::npos);
   EXPECT_GT(agent_pid(), 0);
 
   // Connect while the server is still down fails and leaves the view running offline.
@@ -266,7 +266,7 @@ TEST_F(ViewLife, SecondStartOfARunningViewIsRefusedAndTheFirstGoesOn) {
   EXPECT_NE(second.out.find("status-code=\"3\""), std::string::npos) << second.out;
   EXPECT_NE(second.out.find("in use by process " + std::to_string(first)), std::string::npos) << second.out;
   EXPECT_EQ(agent_pid(), first);
-  EXPECT_TRUE(fileutl_exists(storage + "/.ipc/rlistener")) << "the refused agent leaves the running one's listener";
+  EXPECT_TRUE(fileutl_exists(storage + "/" + VIEW_STG_IPC_DIR + "/" + VIEW_STG_LISTENER)) << "the refused agent leaves the running one's listener";
   EXPECT_EQ(tavrel({"--json", "status"}).code, 0);
   Outcome again = tavrel({"startview"}, creds());
   EXPECT_EQ(again.code, 0);
@@ -274,7 +274,7 @@ TEST_F(ViewLife, SecondStartOfARunningViewIsRefusedAndTheFirstGoesOn) {
   // MkView over it: the storage exists.
   Outcome mk = tavrel({"mkview", "--tag", "v4"}, creds());
   EXPECT_EQ(mk.code, 1);
-  EXPECT_TRUE(fileutl_exists(storage + "/.tavrel"));
+  EXPECT_TRUE(fileutl_exists(storage + "/" + VIEW_STG_METADATA));
   EXPECT_EQ(agent_pid(), first);
 }
 
@@ -284,7 +284,7 @@ TEST_F(ViewLife, KilledAgentLeavesAViewThatStartsCleanly) {
   pid_t pid = agent_pid();
   ASSERT_GT(pid, 0);
   ASSERT_EQ(kill(pid, SIGKILL), 0);
-  ASSERT_TRUE(wait_for(10000, [&] { return agent_pid() <= 0 && !fileutl_exists(storage + "/.ipc/rlistener"); }));
+  ASSERT_TRUE(wait_for(10000, [&] { return agent_pid() <= 0 && !fileutl_exists(storage + "/" + VIEW_STG_IPC_DIR + "/" + VIEW_STG_LISTENER); }));
   Outcome start = tavrel({"startview"}, creds());
   ASSERT_EQ(start.code, 0) << start.out << start.err;
   EXPECT_GT(agent_pid(), 0);
