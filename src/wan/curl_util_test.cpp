@@ -1,7 +1,7 @@
 // The TLS decisions against an HTTPS server with certificates made for the test: trust from the key
-// store in the home directory (or "cacert.pem" of the host configuration directory), pinned server
-// keys, the host-name marker file, the environment switches, the protocol floor, and reuse of
-// connections and TLS sessions.
+// store in the home directory or "cacert.pem" of the host configuration directory, pinned server keys,
+// the host-name marker file, the environment switches, the protocol floor, and reuse of connections
+// and TLS sessions.
 #include "wan/curl_util.h"
 
 #include <httplib.h>
@@ -114,20 +114,18 @@ TEST_F(TlsTest, WhatTheClientTrusts) {
   }
 }
 
+// A session set up without a key store (not by a first login as the agent) trusts the host's CA file.
 TEST_F(TlsTest, WithoutAKeyStoreTheHostCaFileIsUsed) {
   auto s = start(good());
   const std::string cacert = host_config_dir() + "/cacert.pem";
   EXPECT_EQ(Curl_Util::cacert_path(), cacert);
-  std::remove(cacert.c_str());
   point_at(s->base_url());
-  Test_Cmd first("R");
-  EXPECT_EQ(first.run(), RCLIENT_ST_TRANSPORT);
-  { std::ofstream(cacert) << good().cert_pem; }
-  Login login_cmd;  // re-login from the cached credentials
-  EXPECT_EQ(login_cmd.run(), 0);
-  Test_Cmd second("R");
-  EXPECT_EQ(second.run(), 0);
-  std::remove(cacert.c_str());
+  EXPECT_EQ(Login().run(), RCLIENT_ST_TRANSPORT);
+  std::ofstream(cacert) << good().cert_pem;
+  EXPECT_EQ(Login().run(), 0);  // from the cached credentials
+  Test_Cmd cmd("R");
+  EXPECT_EQ(cmd.run(), 0);
+  std::filesystem::remove(cacert);
 }
 
 TEST_F(TlsTest, ProtocolFloorIsTls12UnlessRelaxed) {

@@ -1,5 +1,5 @@
-// Login's own rules: the per-server key store name and the key store choice; and that no password
-// reaches the trace.
+// Login's own rules: the per-server key store name (its choice is tried in curl_util_test.cpp), and
+// that no password reaches the trace.
 #include "wan/login.h"
 
 #include <httplib.h>
@@ -33,16 +33,6 @@ TEST(Login, TrimUrlHostname) {
     Login::trim_url_hostname(u);
     EXPECT_EQ(u, expect) << url;
   }
-}
-
-// A pinned key file of the server's name and port, when there is one; the common key store otherwise.
-TEST_F(LoginTest, KeystoreChoice) {
-  const std::string h = home->path(), common = h + "/.keystore_ol_tavrel.pem";
-  EXPECT_EQ(Login::keystore_for(h, "https://srv.example:8443/tavrel"), common);
-  home->write_file(".keystore_ol_tavrel_srv.example(8443).der", "key");
-  EXPECT_EQ(Login::keystore_for(h, "https://srv.example:8443/tavrel"), h + "/.keystore_ol_tavrel_srv.example(8443).der");
-  EXPECT_EQ(Login::keystore_for(h, "https://srv.example/tavrel"), common);
-  EXPECT_EQ(Login::keystore_for(h, "http://srv.example:8443/tavrel"), common);
 }
 
 TEST_F(LoginTest, PasswordsNeverReachTheTrace) {

@@ -29,13 +29,7 @@ using ::testing::HasSubstr;
 
 namespace {
 
-class CmdTest : public WanTest {
- protected:
-  // A session that is set up for the server at `port` but not logged in.
-  void point_at(int port) {
-    session()->init("http://127.0.0.1:" + std::to_string(port) + "/tavrel", "u", "", "p", "", "", "", "", "", 0, "", "");
-  }
-};
+using CmdTest = WanTest;
 using ServedCmdTest = ScriptedServerTest;
 
 // The request as the client must write it: the request line, the fixed headers, `extra` header lines,
@@ -125,100 +119,56 @@ TEST_F(CmdTest, RawRepliesOverTheWire) {
   };
   const int EOF_ = RCLIENT_ST_PREMATURE_EOF, HTTP = RCLIENT_ST_HTTP_STATUS;
   const std::vector<Row> rows = {
-      {http_reply(doc, 0, 201), 0, 0, "", 2},
       {refused(401), RCLIENT_ST_AUTH, -1, auth, 0},
       {refused(403), RCLIENT_ST_AUTH, -1, auth, 0},
       {refused(404), RCLIENT_ST_NOT_FOUND, -1, "Not found.\n", 0},
       {refused(500), HTTP, -1, "Status code from RPC = 500", 0},
-      {refused(400), HTTP, -1, "Status code from RPC = 400", 0},
       {refused(302, "Location: http://127.0.0.1:1/elsewhere\r\n"), HTTP, -1, "Status code from RPC = 302", 0},
-      {cut(doc, a - 4), EOF_, -1, "", 0},
       {cut(doc, a), 0, -1, "", 1},
       {cut(doc, a + 10), EOF_, -1, "", 1},
-      {cut(doc, doc.size() - 3), EOF_, 0, "", 2},
-      {cut(doc, doc.size()), 0, 0, "", 2},
       {http_reply(no_status), 0, -1, "", 1},  // a failure of the RPC, not of the transfer
       {http_reply(doc, 0, 200, flood), RCLIENT_ST_TRANSPORT, -1, "", 0},
       {cut(cltxt, 10), EOF_, -1, "", -1},
-      {cut(cltxt, data_at - 3), EOF_, -1, "", -1},
       {cut(cltxt, data_at), EOF_, -1, "", -1},
       {cut(cltxt, data_at + 20000), EOF_, -1, "", -1},
-      {cut(cltxt, status_at), EOF_, -1, "", -1},
       {cut(cltxt, status_at + 30), EOF_, -1, "", -1},
       {cut(cltxt, cltxt.size() - 2), EOF_, 0, "", -1},  // data and Status both there, not the end
       {cut(cltxt, cltxt.size()), 0, 0, "", -1},
+      // Last, as the session keeps what it learns: a cookie, but no "Session=" one to log in with.
+      {http_reply(doc, 0, 201, "Set-Cookie: JSESSIONID=abc; Path=/\r\nX-Empty:\r\n"), 0, 0, "", 2},
   };
-  const std::string out = home->path() + "/out";
   for (const Row& r : rows) {
     SCOPED_TRACE(r.reply.substr(0, 20) + " " + std::to_string(r.reply.size()));
     Raw_Server raw([&](int fd, const std::string&) {
       send_all(fd, r.reply);
       return false;
     });
-    point_at(raw.port());
+    point_at(local_url(raw.port()));
     std::unique_ptr<RClient_Abstract_Cmd> cmd;
     if (r.parts < 0)
-      cmd = std::make_unique<Get_ClearText>("/cltxt/r/v/unix", out);
+      cmd = std::make_unique<Get_ClearText>("/cltxt/r/v/unix", home->path() + "/out");
     else
       cmd = std::make_unique<Test_Cmd>("R");
     EXPECT_EQ(cmd->run(), r.wan);
     EXPECT_EQ(cmd->get_status_code(), r.code);
-    EXPECT_NE(cmd->get_status_message().find(r.message), std::string::npos) << cmd->get_status_message();
+    EXPECT_THAT(cmd->get_status_message(), HasSubstr(r.message));
     if (r.parts >= 0) {
       EXPECT_EQ(static_cast<Test_Cmd&>(*cmd).parts.size(), static_cast<size_t>(r.parts));
     }
-    std::string message;
-    int status = cmd->get_status_code();
-    EXPECT_EQ(cmd->check_rpc_status(nullptr, message, status),
-              r.wan != 0 ? TAVREL_ST_WAN_CALL : (r.code != 0 ? TAVREL_ST_WAN_CALL_2 : 0));
+    EXPECT_EQ(view_status(*cmd), expected_view_status(r.wan, r.code));
     EXPECT_EQ(raw.requests().size(), 1u);
+    for (const std::string& line : cmd->get_response_headers()) EXPECT_THAT(line, testing::MatchesRegex("[^\r]+"));
   }
-}
-
-TEST_F(CmdTest, ReplyHeaderLinesAndCookies) {
-  Raw_Server raw([](int fd, const std::string&) {
-    return send_all(fd, http_reply(tavrel_wan::reply_status_only(0), 0, 200,
-                                   "Set-Cookie: JSESSIONID=abc; Path=/\r\nX-Two:\r\n"));
-  });
-  point_at(raw.port());
-  Test_Cmd cmd("R");
-  ASSERT_EQ(cmd.run(), 0);
-  const auto& h = cmd.get_response_headers();
-  ASSERT_GE(h.size(), 3u);
-  EXPECT_EQ(h[0], "HTTP/1.1 200 X");
-  for (const auto& line : h) {
-    EXPECT_GT(line.size(), 0u);
-    EXPECT_EQ(line.find('\r'), std::string::npos);
-  }
-  EXPECT_EQ(cmd.find_in_header("JSESSIONID="), "abc");
-  EXPECT_EQ(cmd.find_in_header("X-Two:"), "");
-  EXPECT_EQ(cmd.find_in_header("Nothing="), "");
   EXPECT_EQ(session()->get_jsessionid(), "abc");
-  EXPECT_FALSE(session()->is_authenticated());  // no "Session=" cookie
+  EXPECT_FALSE(session()->is_authenticated());
 }
 
 TEST_F(ServedCmdTest, ListenerExceptionStopsTheTransferAtOnce) {
-  auto doc = std::make_shared<std::string>(make_doc([](tavrel_wan::ReplyWriter& w) {
-    for (int i = 0; i < 20000; ++i) w.part("Item", std::string(4000, 'b'));
-    w.status(0);
-  }));
-  auto written = std::make_shared<std::atomic<size_t>>(0);
-  auto failed = std::make_shared<std::atomic<bool>>(false);
-  server->on_rpc("Big", [=](const Recorded&, httplib::Response& res) {
-    res.set_chunked_content_provider("multipart/mixed", [=](size_t offset, httplib::DataSink& sink) {
-      if (offset >= doc->size()) {
-        sink.done();
-        return true;
-      }
-      size_t n = std::min<size_t>(16384, doc->size() - offset);
-      if (!sink.write(doc->data() + offset, n)) {
-        *failed = true;
-        return false;
-      }
-      *written += n;
-      return true;
-    });
-  });
+  auto served = answer("Big", make_doc([](tavrel_wan::ReplyWriter& w) {
+                         for (int i = 0; i < 2000; ++i) w.part("Item", std::string(4000, 'b'));
+                         w.status(0);
+                       }),
+                       16384);
   Test_Cmd cmd("Big");
   cmd.on_part = [&](const std::string&) {
     if (cmd.parts.size() == 3) throw RClient_Listener_Exception();
@@ -226,10 +176,7 @@ TEST_F(ServedCmdTest, ListenerExceptionStopsTheTransferAtOnce) {
   EXPECT_EQ(cmd.run(), RCLIENT_ST_LISTENER);
   EXPECT_EQ(cmd.parts.size(), 3u);
   EXPECT_EQ(cmd.get_status_code(), -1);
-  // The reply was not read to its end: the server could not write all of it.
-  for (int i = 0; i < 500 && !*failed; ++i) std::this_thread::sleep_for(std::chrono::milliseconds(10));
-  EXPECT_TRUE(*failed);
-  EXPECT_LT(written->load(), doc->size());
+  EXPECT_TRUE(served->wait_cut_short());  // the reply was not read to its end
 }
 
 TEST_F(ServedCmdTest, FailedRpcIsLoggedWithItsStatuses) {
@@ -276,7 +223,7 @@ TEST_F(ServedCmdTest, ManyThreadsShareTheSessionAndItsPool) {
 }
 
 TEST_F(CmdTest, LogoutForgetsTheSessionWhateverHappens) {
-  point_at(1);
+  point_at(local_url(1));
   session()->set_jsessionid("j");
   session()->set_session_id("s");
   Logout logout;

@@ -26,9 +26,8 @@ TEST(RequestArgs, LinesAsTheServerReadsThem) {
   EXPECT_EQ(a.get_args(),
             "Text=plain\nMulti=a%0Aa\nb\nTrailing=rule%0A\nEmpty=\nLong=1234567890123\nInt=-5\nFlag=1\nOff=0\nBare\n"
             "CStr=x=y\n");
-}
 
-TEST(RequestArgs, TypedMarshalling) {
+  // The command's typed marshalling.
   wan_test::Test_Cmd cmd;
   tbs_oid_s oid;
   ASSERT_EQ(tbs_str_to_oid("0123ABCD-0123-4567-89ab-0123456789ab", &oid), 0);

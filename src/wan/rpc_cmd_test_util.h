@@ -6,7 +6,10 @@
 #include <httplib.h>
 
 #include <algorithm>
+#include <chrono>
+#include <condition_variable>
 #include <memory>
+#include <mutex>
 #include <string>
 
 #include "core/tavrel_status.h"
@@ -21,13 +24,42 @@
 
 namespace wan_test {
 
+// What became of one answer: whether all of it went out before the server let go of it (it lets go
+// when the client has gone, too).
+struct Served {
+  std::mutex mutex;
+  std::condition_variable cv;
+  bool ended = false, complete = false;  // guarded by mutex
+  // Whether the answer ended short of its end, once it has ended (false when it did not end in time).
+  bool wait_cut_short() {
+    std::unique_lock<std::mutex> g(mutex);
+    return cv.wait_for(g, std::chrono::seconds(20), [this] { return ended; }) && !complete;
+  }
+};
+
 // Answers with `doc` in blocks of `block` bytes (chunked transfer encoding: the client gets each block
-// as one piece).
-inline void serve_chunked(httplib::Response& res, const std::string& doc, size_t block) {
+// as one piece), reporting to `served` when given.
+inline void serve_chunked(httplib::Response& res, const std::string& doc, size_t block,
+                          std::shared_ptr<Served> served = nullptr) {
+  // Reports when the server destroys the answer's provider.
+  struct Guard {
+    std::shared_ptr<Served> served;
+    bool complete = false;
+    ~Guard() {
+      if (!served) return;
+      std::lock_guard<std::mutex> g(served->mutex);
+      served->ended = true;
+      served->complete = complete;
+      served->cv.notify_all();
+    }
+  };
   auto shared = std::make_shared<std::string>(doc);
-  res.set_chunked_content_provider("multipart/mixed", [shared, block](size_t offset, httplib::DataSink& sink) {
+  auto guard = std::make_shared<Guard>();
+  guard->served = std::move(served);
+  res.set_chunked_content_provider("multipart/mixed", [shared, block, guard](size_t offset, httplib::DataSink& sink) {
     if (offset >= shared->size()) {
       sink.done();
+      guard->complete = true;
       return true;
     }
     return sink.write(shared->data() + offset, std::min(block, shared->size() - offset));
@@ -94,13 +126,17 @@ class ScriptedServerTest : public WanTest {
     WanTest::TearDown();
   }
   // The server answers `target` (an RPC name, or a GET path prefix beginning with "/") with `doc`,
-  // sent in blocks of `block` bytes.
-  void answer(const std::string& target, const std::string& doc, size_t block = 1 << 20) {
-    auto handler = [doc, block](const Recorded&, httplib::Response& res) { serve_chunked(res, doc, block); };
+  // sent in blocks of `block` bytes; the last answer's fate is reported to the result.
+  std::shared_ptr<Served> answer(const std::string& target, const std::string& doc, size_t block = 1 << 20) {
+    auto served = std::make_shared<Served>();
+    auto handler = [doc, block, served](const Recorded&, httplib::Response& res) {
+      serve_chunked(res, doc, block, served);
+    };
     if (!target.empty() && target[0] == '/')
       server->on_get(target, handler);
     else
       server->on_rpc(target, handler);
+    return served;
   }
   std::unique_ptr<Test_Wan_Server> server;
 };
