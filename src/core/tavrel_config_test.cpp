@@ -1,5 +1,5 @@
-// The configuration: settings file parsing, the mount tables, ".mounted_silos" (decoding, rewriting,
-// an interrupted rewrite), remounting at start, and finding the SILO of a path.
+// The configuration: the settings file, the mount tables, ".mounted_silos" (decoding, rewriting, a
+// killed rewrite), remounting at start, and finding the SILO of a path.
 #include "core/tavrel_config.h"
 
 #include <fcntl.h>
@@ -9,6 +9,7 @@
 #include <unistd.h>
 
 #include <cstdlib>
+#include <functional>
 #include <memory>
 #include <random>
 #include <set>
@@ -26,8 +27,8 @@
 namespace {
 
 Tavrel_View* g_view = nullptr;
-std::vector<std::string> g_mounted;   // tags the mount hook saw, in order
-std::set<std::string> g_fail_mount;   // tags whose mount fails
+std::vector<std::string> g_mounted;  // tags the mount hook saw, in order
+std::set<std::string> g_fail_mount;  // tags whose mount fails
 
 tbs_uuid_s uuid_of(int n) {
   tbs_uuid_s u = TBS_UUID_NULL;
@@ -53,14 +54,19 @@ SILO_mount_info entry(const std::string& tag, int n, const std::string& storage 
 SILO_mount_info unmount(const std::string& tag) {
   SILO_mount_info e;
   e.silo_tag = tag;
-  e.mount_state = 0;
   return e;
 }
 
 std::string read_text(const std::string& path) {
   std::string s;
-  if (fileutl_read_file(path, &s, 1 << 24) != 0) return "<unreadable>";
-  return s;
+  return fileutl_read_file(path, &s, 1 << 24) == 0 ? s : "<unreadable>";
+}
+
+// Like the mount operation: a successful mount enters the tables (and rewrites the file).
+int recording_mount(SILO_mount_info& e) {
+  g_mounted.push_back(e.silo_tag);
+  if (g_fail_mount.count(e.silo_tag)) return TAVREL_ST_KERNEL_MOUNT;
+  return Tavrel_Config::get_instance()->set_mount_state(e);
 }
 
 class ConfigTest : public ::testing::Test {
@@ -77,7 +83,7 @@ class ConfigTest : public ::testing::Test {
     if (home) m_home = home;
     g_view = new Tavrel_View(m_stg);
     Tavrel_Config::set_view_lookup([] { return g_view; });
-    Tavrel_Config::set_mount_hook(nullptr);
+    Tavrel_Config::set_mount_hook(recording_mount);
     Tavrel_Config::clear_mount_tables_for_test();
     g_mounted.clear();
     g_fail_mount.clear();
@@ -102,116 +108,100 @@ class ConfigTest : public ::testing::Test {
 // ---------------------------------------------------------------------------------------------------
 // Settings
 
-TEST_F(ConfigTest, SettingsDefaultsAndHostileLines) {
-  setenv("HOME", (m_root + "/nohome").c_str(), 1);
-  Tavrel_Config::reset_for_test();
-  Tavrel_Config* c = config();
-  EXPECT_EQ(c->find(Tavrel_Config::NUM_CMAPI_THREADS), "7");
-  EXPECT_EQ(c->find(Tavrel_Config::NUM_KFSM_THREADS), "5");
-  EXPECT_EQ(c->find(Tavrel_Config::NUM_GET_THREADS), "2");
-  EXPECT_EQ(c->find(Tavrel_Config::TAVREL_TRACE_LEVEL), "");
-  c->load_text(
-      "no equals sign here\n"
-      "\n"
-      "   \t  \n"
-      "   # tavrelNumKfsm=99\n"
-      "=orphan value\n"
-      "orphan key=\n"
-      "  tavrelNumCmapi =  3  \r\n"
-      "tavrelTraceSubsystem=TAVREL:RCLIENT\n"
-      "someday=a=b=c\n"
-      "unknownKey=kept\n" +
-      std::string(Tavrel_Config::MAX_LINE + 1, 'k') + "=too long\n" +
-      "tavrelTraceLevel=4\n"
-      "tavrelTraceLevel=5\n"
-      "flag=TrUe\n"
-      "tavrelNumGet=x\n"
-      "last=no newline");
-  EXPECT_EQ(c->find("tavrelNumCmapi"), "3");
-  EXPECT_EQ(c->find("tavrelNumKfsm"), "5") << "a comment with leading blanks is still a comment";
-  EXPECT_EQ(c->find("tavrelTraceSubsystem"), "TAVREL:RCLIENT");
-  EXPECT_EQ(c->find("someday"), "a=b=c");
-  EXPECT_EQ(c->find("unknownKey"), "kept");
-  EXPECT_EQ(c->find(std::string(Tavrel_Config::MAX_LINE + 1, 'k')), "");
-  EXPECT_EQ(c->find("tavrelTraceLevel"), "5") << "a later line wins";
-  EXPECT_EQ(c->find(""), "");
-  EXPECT_EQ(c->find("orphan key"), "");
-  EXPECT_TRUE(c->get_boolean_param("flag"));
-  EXPECT_FALSE(c->get_boolean_param("someday"));
-  EXPECT_EQ(c->get_int_param("tavrelNumGet", 2), 2) << "not a number: the fallback";
-  EXPECT_EQ(c->find("last"), "no newline");
-}
-
-TEST_F(ConfigTest, SettingsFileThatCannotBeReadLeavesTheDefaults) {
+TEST_F(ConfigTest, SettingsFiles) {
   const std::string home = m_root + "/home";
   fileutl_mkpath(home, 0700);
   setenv("HOME", home.c_str(), 1);
-  const std::string conf = home + "/tavrel.conf";
-  struct Case {
-    const char* name;
-    void (*prepare)(const std::string& conf);
-    const char* cmapi;
+  const std::string conf = home + "/" + Tavrel_Config::CONFIG_FILE;
+  const std::string long_key(Tavrel_Config::MAX_LINE + 1, 'k');
+  auto text = [](std::string t) {
+    return [t](const std::string& f) { ASSERT_EQ(fileutl_write_atomic(f, t, 0600), 0); };
   };
-  const Case cases[] = {
-      {"missing", [](const std::string&) {}, "7"},
-      {"a FIFO (must not block)", [](const std::string& f) { ASSERT_EQ(mkfifo(f.c_str(), 0600), 0); }, "7"},
-      {"a directory", [](const std::string& f) { fileutl_mkpath(f, 0700); }, "7"},
-      {"larger than the bound", [](const std::string& f) {
+  using Expect = std::vector<std::pair<std::string, std::string>>;
+  const Expect defaults = {{Tavrel_Config::NUM_CMAPI_THREADS, "7"}, {Tavrel_Config::NUM_KFSM_THREADS, "5"},
+                           {Tavrel_Config::NUM_GET_THREADS, "2"}, {Tavrel_Config::TAVREL_TRACE_LEVEL, ""}};
+  const struct {
+    const char* name;
+    std::function<void(const std::string&)> prepare;
+    Expect expect;
+  } rows[] = {
+      {"missing: the defaults", [](const std::string&) {}, defaults},
+      {"a FIFO (must not block)", [](const std::string& f) { ASSERT_EQ(mkfifo(f.c_str(), 0600), 0); }, defaults},
+      {"a directory", [](const std::string& f) { fileutl_mkpath(f, 0700); }, defaults},
+      {"larger than the bound",
+       [](const std::string& f) {
          int fd = open(f.c_str(), O_WRONLY | O_CREAT, 0600);
          ASSERT_GE(fd, 0);
          ASSERT_EQ(pwrite(fd, "tavrelNumCmapi=4\n", 17, 0), 17);
          ASSERT_EQ(ftruncate(fd, Tavrel_Config::MAX_FILE + 1), 0);  // sparse
          close(fd);
-       }, "7"},
-      {"a symbolic link to a good file", [](const std::string& f) {
+       },
+       defaults},
+      {"a symbolic link to a good file",
+       [](const std::string& f) {
          fileutl_write_atomic(f + ".real", "tavrelNumCmapi=4\n", 0600);
          ASSERT_EQ(symlink((f + ".real").c_str(), f.c_str()), 0);
-       }, "4"},
-      {"a good file", [](const std::string& f) { fileutl_write_atomic(f, "# mine\ntavrelNumCmapi = 12\n", 0600); },
-       "12"},
+       },
+       {{"tavrelNumCmapi", "4"}}},
+      {"hostile lines around good ones",
+       text("no equals sign here\n\n   \t  \n   # tavrelNumKfsm=99\n=orphan value\norphan key=\n"
+            "  tavrelNumCmapi =  3  \r\ntavrelTraceSubsystem=TAVREL:RCLIENT\nsomeday=a=b=c\nunknownKey=kept\n" +
+            long_key + "=too long\ntavrelTraceLevel=4\ntavrelTraceLevel=5\nflag=TrUe\ntavrelNumGet=x\nlast=no newline"),
+       {{"tavrelNumCmapi", "3"},
+        {"tavrelNumKfsm", "5"},  // a comment with leading blanks is still a comment
+        {"tavrelTraceSubsystem", "TAVREL:RCLIENT"},
+        {"someday", "a=b=c"},
+        {"unknownKey", "kept"},
+        {long_key, ""},
+        {"tavrelTraceLevel", "5"},  // a later line wins
+        {"", ""},
+        {"orphan key", ""},
+        {"last", "no newline"}}},
   };
-  for (const auto& c : cases) {
-    SCOPED_TRACE(c.name);
+  for (const auto& r : rows) {
+    SCOPED_TRACE(r.name);
     Tavrel_View_Storage::remove_tree(conf);
-    c.prepare(conf);
+    r.prepare(conf);
     Tavrel_Config::reset_for_test();
-    EXPECT_EQ(config()->find(Tavrel_Config::NUM_CMAPI_THREADS), c.cmapi);
     EXPECT_EQ(config()->get_config_file(), conf);
+    for (const auto& [key, value] : r.expect) EXPECT_EQ(config()->find(key), value) << key.substr(0, 40);
   }
+  EXPECT_TRUE(config()->get_boolean_param("flag"));
+  EXPECT_FALSE(config()->get_boolean_param("someday"));
+  EXPECT_EQ(config()->get_int_param("tavrelNumGet", 2), 2) << "not a number: the fallback";
+  EXPECT_EQ(config()->get_int_param("tavrelNumCmapi", 0), 3);
 }
 
 // ---------------------------------------------------------------------------------------------------
 // Decoding ".mounted_silos" lines
 
 TEST_F(ConfigTest, DecodeMountInfo) {
-  const std::string r = tbs_uuid_to_str(uuid_of(1001));
-  const std::string f = tbs_uuid_to_str(uuid_of(1));
-  struct Case {
+  const std::string r = tbs_uuid_to_str(uuid_of(1001)), f = tbs_uuid_to_str(uuid_of(1));
+  const struct {
     const char* name;
     std::string line;
     bool ok;
-    std::string tag, storage;
-    bool pub, project;
-  };
-  const Case cases[] = {
+    std::string tag = "", storage = "";
+    bool pub = false, project = false;
+  } cases[] = {
       {"plain", "/proj=" + r + "=" + f + "=/srv/p=true=false", true, "/proj", "/srv/p", true, false},
       {"blanks around fields", "  /proj = " + r + " = " + f + " = /srv/p = false = true ", true, "/proj", "/srv/p",
        false, true},
-      {"upper-case identities", "/proj=" + std::string("ABCDEF01-2345-4678-89AB-CDEF01234567") + "=" + f + "=/s=true=true",
-       true, "/proj", "/s", true, true},
+      {"upper-case identities", "/proj=ABCDEF01-2345-4678-89AB-CDEF01234567=" + f + "=/s=true=true", true, "/proj",
+       "/s", true, true},
       {"flags other than true", "/proj=" + r + "=" + f + "=/s=TRUE=yes", true, "/proj", "/s", false, false},
       {"storage holding the separator", "/proj=" + r + "=" + f + "=/srv/a=b=c=true=true", true, "/proj", "/srv/a=b=c",
        true, true},
       {"no flags", "/proj=" + r + "=" + f + "=/srv/p", true, "/proj", "/srv/p", false, false},
       {"one flag", "/proj=" + r + "=" + f + "=/srv/p=true", true, "/proj", "/srv/p", true, false},
       {"no storage", "/proj=" + r + "=" + f, true, "/proj", "", false, false},
-      {"bad replica", "/proj=nothex=" + f + "=/s=true=true", false, "", "", false, false},
-      {"bad family", "/proj=" + r + "=" + f + "0=/s=true=true", false, "", "", false, false},
-      {"missing family", "/proj=" + r, false, "", "", false, false},
-      {"tag only", "/proj", false, "", "", false, false},
-      {"no tag", "=" + r + "=" + f + "=/s=true=true", false, "", "", false, false},
-      {"empty", "", false, "", "", false, false},
-      {"binary junk", std::string("\x01\x02=\xff\xfe==", 7), false, "", "", false, false},
+      {"bad replica", "/proj=nothex=" + f + "=/s=true=true", false},
+      {"bad family", "/proj=" + r + "=" + f + "0=/s=true=true", false},
+      {"missing family", "/proj=" + r, false},
+      {"tag only", "/proj", false},
+      {"no tag", "=" + r + "=" + f + "=/s=true=true", false},
+      {"empty", "", false},
+      {"binary junk", std::string("\x01\x02=\xff\xfe==", 7), false},
   };
   for (const auto& c : cases) {
     SCOPED_TRACE(c.name);
@@ -243,21 +233,21 @@ TEST_F(ConfigTest, SetMountStateKeepsTablesAndFileInStep) {
   EXPECT_EQ(read_text(m_file), entry("/alpha", 2, "/srv/a", true, false).to_line() + "\n" +
                                    entry("/zeta", 1).to_line() + "\n")
       << "tag order";
-  EXPECT_EQ(mode_t(07777 & [&] { struct stat st; stat(m_file.c_str(), &st); return st.st_mode; }()), 0600u);
+  struct stat st;
+  ASSERT_EQ(stat(m_file.c_str(), &st), 0);
+  EXPECT_EQ(st.st_mode & 07777, 0600u);
   EXPECT_TRUE(c->get_mount_state("/alpha"));
   EXPECT_FALSE(c->get_mount_state("/beta"));
   EXPECT_EQ(c->get_mount_info(uuid_of(2)).silo_tag, "/alpha");
   EXPECT_EQ(c->get_mount_info("/zeta").family_uuid, uuid_of(1));
-  SILO_mount_info none = c->get_mount_info("/beta");
-  EXPECT_EQ(none.silo_tag, "");
-  EXPECT_EQ(none.mount_state, 0);
+  EXPECT_EQ(c->get_mount_info("/beta").silo_tag, "");
+  EXPECT_EQ(c->get_mount_info("/beta").mount_state, 0);
   EXPECT_EQ(c->get_mount_info(uuid_of(77)).silo_tag, "");
 
   // The same family under a new tag replaces the old entry in both tables.
   ASSERT_EQ(c->set_mount_state(entry("/zeta2", 1)), 0);
   EXPECT_FALSE(c->get_mount_state("/zeta"));
   EXPECT_EQ(c->get_mount_info(uuid_of(1)).silo_tag, "/zeta2");
-  EXPECT_EQ(Tavrel_Config::g_mounted_silos.size(), Tavrel_Config::g_mounted_silos_uuid.size());
   // A tag remounted with another family leaves no stale family behind.
   ASSERT_EQ(c->set_mount_state(entry("/alpha", 3)), 0);
   EXPECT_EQ(c->get_mount_info(uuid_of(2)).silo_tag, "");
@@ -273,31 +263,26 @@ TEST_F(ConfigTest, SetMountStateKeepsTablesAndFileInStep) {
   EXPECT_EQ(c->set_mount_state(unmount("/never")), 0);
 }
 
-TEST_F(ConfigTest, SetMountStateRefusesEntriesTheFileCannotHold) {
+TEST_F(ConfigTest, SetMountStateRefusesWhatTheFileCannotHoldOrWhenItCannotBeWritten) {
   Tavrel_Config* c = config();
   ASSERT_EQ(c->set_mount_state(entry("/ok", 1)), 0);
   const std::string before = read_text(m_file);
-  for (const std::string tag : {"", "/a=b", "/a\nb", "/a\r"}) {
-    EXPECT_EQ(c->set_mount_state(entry(tag, 5)), TAVREL_ST_INTERNAL) << tag;
-  }
+  for (const std::string tag : {"", "/a=b", "/a\nb", "/a\r"}) EXPECT_EQ(c->set_mount_state(entry(tag, 5)), TAVREL_ST_INTERNAL) << tag;
   EXPECT_EQ(c->set_mount_state(entry("/fine", 6, "/srv/line\nbreak")), TAVREL_ST_INTERNAL);
   EXPECT_EQ(read_text(m_file), before);
   EXPECT_EQ(Tavrel_Config::g_mounted_silos.size(), 1u);
-}
 
-TEST_F(ConfigTest, SetMountStateWhenTheFileCannotBeWritten) {
-  Tavrel_Config* c = config();
   // No view: no file name; the tables change all the same.
   Tavrel_Config::set_view_lookup(nullptr);
   EXPECT_EQ(c->get_mounted_file(), "");
-  EXPECT_EQ(c->set_mount_state(entry("/a", 1)), TAVREL_ST_INTERNAL);
+  EXPECT_EQ(c->set_mount_state(entry("/a", 2)), TAVREL_ST_INTERNAL);
   EXPECT_TRUE(c->get_mount_state("/a"));
-  // A directory where the file should be.
+  // A directory where the file should be; then the storage gone.
   Tavrel_Config::set_view_lookup([] { return g_view; });
+  fileutl_rm(m_file);
   fileutl_mkpath(m_file, 0700);
-  EXPECT_EQ(c->set_mount_state(entry("/b", 2)), TAVREL_ST_MOUNTED_FILE);
+  EXPECT_EQ(c->set_mount_state(entry("/b", 3)), TAVREL_ST_MOUNTED_FILE);
   EXPECT_TRUE(c->get_mount_state("/b"));
-  // The storage gone.
   Tavrel_View_Storage::remove_tree(m_stg);
   EXPECT_EQ(c->set_mount_state(unmount("/a")), TAVREL_ST_MOUNTED_FILE);
   EXPECT_FALSE(c->get_mount_state("/a"));
@@ -306,16 +291,8 @@ TEST_F(ConfigTest, SetMountStateWhenTheFileCannotBeWritten) {
 // ---------------------------------------------------------------------------------------------------
 // Remount at start
 
-int recording_mount(SILO_mount_info& e) {
-  g_mounted.push_back(e.silo_tag);
-  if (g_fail_mount.count(e.silo_tag)) return TAVREL_ST_KERNEL_MOUNT;
-  // Like the mount operation: a successful mount enters the tables (and rewrites the file).
-  return Tavrel_Config::get_instance()->set_mount_state(e);
-}
-
 TEST_F(ConfigTest, RemountMountsWhatTheFileListsAndSkipsWhatItCannotDecode) {
   Tavrel_Config* c = config();
-  Tavrel_Config::set_mount_hook(recording_mount);
   const std::string good1 = entry("/b", 1).to_line(), good2 = entry("/a", 2, "/srv/a", true).to_line(),
                     good3 = entry("/c", 3).to_line();
   fileutl_write_atomic(m_file,
@@ -327,26 +304,17 @@ TEST_F(ConfigTest, RemountMountsWhatTheFileListsAndSkipsWhatItCannotDecode) {
   EXPECT_EQ(g_mounted, (std::vector<std::string>{"/b", "/a", "/c"})) << "file order; a failure does not stop the rest";
   EXPECT_TRUE(c->get_mount_state("/b"));
   EXPECT_FALSE(c->get_mount_state("/a"));
-  EXPECT_TRUE(c->get_mount_state("/c"));
-  EXPECT_TRUE(c->get_mount_info("/b").is_project_silo);
-  // The file now says what is really mounted.
-  EXPECT_EQ(read_text(m_file), good1 + "\n" + good3 + "\n");
+  EXPECT_TRUE(c->get_mount_info("/c").is_project_silo);
+  EXPECT_EQ(read_text(m_file), good1 + "\n" + good3 + "\n") << "the file now says what is really mounted";
 
   // Not with a table that is already filled.
   g_mounted.clear();
   EXPECT_EQ(c->remount_silos(), TAVREL_ST_UPDATE_RUNNING);
   EXPECT_TRUE(g_mounted.empty());
-
-  // All succeed.
-  Tavrel_Config::clear_mount_tables_for_test();
-  g_fail_mount.clear();
-  EXPECT_EQ(c->remount_silos(), 0);
-  EXPECT_EQ(g_mounted, (std::vector<std::string>{"/b", "/c"}));
 }
 
 TEST_F(ConfigTest, RemountEdgeCases) {
   Tavrel_Config* c = config();
-  Tavrel_Config::set_mount_hook(recording_mount);
   EXPECT_EQ(c->remount_silos(), 0) << "no file: nothing to remount";
   fileutl_write_atomic(m_file, "", 0600);
   EXPECT_EQ(c->remount_silos(), 0);
@@ -366,12 +334,10 @@ TEST_F(ConfigTest, RemountEdgeCases) {
   EXPECT_EQ(c->remount_silos(), TAVREL_ST_INTERNAL);
 }
 
-// ---------------------------------------------------------------------------------------------------
-// An interrupted rewrite
-
 // A child rewrites the file again and again (each rewrite a whole table), and is killed with SIGKILL at
-// a random moment. The file must always hold one whole table: a prefix of the sequence of mounts,
-// each line exactly as written.
+// a random moment. The file must always hold one whole table: a prefix of the sequence of mounts, each
+// line exactly as written; a temporary the kill left does not disturb the remount, and a start
+// removes it.
 TEST_F(ConfigTest, AKilledRewriteLeavesAWholeTable) {
   const int kEntries = 60;
   const std::string big_storage(3000, 's');  // about 180 KB per rewrite: a kill often lands mid-write
@@ -393,10 +359,9 @@ TEST_F(ConfigTest, AKilledRewriteLeavesAWholeTable) {
     ASSERT_GE(child, 0);
     if (child == 0) {
       close(acks[0]);
-      Tavrel_Config* c = Tavrel_Config::get_instance();
       for (int i = 0;; i = (i + 1) % kEntries) {
         if (i == 0) Tavrel_Config::clear_mount_tables_for_test();
-        if (c->set_mount_state(seq[i]) != 0) _exit(3);
+        if (Tavrel_Config::get_instance()->set_mount_state(seq[i]) != 0) _exit(3);
         if (write(acks[1], "+", 1) != 1) _exit(4);
       }
     }
@@ -410,9 +375,7 @@ TEST_F(ConfigTest, AKilledRewriteLeavesAWholeTable) {
     close(acks[0]);
     ASSERT_TRUE(WIFSIGNALED(ws)) << "the writer failed on its own: " << WEXITSTATUS(ws);
 
-    // The file is one whole table.
-    std::string text = read_text(m_file);
-    ASSERT_NE(text, "<unreadable>");
+    const std::string text = read_text(m_file);
     size_t n = 0;
     for (char x : text) n += x == '\n';
     ASSERT_GE(n, 1u);
@@ -420,31 +383,19 @@ TEST_F(ConfigTest, AKilledRewriteLeavesAWholeTable) {
     for (size_t i = 0; i < n; i++) expected += seq[i].to_line() + "\n";
     ASSERT_EQ(text, expected);
 
-    // Temporaries of the killed rewrite may remain; a start removes them.
-    std::vector<std::string> names = {VIEW_STG_MOUNTED_SILOS};
-    temporaries_seen += Tavrel_View_Storage::remove_stale_temporaries(m_stg, names);
-    int leftover = Tavrel_View_Storage::remove_stale_temporaries(m_stg, names);
-    EXPECT_EQ(leftover, 0);
-
-    // And a remount reads the whole table back.
-    Tavrel_Config::set_mount_hook(recording_mount);
+    // Whatever temporary the kill left, the remount reads the whole table back and leaves the file as
+    // it was; then a start removes the temporaries.
+    Tavrel_Config::clear_mount_tables_for_test();
     g_mounted.clear();
     EXPECT_EQ(config()->remount_silos(), 0);
     EXPECT_EQ(g_mounted.size(), n);
+    EXPECT_EQ(read_text(m_file), text);
+    std::vector<std::string> names = {VIEW_STG_MOUNTED_SILOS};
+    temporaries_seen += Tavrel_View_Storage::remove_stale_temporaries(m_stg, names);
+    EXPECT_EQ(Tavrel_View_Storage::remove_stale_temporaries(m_stg, names), 0);
   }
   // Not asserted (it depends on timing), but shown: how often a kill left a temporary behind.
   RecordProperty("temporaries_left_by_kills", temporaries_seen);
-}
-
-TEST_F(ConfigTest, ALeftoverTemporaryDoesNotDisturbTheTable) {
-  config()->set_mount_state(entry("/a", 1));
-  const std::string whole = read_text(m_file);
-  fileutl_write_atomic(m_file + ".tmpZ9y8X7", entry("/b", 2).to_line().substr(0, 20), 0600);
-  Tavrel_Config::clear_mount_tables_for_test();
-  Tavrel_Config::set_mount_hook(recording_mount);
-  EXPECT_EQ(config()->remount_silos(), 0);
-  EXPECT_EQ(g_mounted, std::vector<std::string>{"/a"});
-  EXPECT_EQ(read_text(m_file), whole);
 }
 
 // ---------------------------------------------------------------------------------------------------
@@ -454,39 +405,31 @@ TEST_F(ConfigTest, SiloOfAPath) {
   Tavrel_Config* c = config();
   for (auto e : {entry("/proj", 1), entry("/proj2", 2), entry("/a", 3), entry("/a/b", 4), entry("/t/", 5)})
     ASSERT_EQ(c->set_mount_state(e), 0);
-  struct Case {
-    const char* in;
-    int status;
-    const char* tag;
-    const char* rest;
-  };
-  const Case cases[] = {
-      {"/proj/src/a.c", 0, "/proj", "/src/a.c"},
-      {"/proj", 0, "/proj", ""},
-      {"/proj/", 0, "/proj", ""},
-      {"/proj//", 0, "/proj", ""},
-      {"/proj2/x", 0, "/proj2", "/x"},
-      {"/projx/a", TAVREL_ST_NOT_MOUNTED, "", ""},
-      {"/pro", TAVREL_ST_NOT_MOUNTED, "", ""},
-      {"/a/b/c", 0, "/a", "/b/c"},  // the first tag in tag order decides, not the longest
-      {"/a/b", 0, "/a/b", ""},      // but a whole-path match is a SILO root
-      {"/t", 0, "/t/", ""},         // a tag with a trailing separator
-      {"/t/sub", 0, "/t/", "/sub"},
-      {"", TAVREL_ST_NOT_MOUNTED, "", ""},
-      {"/", TAVREL_ST_NOT_MOUNTED, "", ""},
-      {"relative/proj", TAVREL_ST_NOT_MOUNTED, "", ""},
+  const struct {
+    const char *in, *tag, *rest;  // tag null: not mounted
+  } cases[] = {
+      {"/proj/src/a.c", "/proj", "/src/a.c"},
+      {"/proj", "/proj", ""},
+      {"/proj/", "/proj", ""},
+      {"/proj//", "/proj", ""},
+      {"/proj2/x", "/proj2", "/x"},
+      {"/projx/a", nullptr, ""},
+      {"/pro", nullptr, ""},
+      {"/a/b/c", "/a", "/b/c"},  // the first tag in tag order decides, not the longest
+      {"/a/b", "/a/b", ""},      // but a whole-path match is a SILO root
+      {"/t", "/t/", ""},         // a tag with a trailing separator
+      {"/t/sub", "/t/", "/sub"},
+      {"", nullptr, ""},
+      {"/", nullptr, ""},
+      {"relative/proj", nullptr, ""},
   };
   for (const auto& k : cases) {
     SCOPED_TRACE(k.in);
     std::string path = k.in;
     SILO_mount_info info;
-    EXPECT_EQ(c->get_silo_info_and_path(path, info), k.status);
-    if (k.status != 0) {
-      EXPECT_EQ(path, k.in) << "unchanged on failure";
-      continue;
-    }
-    EXPECT_EQ(info.silo_tag, k.tag);
-    EXPECT_EQ(path, k.rest);
+    EXPECT_EQ(c->get_silo_info_and_path(path, info), k.tag ? 0 : TAVREL_ST_NOT_MOUNTED);
+    EXPECT_EQ(path, k.tag ? k.rest : k.in);  // unchanged on failure
+    EXPECT_EQ(info.silo_tag, k.tag ? k.tag : "");
   }
 }
 

@@ -1,9 +1,8 @@
-// The view object: storage creation and checks, half-made storages, the metadata file, the cleartext
-// cache directory rules, the view lock between processes, the kernel seams, the view root and the
-// update gate.
+// The view object: creation and its refusals, half-made storages, storage faults at start, the
+// metadata file, the cleartext cache directory, the view lock between processes, the kernel seams, the
+// view root and the update gate.
 #include "core/tavrel_view.h"
 
-#include <fcntl.h>
 #include <signal.h>
 #include <sys/stat.h>
 #include <sys/wait.h>
@@ -12,7 +11,6 @@
 #include <atomic>
 #include <climits>
 #include <memory>
-#include <cstdlib>
 #include <string>
 #include <thread>
 #include <vector>
@@ -21,9 +19,9 @@
 
 #include "base/fileutl.h"
 #include "base/server.h"
+#include "core/tavrel_msg_table.h"
 #include "core/tavrel_status.h"
 #include "core/tavrel_thread_manager_base.h"
-#include "core/tavrel_msg_table.h"
 #include "core/tavrel_view_storage.h"
 #include "proto/view_storage_names.h"
 
@@ -32,34 +30,27 @@ namespace {
 const char* kUuid = "6f1c2d3e-4a5b-4c6d-8e7f-001122334455";
 const char* kUrl = "https://server.example/tavrel";
 
-// What the seams saw, and what they answer.
+// What the seams saw ("cache,db,gn,vns,register," in call order), and what they answer.
 struct Fake {
-  std::string calls;  // "cache,db,vns,register," in call order
-  int cache_init_rc = 0;
-  int set_size_rc = 0;
-  unsigned last_size = 0;
+  std::string calls;
+  int cache_init_rc = 0, set_size_rc = 0, start_db_rc = 0, get_gn_rc = 0, create_vns_rc = 0;
+  int register_rc = 0, unregister_rc = 0, kfsm_root_rc = 0, closed_db = 0;
+  unsigned last_size = 0, gn = 0;
   bool last_enforce = false;
-  int start_db_rc = 0;
-  int closed_db = 0;
-  int get_gn_rc = 0;
-  unsigned gn = 0;
-  int create_vns_rc = 0;
-  int register_rc = 0;
-  int unregister_rc = 0;
-  std::string unregistered_tag;
-  std::string kfsm_root = "/view";
-  int kfsm_root_rc = 0;
-  std::string url = kUrl;
+  std::string unregistered_tag, kfsm_root = "/view", url = kUrl;
 };
 Fake g_fake;
 char g_db_token;
+Tavrel_View_db* const kDb = reinterpret_cast<Tavrel_View_db*>(&g_db_token);
+
+int called(const char* step, int rc) {
+  g_fake.calls += step;
+  return rc;
+}
 
 Tavrel_View_Hooks fake_hooks() {
   Tavrel_View_Hooks h;
-  h.cache_init = [] {
-    g_fake.calls += "cache,";
-    return g_fake.cache_init_rc;
-  };
+  h.cache_init = [] { return called("cache,", g_fake.cache_init_rc); };
   h.cache_set_size = [](unsigned size, bool enforce) {
     g_fake.last_enforce = enforce;
     if (!enforce && size != 0 && size < Tavrel_View::MIN_CACHE_SIZE) return static_cast<int>(TBS_ST_BAD_ARG);
@@ -67,26 +58,16 @@ Tavrel_View_Hooks fake_hooks() {
     return g_fake.set_size_rc;
   };
   h.start_db = [](const std::string&, const std::string&, Tavrel_View_db** db) {
-    g_fake.calls += "db,";
-    *db = reinterpret_cast<Tavrel_View_db*>(&g_db_token);
-    return g_fake.start_db_rc;
+    *db = kDb;
+    return called("db,", g_fake.start_db_rc);
   };
-  h.close_db = [](Tavrel_View_db* db) {
-    if (db == reinterpret_cast<Tavrel_View_db*>(&g_db_token)) g_fake.closed_db++;
-  };
+  h.close_db = [](Tavrel_View_db* db) { g_fake.closed_db += db == kDb; };
   h.db_get_vns_view_gn = [](unsigned* gn) {
-    g_fake.calls += "gn,";
     *gn = g_fake.gn;
-    return g_fake.get_gn_rc;
+    return called("gn,", g_fake.get_gn_rc);
   };
-  h.db_create_vns_view = [](const tbs_uuid_s&, unsigned) {
-    g_fake.calls += "vns,";
-    return g_fake.create_vns_rc;
-  };
-  h.register_view = [](Tavrel_View*) {
-    g_fake.calls += "register,";
-    return g_fake.register_rc;
-  };
+  h.db_create_vns_view = [](const tbs_uuid_s&, unsigned) { return called("vns,", g_fake.create_vns_rc); };
+  h.register_view = [](Tavrel_View*) { return called("register,", g_fake.register_rc); };
   h.unregister_view = [](Tavrel_View* v) {
     g_fake.unregistered_tag = v->get_server_tag();
     return g_fake.unregister_rc;
@@ -101,12 +82,7 @@ Tavrel_View_Hooks fake_hooks() {
 
 std::string read_text(const std::string& path) {
   std::string s;
-  if (fileutl_read_file(path, &s, 1 << 20) != 0) return "<unreadable>";
-  return s;
-}
-
-void write_text(const std::string& path, const std::string& text) {
-  ASSERT_EQ(fileutl_write_atomic(path, text, 0600), 0) << path;
+  return fileutl_read_file(path, &s, 1 << 20) == 0 ? s : "<unreadable>";
 }
 
 std::string my_host() {
@@ -120,6 +96,50 @@ mode_t mode_of(const std::string& path) {
   return lstat(path.c_str(), &st) == 0 ? (st.st_mode & 07777) : 0;
 }
 
+template <typename... A>
+std::string msg(int number, A... args) {
+  return imsg_format(&_tvr_lib_lib_msg_table, number, args...);
+}
+
+// Runs `fn` in a child process and returns its pid; the child exits when `fn` returns.
+template <typename F>
+pid_t run_child(F fn) {
+  pid_t pid = fork();
+  if (pid == 0) {
+    fn();
+    _exit(0);
+  }
+  return pid;
+}
+
+int exit_code(pid_t pid) {
+  int ws = 0;
+  waitpid(pid, &ws, 0);
+  return WIFEXITED(ws) ? WEXITSTATUS(ws) : -1;
+}
+
+// One step of laying out files for a case: what to make (or remove) at `path`.
+enum Kind { kDir, kFile, kLink, kFifo, kRemove, kForeign };
+struct Lay {
+  Kind kind;
+  std::string path;
+  std::string arg = "";  // kFile: the text; kLink: the target
+};
+
+void lay(const std::vector<Lay>& steps) {
+  for (const Lay& s : steps) {
+    if (s.kind != kRemove && s.kind != kForeign) fileutl_mkpath(s.kind == kDir ? s.path : fileutl_strip_leaf(s.path), 0700);
+    switch (s.kind) {
+      case kDir: break;
+      case kFile: ASSERT_EQ(fileutl_write_atomic(s.path, s.arg, 0600), 0) << s.path; break;
+      case kLink: ASSERT_EQ(symlink(s.arg.c_str(), s.path.c_str()), 0) << s.path; break;
+      case kFifo: ASSERT_EQ(mkfifo(s.path.c_str(), 0600), 0) << s.path; break;
+      case kRemove: Tavrel_View_Storage::remove_tree(s.path); break;
+      case kForeign: ASSERT_EQ(chown(s.path.c_str(), 54321, 54321), 0) << s.path; break;
+    }
+  }
+}
+
 class ViewTest : public ::testing::Test {
  protected:
   void SetUp() override {
@@ -128,6 +148,9 @@ class ViewTest : public ::testing::Test {
     m_root = tmpl;
     m_stg = m_root + "/views/v1.vws";
     m_cache = m_root + "/cache";
+    m_meta = m_stg + "/" + VIEW_STG_METADATA;
+    m_pid = m_stg + "/" + VIEW_STG_LOCK;
+    m_host = m_stg + "/" + VIEW_STG_HOSTNAME;
     g_fake = Fake();
     Tavrel_View::install_hooks(fake_hooks());
     Tavrel_View::reset_for_test();
@@ -135,7 +158,6 @@ class ViewTest : public ::testing::Test {
   void TearDown() override {
     Tavrel_View::install_hooks(Tavrel_View_Hooks());
     Tavrel_View::reset_for_test();
-    chmod(m_root.c_str(), 0700);
     Tavrel_View_Storage::remove_tree(m_root);
   }
 
@@ -147,9 +169,17 @@ class ViewTest : public ::testing::Test {
   void make_view() {
     std::unique_ptr<Tavrel_View> v(new_view());
     ASSERT_EQ(v->create(), 0) << v->get_status_message();
+    g_fake = Fake();
   }
+  std::unique_ptr<Tavrel_View> started(const std::string& stg = "") {
+    std::unique_ptr<Tavrel_View> v(Tavrel_View::get_view_from_stg(stg.empty() ? m_stg : stg));
+    m_start_rc = v->start();
+    return v;
+  }
+  static std::string pid_line(pid_t pid = getpid()) { return std::to_string(pid) + "\n"; }
 
-  std::string m_root, m_stg, m_cache;
+  std::string m_root, m_stg, m_cache, m_meta, m_pid, m_host;
+  int m_start_rc = -1;
 };
 
 // ---------------------------------------------------------------------------------------------------
@@ -162,103 +192,72 @@ TEST_F(ViewTest, CreateMakesTheStorageAndRunsTheSequenceInOrder) {
   EXPECT_EQ(g_fake.calls, "cache,db,vns,register,");
   EXPECT_EQ(Tavrel_View::get_current_gn(), 0u);
   EXPECT_EQ(mode_of(m_stg), 0700u);
-  EXPECT_EQ(read_text(m_stg + "/" + VIEW_STG_METADATA),
-            std::string("versionid=1.0\nview-uuid=") + kUuid +
-                "\nserver-tag=v1\ntext-mode=unix\nview-type=auto\npreserve-silo-modified-time=true\n"
-                "server-url=" + kUrl + "\ncltxt-cache-dir=" + m_cache + "\ncache-size=0\n");
-  EXPECT_EQ(mode_of(m_stg + "/" + VIEW_STG_METADATA), 0600u);
-  EXPECT_EQ(read_text(m_stg + "/.hostname"), my_host() + "\n");
-  EXPECT_EQ(read_text(m_stg + "/.pid"), std::to_string(getpid()) + "\n");
+  EXPECT_EQ(read_text(m_meta), std::string("versionid=1.0\nview-uuid=") + kUuid +
+                                   "\nserver-tag=v1\ntext-mode=unix\nview-type=auto\npreserve-silo-modified-time=true\n"
+                                   "server-url=" + kUrl + "\ncltxt-cache-dir=" + m_cache + "\ncache-size=0\n");
+  EXPECT_EQ(mode_of(m_meta), 0600u);
+  EXPECT_EQ(read_text(m_host), my_host() + "\n");
+  EXPECT_EQ(read_text(m_pid), pid_line());
   EXPECT_TRUE(v->holds_lock());
   EXPECT_TRUE(fileutl_exists(m_cache + "/" + CLTXT_CACHE_MARKER));
   EXPECT_EQ(mode_of(m_cache), 0700u);
-  EXPECT_EQ(v->get_db(), reinterpret_cast<Tavrel_View_db*>(&g_db_token));
+  EXPECT_EQ(v->get_db(), kDb);
   v.reset();
   EXPECT_EQ(g_fake.closed_db, 1);
-  EXPECT_EQ(server_lock_holder(m_stg + "/.pid"), 0) << "the lock goes with the object";
+  EXPECT_EQ(server_lock_holder(m_pid), 0) << "the lock goes with the object";
 }
 
 TEST_F(ViewTest, AProcessWithoutStoreSkipsCacheAndDatabaseButStillRegisters) {
-  // The cache and database seams are installed but must not be called; the kernel module is.
   Tavrel_View_Hooks h = fake_hooks();
   h.without_store = true;
   Tavrel_View::install_hooks(h);
-  {
-    std::unique_ptr<Tavrel_View> v(new_view());
+  for (bool create : {true, false}) {
+    SCOPED_TRACE(create ? "create" : "start");
+    g_fake.calls.clear();
     Tavrel_View::set_current_gn(9, true);
-    ASSERT_EQ(v->create(), 0) << v->get_status_message();
+    std::unique_ptr<Tavrel_View> v(create ? new_view() : Tavrel_View::get_view_from_stg(m_stg));
+    ASSERT_EQ(create ? v->create() : v->start(), 0) << v->get_status_message();
     EXPECT_EQ(g_fake.calls, "register,");
     EXPECT_EQ(Tavrel_View::get_current_gn(), 0u);
     EXPECT_EQ(v->get_db(), nullptr);
   }
-  g_fake.calls.clear();
-  Tavrel_View::set_current_gn(5, true);
-  std::unique_ptr<Tavrel_View> v(Tavrel_View::get_view_from_stg(m_stg));
-  ASSERT_EQ(v->start(), 0) << v->get_status_message();
-  EXPECT_EQ(g_fake.calls, "register,");
-  EXPECT_EQ(Tavrel_View::get_current_gn(), 0u);
-  // A failing registration still fails the start.
-  v.reset();
-  g_fake.register_rc = TBS_ST_INTERNAL;
-  v.reset(Tavrel_View::get_view_from_stg(m_stg));
-  EXPECT_EQ(v->start(), TAVREL_ST_FAILURE);
+  g_fake.register_rc = TBS_ST_INTERNAL;  // a failing registration still fails the start
+  started();
+  EXPECT_EQ(m_start_rc, TAVREL_ST_FAILURE);
 }
 
 TEST_F(ViewTest, CreateRefusesWhatAlreadyExistsAndTouchesNothing) {
-  struct Case {
-    const char* name;
-    void (*prepare)(const std::string& stg);
-  };
-  const Case cases[] = {
-      {"a view", [](const std::string& s) {
-         fileutl_mkpath(s, 0700);
-         fileutl_write_atomic(s + "/" + VIEW_STG_METADATA, "server-tag=old\n", 0600);
-       }},
-      {"a regular file", [](const std::string& s) {
-         fileutl_mkpath(fileutl_strip_leaf(s), 0700);
-         fileutl_write_atomic(s, "data", 0600);
-       }},
-      {"a symbolic link", [](const std::string& s) {
-         fileutl_mkpath(fileutl_strip_leaf(s), 0700);
-         ASSERT_EQ(symlink("/tmp", s.c_str()), 0);
-       }},
-      {"a directory with a stranger's file", [](const std::string& s) {
-         fileutl_mkpath(s, 0700);
-         fileutl_write_atomic(s + "/notes.txt", "keep me", 0600);
-       }},
+  const std::string notes = m_stg + "/notes.txt";
+  const std::vector<Lay> cases[] = {
+      {{kFile, m_meta, "server-tag=old\n"}},  // a view
+      {{kFile, m_stg, "data"}},
+      {{kLink, m_stg, "/tmp"}},
+      {{kFile, notes, "keep me"}},  // a directory with a stranger's file
   };
   for (const auto& c : cases) {
-    SCOPED_TRACE(c.name);
+    SCOPED_TRACE(c[0].path + " " + c[0].arg);
     Tavrel_View_Storage::remove_tree(m_root + "/views");
-    c.prepare(m_stg);
+    lay(c);
     std::unique_ptr<Tavrel_View> v(new_view());
     EXPECT_EQ(v->create(), TAVREL_ST_STORAGE_EXISTS);
-    EXPECT_EQ(v->get_status_message(), "View at \"" + m_stg + "\" exists.\n");
+    EXPECT_EQ(v->get_status_message(), msg(TVR_LIB_VIEW_EXISTS, m_stg.c_str()));
     EXPECT_FALSE(v->holds_lock());
     EXPECT_EQ(g_fake.calls, "");
     // A failed MkView cleans up after itself, but never a storage it did not make.
     v->cleanup_storage();
-    EXPECT_TRUE(fileutl_exists(m_stg));
-    if (std::string(c.name) == "a view") {
-      EXPECT_EQ(read_text(m_stg + "/" + VIEW_STG_METADATA), "server-tag=old\n");
-    }
-    if (std::string(c.name) == "a directory with a stranger's file") {
-      EXPECT_EQ(read_text(m_stg + "/notes.txt"), "keep me");
+    EXPECT_NE(mode_of(m_stg), 0u);
+    if (c[0].kind == kFile) {
+      EXPECT_EQ(read_text(c[0].path), c[0].arg);
     }
     EXPECT_FALSE(fileutl_exists(m_cache)) << "nothing made before the refusal";
   }
 }
 
 TEST_F(ViewTest, CreateRefusesAnInvalidIdentityBeforeMakingAnything) {
-  struct Case {
-    const char* tag;
-    const char* uuid;
-    const char* mode;
-    const char* type;
-    const char* url;
+  const struct {
+    const char *tag, *uuid, *mode, *type, *url;
     std::vector<int> messages;
-  };
-  const Case cases[] = {
+  } cases[] = {
       {"", kUuid, "unix", "auto", kUrl, {TVR_LIB_NO_SERVER_TAG}},
       {"v1", "not-a-uuid", "unix", "auto", kUrl, {TVR_LIB_BAD_VIEW_UUID}},
       {"v1", "00000000-0000-0000-0000-000000000000", "unix", "auto", kUrl, {TVR_LIB_BAD_VIEW_UUID}},
@@ -275,186 +274,127 @@ TEST_F(ViewTest, CreateRefusesAnInvalidIdentityBeforeMakingAnything) {
     std::unique_ptr<Tavrel_View> v(new_view(c.tag, c.uuid, c.mode, c.type));
     EXPECT_EQ(v->create(), TAVREL_ST_VIEW_IDENTITY);
     std::string expected;
-    for (int m : c.messages)
-      expected += m == TVR_LIB_BAD_VIEW_UUID ? imsg_format(&_tvr_lib_lib_msg_table, m, c.uuid, m_stg.c_str())
-                                        : imsg_format(&_tvr_lib_lib_msg_table, m, m_stg.c_str());
+    for (int m : c.messages) expected += m == TVR_LIB_BAD_VIEW_UUID ? msg(m, c.uuid, m_stg.c_str()) : msg(m, m_stg.c_str());
     EXPECT_EQ(v->get_status_message(), expected);
     EXPECT_FALSE(fileutl_exists(m_root + "/views"));
   }
-}
-
-TEST_F(ViewTest, TextModesAreNormalisedOrRefused) {
-  struct Case {
-    const char* given;
-    const char* canonical;
-  };
-  const Case cases[] = {{"unix", "unix"}, {" UNIX ", "unix"}, {"MsDos", "msdos"}, {"", ""}, {"unix2", ""}};
-  for (const auto& c : cases) {
-    std::unique_ptr<Tavrel_View> v(new_view("v1", kUuid, c.given));
-    EXPECT_EQ(v->get_view_textmode(), c.canonical) << c.given;
+  const std::pair<const char*, const char*> modes[] = {{"unix", "unix"}, {" UNIX ", "unix"}, {"MsDos", "msdos"}, {"unix2", ""}};
+  for (auto [given, canonical] : modes) {
+    std::unique_ptr<Tavrel_View> v(new_view("v1", kUuid, given));
+    EXPECT_EQ(v->get_view_textmode(), canonical) << given;
   }
 }
 
 TEST_F(ViewTest, ASeamFailureStopsCreationAndCleanupRemovesWhatCreationMade) {
-  struct Case {
-    const char* name;
-    void (*fail)();
-    int status;
+  const struct {
+    int Fake::*rc;
+    int value, status;
     const char* calls;
     std::string message;
-  };
-  const Case cases[] = {
-      {"cache", [] { g_fake.cache_init_rc = TBS_ST_INTERNAL; }, TAVREL_ST_CACHE_START, "cache,", ""},
-      {"database", [] { g_fake.start_db_rc = TBS_ST_DB_RELOAD_NEEDED; }, TAVREL_ST_CACHE_START, "cache,db,",
-       "View database initialization failed (1023).\n"},
-      {"namespace record", [] { g_fake.create_vns_rc = TBS_ST_INTERNAL; }, TAVREL_ST_FAILURE, "cache,db,vns,", ""},
-      {"kernel registration", [] { g_fake.register_rc = TBS_ST_INTERNAL; }, TAVREL_ST_FAILURE, "cache,db,vns,register,", ""},
-      {"kernel registration, not found", [] { g_fake.register_rc = TBS_ST_NOT_FOUND; }, TAVREL_ST_NOT_FOUND,
-       "cache,db,vns,register,", ""},
+  } cases[] = {
+      {&Fake::cache_init_rc, TBS_ST_INTERNAL, TAVREL_ST_CACHE_START, "cache,", ""},
+      {&Fake::start_db_rc, TBS_ST_DB_RELOAD_NEEDED, TAVREL_ST_CACHE_START, "cache,db,",
+       msg(TVR_LIB_DB_INIT, TBS_ST_DB_RELOAD_NEEDED)},
+      {&Fake::create_vns_rc, TBS_ST_INTERNAL, TAVREL_ST_FAILURE, "cache,db,vns,", ""},
+      {&Fake::register_rc, TBS_ST_INTERNAL, TAVREL_ST_FAILURE, "cache,db,vns,register,", ""},
+      {&Fake::register_rc, TBS_ST_NOT_FOUND, TAVREL_ST_NOT_FOUND, "cache,db,vns,register,", ""},
   };
   for (const auto& c : cases) {
-    SCOPED_TRACE(c.name);
+    SCOPED_TRACE(c.calls);
     g_fake = Fake();
-    c.fail();
+    g_fake.*c.rc = c.value;
     std::unique_ptr<Tavrel_View> v(new_view());
     EXPECT_EQ(v->create(), c.status);
     EXPECT_EQ(g_fake.calls, c.calls);
     EXPECT_EQ(v->get_status_message(), c.message);
-    EXPECT_TRUE(fileutl_exists(m_stg + "/" + VIEW_STG_METADATA));
+    EXPECT_TRUE(fileutl_exists(m_meta));
     v->cleanup_storage();
     EXPECT_FALSE(fileutl_exists(m_stg));
     EXPECT_FALSE(fileutl_exists(m_cache)) << "the cache directory made by this creation goes too";
     EXPECT_TRUE(fileutl_exists(m_root + "/views")) << "parents stay";
     EXPECT_FALSE(v->holds_lock());
-    EXPECT_EQ(g_fake.closed_db, std::string(c.name) == "cache" ? 0 : 1);
+    EXPECT_EQ(g_fake.closed_db, c.rc == &Fake::cache_init_rc ? 0 : 1);
   }
-  // Without any seams installed creation cannot pretend to have a cache.
-  Tavrel_View::install_hooks(Tavrel_View_Hooks());
+  // Without the seams creation cannot pretend to have a cache.
   Tavrel_View_Hooks only_url;
   only_url.server_url = [] { return std::string(kUrl); };
   Tavrel_View::install_hooks(only_url);
   std::unique_ptr<Tavrel_View> v(new_view());
   EXPECT_EQ(v->create(), TAVREL_ST_CACHE_START);
-  v->cleanup_storage();
-  EXPECT_FALSE(fileutl_exists(m_stg));
 }
 
 TEST_F(ViewTest, AStorageLeftHalfMadeByACrashIsTakenOverOnlyWhenNobodyOwnsIt) {
   // A creation that died after the host name file and before the metadata: the lock file names a
   // process that is gone, and a rewrite was interrupted.
-  fileutl_mkpath(m_stg, 0700);
-  write_text(m_stg + "/.hostname", my_host() + "\n");
-  write_text(m_stg + "/.pid", "999999\n");
-  write_text(m_stg + "/.hostname.tmpAbC123", "half");
-  fileutl_mkpath(m_stg + "/" + VIEW_STG_LOG_DIR, 0700);
-  write_text(m_stg + "/" + VIEW_STG_LOG_DIR + "/" + VIEW_STG_LOG_FILE, "INFO::...\n");
+  const std::string log = m_stg + "/" + VIEW_STG_LOG_DIR + "/" + VIEW_STG_LOG_FILE, tmp = m_host + ".tmpAbC123";
+  lay({{kFile, m_host, my_host() + "\n"}, {kFile, m_pid, "999999\n"}, {kFile, tmp, "half"}, {kFile, log, "INFO::\n"}});
   EXPECT_TRUE(Tavrel_View::is_abandoned_creation(m_stg));
 
   // While another process holds its lock, it is a creation in progress: refused, untouched.
   int ready[2], go[2];
   ASSERT_EQ(pipe(ready), 0);
   ASSERT_EQ(pipe(go), 0);
-  pid_t child = fork();
-  ASSERT_GE(child, 0);
-  if (child == 0) {
+  pid_t child = run_child([&] {
     pid_t owner;
-    int cookie = server_lock_set(m_stg + "/.pid", &owner);
-    char c = cookie >= 0 ? 'y' : 'n';
+    char c = server_lock_set(m_pid, &owner) >= 0 ? 'y' : 'n';
     (void)!write(ready[1], &c, 1);
     (void)!read(go[0], &c, 1);
-    _exit(0);
-  }
+  });
   char c = 0;
   ASSERT_EQ(read(ready[0], &c, 1), 1);
   ASSERT_EQ(c, 'y');
   EXPECT_FALSE(Tavrel_View::is_abandoned_creation(m_stg));
-  {
-    std::unique_ptr<Tavrel_View> v(new_view());
-    EXPECT_EQ(v->create(), TAVREL_ST_STORAGE_EXISTS);
-    EXPECT_TRUE(fileutl_exists(m_stg + "/.hostname.tmpAbC123"));
-  }
+  std::unique_ptr<Tavrel_View> v(new_view());
+  EXPECT_EQ(v->create(), TAVREL_ST_STORAGE_EXISTS);
+  EXPECT_TRUE(fileutl_exists(tmp));
   (void)!write(go[1], "x", 1);
-  int ws;
-  waitpid(child, &ws, 0);
+  exit_code(child);
   for (int fd : {ready[0], ready[1], go[0], go[1]}) close(fd);
 
   // Its owner gone, the storage is taken over and made whole.
-  std::unique_ptr<Tavrel_View> v(new_view());
+  v.reset(new_view());
   ASSERT_EQ(v->create(), 0) << v->get_status_message();
-  EXPECT_FALSE(fileutl_exists(m_stg + "/.hostname.tmpAbC123"));
-  EXPECT_FALSE(fileutl_exists(m_stg + "/" + VIEW_STG_LOG_DIR + "/" + VIEW_STG_LOG_FILE));
-  EXPECT_EQ(read_text(m_stg + "/.pid"), std::to_string(getpid()) + "\n");
-  EXPECT_NE(read_text(m_stg + "/" + VIEW_STG_METADATA).find("server-tag=v1\n"), std::string::npos);
-  v.reset();
+  EXPECT_FALSE(fileutl_exists(tmp));
+  EXPECT_FALSE(fileutl_exists(log));
+  EXPECT_EQ(read_text(m_pid), pid_line());
+  EXPECT_NE(read_text(m_meta).find("server-tag=v1\n"), std::string::npos);
   EXPECT_FALSE(Tavrel_View::is_abandoned_creation(m_stg)) << "a storage with metadata is a view";
 }
 
-// ---------------------------------------------------------------------------------------------------
-// Cleartext cache directory
-
 TEST_F(ViewTest, CacheDirectoryRules) {
-  struct Case {
-    const char* name;
-    std::string dir;
-    void (*prepare)(const std::string& root);
-    int status;
-    int message;  // -1: none
-  };
   const std::string r = m_root;
-  const Case cases[] = {
-      {"missing: made with its marker", r + "/c1/sub", nullptr, 0, -1},
-      {"empty existing directory", r + "/c2", [](const std::string& r) { fileutl_mkpath(r + "/c2", 0700); }, 0, -1},
-      {"already a cache, not empty: shared", r + "/c3",
-       [](const std::string& r) {
-         fileutl_mkpath(r + "/c3/.c", 0700);
-         fileutl_write_atomic(r + "/c3/.cltxt_cache", "", 0600);
-       },
-       0, -1},
-      {"below another cache", r + "/c4/inner/deeper",
-       [](const std::string& r) {
-         fileutl_mkpath(r + "/c4/inner", 0700);
-         fileutl_write_atomic(r + "/c4/.cltxt_cache", "", 0600);
-       },
-       TAVREL_ST_CACHE_NESTED, TVR_LIB_CACHE_NESTED},
-      {"not empty, no marker", r + "/c5",
-       [](const std::string& r) {
-         fileutl_mkpath(r + "/c5", 0700);
-         fileutl_write_atomic(r + "/c5/file", "x", 0600);
-       },
-       TAVREL_ST_CACHE_NOT_EMPTY, TVR_LIB_CACHE_INVALID},
-      {"a regular file", r + "/c6", [](const std::string& r) { fileutl_write_atomic(r + "/c6", "x", 0600); },
-       TAVREL_ST_LIST_DIR, TVR_LIB_CACHE_INVALID},
-      {"relative", "cache/rel", nullptr, TAVREL_ST_MALFORMED, TVR_LIB_CACHE_RELATIVE},
-      {"trailing separators", r + "/c7///", nullptr, 0, -1},
+  const std::string marker = std::string("/") + CLTXT_CACHE_MARKER;
+  const struct {
+    std::string dir;
+    std::vector<Lay> before;
+    int status;
+    std::string message;
+  } cases[] = {
+      {r + "/c1/sub", {}, 0, ""},  // missing: made with its marker
+      {r + "/c2", {{kDir, r + "/c2"}}, 0, ""},
+      {r + "/c3", {{kDir, r + "/c3/.c"}, {kFile, r + "/c3" + marker}}, 0, ""},  // already a cache: shared
+      {r + "/c4/inner/deeper", {{kDir, r + "/c4/inner"}, {kFile, r + "/c4" + marker}}, TAVREL_ST_CACHE_NESTED,
+       msg(TVR_LIB_CACHE_NESTED, (r + "/c4/inner/deeper").c_str())},
+      {r + "/c5", {{kFile, r + "/c5/file", "x"}}, TAVREL_ST_CACHE_NOT_EMPTY, msg(TVR_LIB_CACHE_INVALID, (r + "/c5").c_str())},
+      {r + "/c6", {{kFile, r + "/c6", "x"}}, TAVREL_ST_LIST_DIR, msg(TVR_LIB_CACHE_INVALID, (r + "/c6").c_str())},
+      {"cache/rel", {}, TAVREL_ST_MALFORMED, msg(TVR_LIB_CACHE_RELATIVE, "cache/rel")},
+      {r + "/c7///", {}, 0, ""},
+      {r + "/c8", {{kDir, r + "/c8"}, {kForeign, r + "/c8"}}, TAVREL_ST_CACHE_NOT_EMPTY,
+       msg(TVR_LIB_CACHE_OWNER, (r + "/c8").c_str(), 54321, 0)},
   };
   for (const auto& c : cases) {
-    SCOPED_TRACE(c.name);
-    if (c.prepare) c.prepare(m_root);
+    SCOPED_TRACE(c.dir);
+    if (geteuid() != 0 && c.dir == r + "/c8") continue;  // chown needs root
+    lay(c.before);
     Tavrel_View v(kUuid, "v1", "unix", "auto", c.dir, m_stg, 0);
     EXPECT_EQ(v.validate_create_cache_dir(), c.status);
+    EXPECT_EQ(v.get_status_message(), c.message);
     std::string plain = c.dir;
     while (plain.size() > 1 && plain.back() == '/') plain.pop_back();
-    EXPECT_EQ(v.get_status_message(), c.message < 0 ? "" : imsg_format(&_tvr_lib_lib_msg_table, c.message, plain.c_str()));
-    if (c.status == 0) {
-      EXPECT_TRUE(fileutl_exists(plain + "/" + CLTXT_CACHE_MARKER));
-    }
+    EXPECT_EQ(fileutl_exists(plain + marker), c.status == 0);
   }
-  EXPECT_TRUE(fileutl_exists(m_root + "/c3/.c")) << "a shared cache is left as it is";
-  EXPECT_FALSE(fileutl_exists(m_root + "/c4/inner/deeper"));
-}
-
-TEST_F(ViewTest, ACacheDirectoryOfAnotherUserIsRefused) {
-  std::string dir = m_root + "/theirs";
-  if (geteuid() == 0) {
-    fileutl_mkpath(dir, 0700);
-    ASSERT_EQ(chown(dir.c_str(), 54321, 54321), 0);
-  } else {
-    dir = "/";  // owned by root
-  }
-  Tavrel_View v(kUuid, "v1", "unix", "auto", dir, m_stg, 0);
-  EXPECT_EQ(v.validate_create_cache_dir(), TAVREL_ST_CACHE_NOT_EMPTY);
-  EXPECT_NE(v.get_status_message().find("belongs to user"), std::string::npos) << v.get_status_message();
-  EXPECT_FALSE(fileutl_exists(dir + "/" + CLTXT_CACHE_MARKER));
+  EXPECT_TRUE(fileutl_exists(r + "/c3/.c")) << "a shared cache is left as it is";
+  EXPECT_FALSE(fileutl_exists(r + "/c4/inner/deeper"));
 }
 
 // ---------------------------------------------------------------------------------------------------
@@ -462,13 +402,14 @@ TEST_F(ViewTest, ACacheDirectoryOfAnotherUserIsRefused) {
 
 TEST_F(ViewTest, StartReadsTheViewBackAndRemovesTemporariesOfInterruptedRewrites) {
   make_view();
-  write_text(m_stg + "/.tavrel.tmpQwErTy", "versionid=1.0\nview-uu");
-  write_text(m_stg + "/.mounted_silos.tmp000001", "/proj=");
-  write_text(m_stg + "/" + VIEW_STG_CONFIG_SPEC + ".tmp123456", "not ours");
-  g_fake = Fake();
+  const std::string ours = m_meta + ".tmpQwErTy", ours2 = m_stg + "/" + VIEW_STG_MOUNTED_SILOS + ".tmp000001",
+                    theirs = m_stg + "/" + VIEW_STG_CONFIG_SPEC + ".tmp123456";
+  lay({{kFile, ours, "versionid=1.0\nview-uu"}, {kFile, ours2, "/proj="}, {kFile, theirs, "not ours"}});
+  ASSERT_EQ(chmod(m_stg.c_str(), 0755), 0);  // group and other bits are taken away; the start goes on
   g_fake.gn = 42;
-  std::unique_ptr<Tavrel_View> v(Tavrel_View::get_view_from_stg(m_stg));
-  ASSERT_EQ(v->start(), 0) << v->get_status_message();
+  auto v = started();
+  ASSERT_EQ(m_start_rc, 0) << v->get_status_message();
+  EXPECT_EQ(mode_of(m_stg), 0700u);
   EXPECT_EQ(g_fake.calls, "cache,db,gn,register,");
   EXPECT_EQ(Tavrel_View::get_current_gn(), 42u);
   EXPECT_EQ(v->get_server_tag(), "v1");
@@ -478,87 +419,60 @@ TEST_F(ViewTest, StartReadsTheViewBackAndRemovesTemporariesOfInterruptedRewrites
   EXPECT_EQ(v->get_cltxt_cache_dir(), m_cache);
   EXPECT_EQ(v->get_preserve_time(), 1);
   EXPECT_TRUE(g_fake.last_enforce) << "the size from the file is raised to the minimum, not refused";
-  EXPECT_FALSE(fileutl_exists(m_stg + "/.tavrel.tmpQwErTy"));
-  EXPECT_FALSE(fileutl_exists(m_stg + "/.mounted_silos.tmp000001"));
-  EXPECT_TRUE(fileutl_exists(m_stg + "/" + VIEW_STG_CONFIG_SPEC + ".tmp123456")) << "other files' temporaries are not ours";
-  EXPECT_EQ(read_text(m_stg + "/.pid"), std::to_string(getpid()) + "\n");
-}
+  EXPECT_FALSE(fileutl_exists(ours) || fileutl_exists(ours2));
+  EXPECT_TRUE(fileutl_exists(theirs)) << "other files' temporaries are not ours";
+  EXPECT_EQ(read_text(m_pid), pid_line());
 
-TEST_F(ViewTest, StartMakesTheNamespaceRecordWhenTheDatabaseHasNone) {
-  make_view();
-  g_fake = Fake();
-  g_fake.get_gn_rc = TBS_ST_NOT_FOUND;
-  std::unique_ptr<Tavrel_View> v(Tavrel_View::get_view_from_stg(m_stg));
-  ASSERT_EQ(v->start(), 0);
-  EXPECT_EQ(g_fake.calls, "cache,db,gn,vns,register,");
-  EXPECT_EQ(Tavrel_View::get_current_gn(), 0u);
+  // Without a namespace record in the database, the start makes one; if it cannot, the start fails.
   v.reset();
   g_fake = Fake();
   g_fake.get_gn_rc = TBS_ST_NOT_FOUND;
+  v = started();
+  EXPECT_EQ(m_start_rc, 0);
+  EXPECT_EQ(g_fake.calls, "cache,db,gn,vns,register,");
+  EXPECT_EQ(Tavrel_View::get_current_gn(), 0u);
+  v.reset();
   g_fake.create_vns_rc = TBS_ST_INTERNAL;
-  v.reset(Tavrel_View::get_view_from_stg(m_stg));
-  EXPECT_EQ(v->start(), TAVREL_ST_FAILURE);
+  started();
+  EXPECT_EQ(m_start_rc, TAVREL_ST_FAILURE);
 }
 
-TEST_F(ViewTest, StartChecksTheStorageItself) {
-  make_view();
-  // Group and other bits are taken away; the start goes on.
-  ASSERT_EQ(chmod(m_stg.c_str(), 0755), 0);
-  {
-    std::unique_ptr<Tavrel_View> v(Tavrel_View::get_view_from_stg(m_stg));
-    EXPECT_EQ(v->start(), 0) << v->get_status_message();
-    EXPECT_EQ(mode_of(m_stg), 0700u);
-  }
-  struct Case {
-    const char* name;
-    std::string path;
-    int message;
-  };
-  ASSERT_EQ(symlink(m_stg.c_str(), (m_root + "/link.vws").c_str()), 0);
-  write_text(m_root + "/file.vws", "x");
-  const Case cases[] = {
-      {"missing", m_root + "/none.vws", TVR_LIB_STORAGE_NOT_DIR},
-      {"a regular file", m_root + "/file.vws", TVR_LIB_STORAGE_NOT_DIR},
-      {"a symbolic link to a view", m_root + "/link.vws", TVR_LIB_STORAGE_NOT_DIR},
+// Storage faults: each is refused with its status and message before the lock and before any seam.
+TEST_F(ViewTest, StorageFaultsRefuseTheStart) {
+  const std::string link = m_root + "/link.vws", file = m_root + "/file.vws", none = m_root + "/none.vws";
+  const std::string no_info = msg(TVR_LIB_NO_VIEW_INFO), unknown_host = msg(TVR_LIB_WRONG_HOST, "(unknown)");
+  const struct {
+    std::vector<Lay> fault;
+    std::string path;  // the storage given to the start
+    int status;
+    std::string message;
+  } cases[] = {
+      {{}, none, TAVREL_ST_NO_STORAGE, msg(TVR_LIB_STORAGE_NOT_DIR, none.c_str())},
+      {{{kFile, file, "x"}}, file, TAVREL_ST_NO_STORAGE, msg(TVR_LIB_STORAGE_NOT_DIR, file.c_str())},
+      {{{kLink, link, m_stg}}, link, TAVREL_ST_NO_STORAGE, msg(TVR_LIB_STORAGE_NOT_DIR, link.c_str())},
+      {{{kForeign, m_stg}}, m_stg, TAVREL_ST_NO_STORAGE, msg(TVR_LIB_STORAGE_OWNER, m_stg.c_str(), 54321, 0)},
+      {{{kRemove, m_meta}}, m_stg, TAVREL_ST_NO_VIEW_INFO, no_info},
+      {{{kRemove, m_meta}, {kFifo, m_meta}}, m_stg, TAVREL_ST_NO_VIEW_INFO, no_info},
+      {{{kRemove, m_meta}, {kDir, m_meta}}, m_stg, TAVREL_ST_NO_VIEW_INFO, no_info},
+      {{{kRemove, m_meta}, {kLink, m_meta, "/etc/hostname"}}, m_stg, TAVREL_ST_NO_VIEW_INFO, no_info},
+      {{{kFile, m_host, "elsewhere.example\n"}}, m_stg, TAVREL_ST_WRONG_HOST, msg(TVR_LIB_WRONG_HOST, "elsewhere.example")},
+      {{{kRemove, m_host}}, m_stg, TAVREL_ST_WRONG_HOST, unknown_host},
+      {{{kRemove, m_host}, {kFifo, m_host}}, m_stg, TAVREL_ST_WRONG_HOST, unknown_host},  // must not block
+      {{{kRemove, m_pid}, {kDir, m_pid}}, m_stg, TAVREL_ST_VIEW_LOCKED,
+       msg(TVR_LIB_LOCK_ERROR, "not a regular file", m_pid.c_str())},
   };
   for (const auto& c : cases) {
-    SCOPED_TRACE(c.name);
-    g_fake = Fake();
-    std::unique_ptr<Tavrel_View> v(Tavrel_View::get_view_from_stg(c.path));
-    EXPECT_EQ(v->start(), TAVREL_ST_NO_STORAGE);
-    EXPECT_EQ(v->get_status_message(), imsg_format(&_tvr_lib_lib_msg_table, c.message, c.path.c_str()));
+    SCOPED_TRACE(c.message);
+    if (geteuid() != 0 && !c.fault.empty() && c.fault[0].kind == kForeign) continue;  // chown needs root
+    Tavrel_View_Storage::remove_tree(m_root);
+    make_view();
+    lay(c.fault);
+    auto v = started(c.path);
+    EXPECT_EQ(m_start_rc, c.status);
+    EXPECT_EQ(v->get_status_message(), c.message);
     EXPECT_EQ(g_fake.calls, "");
     EXPECT_FALSE(v->holds_lock());
   }
-}
-
-TEST_F(ViewTest, StartRefusesAStorageOfAnotherUser) {
-  if (geteuid() != 0) GTEST_SKIP() << "making a directory owned by another user needs root";
-  make_view();
-  ASSERT_EQ(chown(m_stg.c_str(), 54321, 54321), 0);
-  std::unique_ptr<Tavrel_View> v(Tavrel_View::get_view_from_stg(m_stg));
-  EXPECT_EQ(v->start(), TAVREL_ST_NO_STORAGE);
-  EXPECT_EQ(v->get_status_message(), imsg_format(&_tvr_lib_lib_msg_table, TVR_LIB_STORAGE_OWNER, m_stg.c_str(), 54321, 0));
-  EXPECT_FALSE(v->holds_lock());
-}
-
-TEST_F(ViewTest, StartOnAnotherHostIsRefusedBeforeTheLock) {
-  make_view();
-  write_text(m_stg + "/.hostname", "elsewhere.example\n");
-  std::unique_ptr<Tavrel_View> v(Tavrel_View::get_view_from_stg(m_stg));
-  EXPECT_EQ(v->start(), TAVREL_ST_WRONG_HOST);
-  EXPECT_EQ(v->get_status_message(),
-            "View started on wrong host.  This view is registered on host \"elsewhere.example\".");
-  EXPECT_FALSE(v->holds_lock());
-
-  // Missing, or a FIFO in its place (which must not block the start).
-  fileutl_rm(m_stg + "/.hostname");
-  v.reset(Tavrel_View::get_view_from_stg(m_stg));
-  EXPECT_EQ(v->start(), TAVREL_ST_WRONG_HOST);
-  ASSERT_EQ(mkfifo((m_stg + "/.hostname").c_str(), 0600), 0);
-  v.reset(Tavrel_View::get_view_from_stg(m_stg));
-  EXPECT_EQ(v->start(), TAVREL_ST_WRONG_HOST);
-  EXPECT_NE(v->get_status_message().find("(unknown)"), std::string::npos);
 }
 
 // ---------------------------------------------------------------------------------------------------
@@ -567,194 +481,123 @@ TEST_F(ViewTest, StartOnAnotherHostIsRefusedBeforeTheLock) {
 TEST_F(ViewTest, MetadataParsingWithHostileLines) {
   make_view();
   const std::string head = std::string("view-uuid=") + kUuid + "\n";
-  const std::string good_rest = "text-mode=unix\nview-type=auto\ncltxt-cache-dir=" + m_cache + "\ncache-size=5000000\n";
-  struct Case {
-    const char* name;
+  const std::string rest = "text-mode=unix\nview-type=auto\ncltxt-cache-dir=" + m_cache + "\ncache-size=5000000\n";
+  const std::string parse_error = msg(TVR_LIB_PARSE_ERROR, m_meta.c_str());
+  const struct {
     std::string text;
     int status;
-    std::string message;
-  };
-  const std::string meta = m_stg + "/" + VIEW_STG_METADATA;
-  const Case cases[] = {
-      {"no server tag", head + good_rest, TAVREL_ST_VIEW_IDENTITY,
-       imsg_format(&_tvr_lib_lib_msg_table, TVR_LIB_NO_SERVER_TAG, m_stg.c_str())},
-      {"junk around good lines",
-       "\n   \nno separator here\n" + head + "server-tag = spaced tag \nunknown-key=whatever\n=\n" +
-           std::string(20000, 'x') + "=overlong\n" + good_rest + "versionid=9.9\nserver-url=ignored",
-       0, ""},
-      {"value holding the separator", head + "server-tag=a=b\n" + good_rest, 0, ""},
-      {"bad cache size", head + "server-tag=v1\n" + good_rest + "cache-size=12x\n", TAVREL_ST_METADATA_FILE,
-       imsg_format(&_tvr_lib_lib_msg_table, TVR_LIB_PARSE_ERROR, meta.c_str())},
-      {"cache size beyond 32 bits", head + "server-tag=v1\n" + good_rest + "cache-size=4294967296\n",
-       TAVREL_ST_METADATA_FILE, imsg_format(&_tvr_lib_lib_msg_table, TVR_LIB_PARSE_ERROR, meta.c_str())},
-      {"bad uuid", "view-uuid=xyz\nserver-tag=v1\n" + good_rest, TAVREL_ST_VIEW_IDENTITY,
-       imsg_format(&_tvr_lib_lib_msg_table, TVR_LIB_BAD_VIEW_UUID, "xyz", m_stg.c_str())},
-      {"too large", head + "server-tag=v1\n" + good_rest + std::string(70000, '#'), TAVREL_ST_METADATA_FILE,
-       imsg_format(&_tvr_lib_lib_msg_table, TVR_LIB_PARSE_ERROR, meta.c_str())},
+    std::string message, tag;
+  } cases[] = {
+      {head + rest, TAVREL_ST_VIEW_IDENTITY, msg(TVR_LIB_NO_SERVER_TAG, m_stg.c_str()), ""},
+      {"\n   \nno separator here\n" + head + "server-tag = spaced tag \nunknown-key=whatever\n=\n" +
+           std::string(20000, 'x') + "=overlong\n" + rest + "versionid=9.9\nserver-url=ignored",
+       0, "", "spaced tag"},
+      {head + "server-tag=a=b\n" + rest, 0, "", "a=b"},
+      {head + "server-tag=v1\n" + rest + "cache-size=12x\n", TAVREL_ST_METADATA_FILE, parse_error, ""},
+      {head + "server-tag=v1\n" + rest + "cache-size=4294967296\n", TAVREL_ST_METADATA_FILE, parse_error, ""},
+      {"view-uuid=xyz\nserver-tag=v1\n" + rest, TAVREL_ST_VIEW_IDENTITY, msg(TVR_LIB_BAD_VIEW_UUID, "xyz", m_stg.c_str()), ""},
+      {head + "server-tag=v1\n" + rest + std::string(70000, '#'), TAVREL_ST_METADATA_FILE, parse_error, ""},
   };
   for (const auto& c : cases) {
-    SCOPED_TRACE(c.name);
-    write_text(meta, c.text);
+    SCOPED_TRACE(c.text.substr(0, 60));
+    lay({{kFile, m_meta, c.text}});
     Tavrel_View v(m_stg);
     EXPECT_EQ(v.read_metadata_file(1), c.status);
     EXPECT_EQ(v.get_status_message(), c.message);
-    if (std::string(c.name) == "junk around good lines") {
-      EXPECT_EQ(v.get_server_tag(), "spaced tag");
+    if (c.status == 0) {
+      EXPECT_EQ(v.get_server_tag(), c.tag);
       EXPECT_EQ(v.get_cache_size(), 5000000u);
       EXPECT_EQ(g_fake.last_size, 5000000u);
     }
-    if (std::string(c.name) == "value holding the separator") {
-      EXPECT_EQ(v.get_server_tag(), "a=b");
-    }
   }
-}
-
-TEST_F(ViewTest, MissingOrNonRegularMetadataIsNoViewInformation) {
-  fileutl_mkpath(m_stg, 0700);
-  const std::string meta = m_stg + "/" + VIEW_STG_METADATA;
-  struct Case {
-    const char* name;
-    void (*prepare)(const std::string& meta);
-  };
-  const Case cases[] = {
-      {"missing", [](const std::string&) {}},
-      {"a FIFO", [](const std::string& m) { ASSERT_EQ(mkfifo(m.c_str(), 0600), 0); }},
-      {"a directory", [](const std::string& m) { fileutl_mkpath(m, 0700); }},
-      {"a symbolic link", [](const std::string& m) { ASSERT_EQ(symlink("/etc/hostname", m.c_str()), 0); }},
-  };
-  for (const auto& c : cases) {
-    SCOPED_TRACE(c.name);
-    Tavrel_View_Storage::remove_tree(meta);
-    c.prepare(meta);
-    Tavrel_View v(m_stg);
-    EXPECT_EQ(v.get_view_info(), TAVREL_ST_NO_VIEW_INFO);
-    EXPECT_EQ(v.get_status_message(), "View information not found.");
-  }
-}
-
-TEST_F(ViewTest, TheSpinesReReadAcceptsMetadataThatAFullReadWouldRefuse) {
-  // After the first request the process re-reads the metadata without validating it.
-  fileutl_mkpath(m_stg, 0700);
-  write_text(m_stg + "/" + VIEW_STG_METADATA, std::string("view-uuid=") + kUuid + "\nserver-tag=t\nview-type=\n");
+  // The re-read after the first request does not validate: what a full read refuses passes.
+  lay({{kFile, m_meta, head + "server-tag=t\nview-type=\n"}});
   Tavrel_View v(m_stg);
   EXPECT_EQ(v.get_view_info(), 0);
   EXPECT_EQ(v.read_metadata_file(1), TAVREL_ST_VIEW_IDENTITY);
-}
 
-TEST_F(ViewTest, MetadataValuesThatWouldBreakTheFileAreRefused) {
-  make_view();
-  const std::string before = read_text(m_stg + "/" + VIEW_STG_METADATA);
-  std::unique_ptr<Tavrel_View> v(Tavrel_View::get_view_from_list(kUuid, "v1\nserver-tag=evil", "unix", "auto",
-                                                                 m_cache, m_stg, 0));
-  EXPECT_EQ(v->create_metadata_file(), TAVREL_ST_WRITE_FILE);
-  EXPECT_EQ(read_text(m_stg + "/" + VIEW_STG_METADATA), before);
+  // A value that would break the file is refused, and the file stays as it was.
+  const std::string before = read_text(m_meta);
+  std::unique_ptr<Tavrel_View> evil(
+      Tavrel_View::get_view_from_list(kUuid, "v1\nserver-tag=evil", "unix", "auto", m_cache, m_stg, 0));
+  EXPECT_EQ(evil->create_metadata_file(), TAVREL_ST_WRITE_FILE);
+  EXPECT_EQ(read_text(m_meta), before);
 }
 
 TEST_F(ViewTest, SetCacheSize) {
   make_view();
-  std::unique_ptr<Tavrel_View> v(Tavrel_View::get_view_from_stg(m_stg));
-  ASSERT_EQ(v->start(), 0);
-  std::string msg;
-  EXPECT_EQ(v->set_cache_size(1000, msg, true), TAVREL_ST_FAILURE);
-  EXPECT_EQ(msg, "Unable to set cache size to 1000: minimum size is 4194304\n");
+  auto v = started();
+  ASSERT_EQ(m_start_rc, 0);
+  std::string m;
+  EXPECT_EQ(v->set_cache_size(1000, m, true), TAVREL_ST_FAILURE);
+  EXPECT_EQ(m, msg(TVR_LIB_CACHE_MINIMUM, 1000u, Tavrel_View::MIN_CACHE_SIZE));
   EXPECT_EQ(v->get_cache_size(), 0u);
-  EXPECT_NE(read_text(m_stg + "/" + VIEW_STG_METADATA).find("cache-size=0\n"), std::string::npos);
-
-  msg.clear();
-  EXPECT_EQ(v->set_cache_size(8388608, msg, true), 0);
-  EXPECT_EQ(msg, "");
+  EXPECT_NE(read_text(m_meta).find("cache-size=0\n"), std::string::npos);
+  m.clear();
+  EXPECT_EQ(v->set_cache_size(8388608, m, true), 0);
+  EXPECT_EQ(m, "");
   EXPECT_FALSE(g_fake.last_enforce);
-  EXPECT_NE(read_text(m_stg + "/" + VIEW_STG_METADATA).find("cache-size=8388608\n"), std::string::npos);
-
+  EXPECT_NE(read_text(m_meta).find("cache-size=8388608\n"), std::string::npos);
   g_fake.set_size_rc = TBS_ST_INTERNAL;
-  EXPECT_EQ(v->set_cache_size(9000000, msg, true), TAVREL_ST_FAILURE);
-  EXPECT_EQ(msg, "Unable to set cache size to 9000000: internal error\n");
+  EXPECT_EQ(v->set_cache_size(9000000, m, true), TAVREL_ST_FAILURE);
   EXPECT_EQ(v->get_cache_size(), 8388608u);
-
   // The size is set but cannot be saved.
   g_fake.set_size_rc = 0;
-  msg.clear();
-  fileutl_rm(m_stg + "/" + VIEW_STG_METADATA);
-  fileutl_mkpath(m_stg + "/" + VIEW_STG_METADATA, 0700);
-  EXPECT_EQ(v->set_cache_size(9000000, msg, true), TAVREL_ST_WRITE_FILE);
-  EXPECT_EQ(msg, "Unable to save cache size to metadata file\n");
+  lay({{kRemove, m_meta}, {kDir, m_meta}});
+  EXPECT_EQ(v->set_cache_size(9000000, m, true), TAVREL_ST_WRITE_FILE);
 }
 
 // ---------------------------------------------------------------------------------------------------
 // The view lock between processes
 
-// Runs `fn` in a child process; returns its pid. The child reports on `report` and then waits for the
-// parent to kill it (when `stay`) or exits.
-template <typename F>
-pid_t run_child(F fn) {
-  pid_t pid = fork();
-  if (pid == 0) {
-    fn();
-    _exit(0);
-  }
-  return pid;
-}
-
-struct Report {
-  int rc;
-  int holder;
-};
-
 TEST_F(ViewTest, ASecondAgentIsRefusedWithTheHoldersPidAndAKilledOnesLockIsTakenOver) {
   make_view();
   int up[2];
   ASSERT_EQ(pipe(up), 0);
+  struct Report {
+    int rc, holder;
+  } r{};
+  auto report = [&](Report rr) { (void)!write(up[1], &rr, sizeof rr); };
+  auto receive = [&] { return read(up[0], &r, sizeof r) == static_cast<ssize_t>(sizeof r); };
   // First agent: starts the view and stays.
   pid_t first = run_child([&] {
     Tavrel_View v(m_stg);
-    Report r{v.start(), 0};
-    (void)!write(up[1], &r, sizeof r);
+    report({v.start(), 0});
     for (;;) pause();
   });
-  ASSERT_GT(first, 0);
-  Report r{};
-  ASSERT_EQ(read(up[0], &r, sizeof r), static_cast<ssize_t>(sizeof r));
+  ASSERT_TRUE(receive());
   ASSERT_EQ(r.rc, 0);
   g_fake = Fake();
-  EXPECT_EQ(server_lock_holder(m_stg + "/.pid"), first);
-  EXPECT_EQ(read_text(m_stg + "/.pid"), std::to_string(first) + "\n");
+  EXPECT_EQ(server_lock_holder(m_pid), first);
+  EXPECT_EQ(read_text(m_pid), pid_line(first));
 
-  // Second agent on the same storage: refused with status 3, told who holds the view.
-  std::string message;
+  // A second agent on the same storage is refused and told who holds the view.
   pid_t second = run_child([&] {
     Tavrel_View v(m_stg);
-    Report rr{v.start(), static_cast<int>(v.get_lock_holder())};
-    (void)!write(up[1], &rr, sizeof rr);
+    report({v.start(), static_cast<int>(v.get_lock_holder())});
   });
-  ASSERT_EQ(read(up[0], &r, sizeof r), static_cast<ssize_t>(sizeof r));
-  waitpid(second, nullptr, 0);
+  ASSERT_TRUE(receive());
+  exit_code(second);
   EXPECT_EQ(r.rc, TAVREL_ST_VIEW_LOCKED);
   EXPECT_EQ(r.holder, first);
-  // The same refusal in this process, with the message the client sees.
   {
     Tavrel_View v(m_stg);
     EXPECT_EQ(v.start(), TAVREL_ST_VIEW_LOCKED);
-    EXPECT_EQ(v.get_status_message(), "View \"" + m_stg + "\" is in use by process " + std::to_string(first) + ".\n");
+    EXPECT_EQ(v.get_status_message(), msg(TVR_LIB_VIEW_IN_USE, m_stg.c_str(), static_cast<int>(first)));
     EXPECT_EQ(g_fake.calls, "") << "nothing after the lock ran";
   }
 
-  // kill -9 of the first: the kernel drops its lock; the next agent starts, in a new process.
+  // kill -9 of the first: the kernel drops its lock; the next agent starts and writes its own pid.
   ASSERT_EQ(kill(first, SIGKILL), 0);
-  int ws = 0;
-  waitpid(first, &ws, 0);
-  ASSERT_TRUE(WIFSIGNALED(ws));
-  EXPECT_EQ(read_text(m_stg + "/.pid"), std::to_string(first) + "\n") << "a stale lock file remains";
+  EXPECT_EQ(exit_code(first), -1);
+  EXPECT_EQ(read_text(m_pid), pid_line(first)) << "a stale lock file remains";
   pid_t third = run_child([&] {
     Tavrel_View v(m_stg);
-    Report rr{v.start(), 0};
-    if (rr.rc == 0) rr.holder = static_cast<int>(getpid());
-    std::string pidfile;
-    fileutl_read_file(m_stg + "/.pid", &pidfile, 64);
-    if (pidfile != std::to_string(getpid()) + "\n") rr.rc = -100;
-    (void)!write(up[1], &rr, sizeof rr);
+    int rc = v.start();
+    report({rc == 0 && read_text(m_pid) == pid_line() ? 0 : -100, static_cast<int>(getpid())});
   });
-  ASSERT_EQ(read(up[0], &r, sizeof r), static_cast<ssize_t>(sizeof r));
-  waitpid(third, nullptr, 0);
+  ASSERT_TRUE(receive());
+  exit_code(third);
   EXPECT_EQ(r.rc, 0);
   EXPECT_EQ(r.holder, third);
   close(up[0]);
@@ -769,32 +612,20 @@ TEST_F(ViewTest, TwoViewObjectsOfOneProcessDoNotShareTheLock) {
   EXPECT_FALSE(b.lock());
   EXPECT_EQ(b.get_lock_holder(), getpid());
   // b's refusal did not drop a's lock: another process still sees a as the holder.
-  pid_t child = run_child([&] { _exit(server_lock_holder(m_stg + "/.pid") == getppid() ? 0 : 1); });
-  int ws = 0;
-  waitpid(child, &ws, 0);
-  EXPECT_TRUE(WIFEXITED(ws) && WEXITSTATUS(ws) == 0);
+  EXPECT_EQ(exit_code(run_child([&] { _exit(server_lock_holder(m_pid) == getppid() ? 0 : 1); })), 0);
   a.unlock();
   EXPECT_TRUE(b.lock());
   b.conditional_unlock();
   EXPECT_FALSE(b.holds_lock());
 }
 
-TEST_F(ViewTest, ALockFileThatIsNotAFileIsASystemError) {
-  fileutl_mkpath(m_stg + "/.pid", 0700);
-  Tavrel_View v(m_stg);
-  EXPECT_FALSE(v.lock());
-  EXPECT_EQ(v.get_status_message(),
-            imsg_format(&_tvr_lib_lib_msg_table, TVR_LIB_LOCK_ERROR, "not a regular file", (m_stg + "/.pid").c_str()));
-}
-
 // ---------------------------------------------------------------------------------------------------
-// Kernel module seams and the view root
+// Kernel module seams, the view root, the update gate
 
 TEST_F(ViewTest, CleanupUnregistersTheTagLastRead) {
   Tavrel_View fresh(m_stg);
   EXPECT_EQ(fresh.cleanup(), TBS_ST_FAILURE) << "no tag known";
   EXPECT_EQ(g_fake.unregistered_tag, "");
-
   make_view();
   Tavrel_View reader(m_stg);
   ASSERT_EQ(reader.get_view_info(), 0);
@@ -803,7 +634,6 @@ TEST_F(ViewTest, CleanupUnregistersTheTagLastRead) {
   g_fake.unregister_rc = TBS_ST_VIEW_GONE;
   EXPECT_EQ(on_exit.cleanup(), TBS_ST_VIEW_GONE);
   EXPECT_EQ(g_fake.unregistered_tag, "v1");
-
   Tavrel_View::install_hooks(Tavrel_View_Hooks());
   EXPECT_EQ(on_exit.cleanup(), TBS_ST_FAILURE) << "no kernel module interface";
 }
@@ -819,12 +649,10 @@ TEST_F(ViewTest, ViewRoot) {
   EXPECT_EQ(v->get_view_root(), "/view/tag1");
   g_fake.kfsm_root = "/elsewhere";
   EXPECT_EQ(v->get_view_root(), "/view/tag1") << "cached once known";
-  struct Case {
-    const char* in;
-    const char* stripped;
+  const struct {
+    const char *in, *stripped;
     bool root;
-  };
-  const Case cases[] = {
+  } cases[] = {
       {"/view/tag1/proj/a.c", "/proj/a.c", false}, {"/view/tag1", "", true}, {"/view/tag1/", "/", true},
       {"/view/tag1x/proj", "/view/tag1x/proj", false}, {"/proj/a.c", "/proj/a.c", false}, {"", "", false},
   };
@@ -833,9 +661,6 @@ TEST_F(ViewTest, ViewRoot) {
     EXPECT_EQ(v->is_view_root(c.in), c.root) << c.in;
   }
 }
-
-// ---------------------------------------------------------------------------------------------------
-// The update gate
 
 TEST_F(ViewTest, UpdateGate) {
   // The gate only compares and hands back the update's address.
@@ -847,22 +672,17 @@ TEST_F(ViewTest, UpdateGate) {
   ASSERT_TRUE(Tavrel_View::update_start(p1, gn, false));
   EXPECT_EQ(gn, 7u);
   EXPECT_TRUE(Tavrel_View::update_in_progress());
-  EXPECT_EQ(Tavrel_View::get_update(), p1);
-
   // Without waiting, a second update is turned away and nothing changes.
   gn = 99;
   EXPECT_FALSE(Tavrel_View::update_start(p2, gn, false));
   EXPECT_EQ(gn, 99u);
-  EXPECT_EQ(Tavrel_View::get_update(), p1);
   Tavrel_View::update_end(p2);  // not the active one: no effect
   EXPECT_EQ(Tavrel_View::get_update(), p1);
 
   // A waiting one gets the gate when the first ends, with the GN the first set.
   std::atomic<int> got{0};
   unsigned gn2 = 0;
-  std::thread waiter([&] {
-    got = Tavrel_View::update_start(p2, gn2, true) ? 1 : -1;
-  });
+  std::thread waiter([&] { got = Tavrel_View::update_start(p2, gn2, true) ? 1 : -1; });
   std::thread running_waiter([] { Tavrel_View::wait_for_running_update(); });
   Tavrel_View::set_current_gn(8, true);  // the first update passed its start
   running_waiter.join();
@@ -872,31 +692,24 @@ TEST_F(ViewTest, UpdateGate) {
   EXPECT_EQ(got.load(), 1);
   EXPECT_EQ(gn2, 8u);
   EXPECT_EQ(Tavrel_View::get_update(), p2);
-
   std::thread finished_waiter([] { Tavrel_View::wait_for_finished_update(); });
   Tavrel_View::update_end(p2);
   finished_waiter.join();
   EXPECT_FALSE(Tavrel_View::update_in_progress());
   Tavrel_View::wait_for_running_update();  // no update: returns at once
-}
 
-TEST_F(ViewTest, StopRequestsReachTheUpdate) {
+  // Stop requests: an abort, and the thread manager's exit flag (in a child, so that this process's
+  // event loop stays usable).
   EXPECT_FALSE(Tavrel_View::should_stop_update());
   Tavrel_View::abort_update();
   EXPECT_TRUE(Tavrel_View::should_stop_update());
   Tavrel_View::reset_for_test();
-  // The thread manager's exit flag, in a child so that this process's event loop stays usable.
-  pid_t child = run_child([] {
-    Tavrel_Thread_Manager_Base::get_instance()->set_should_exit();
-    _exit(Tavrel_View::should_stop_update() ? 0 : 1);
-  });
-  int ws = 0;
-  waitpid(child, &ws, 0);
-  EXPECT_TRUE(WIFEXITED(ws) && WEXITSTATUS(ws) == 0);
+  EXPECT_EQ(exit_code(run_child([] {
+              Tavrel_Thread_Manager_Base::get_instance()->set_should_exit();
+              _exit(Tavrel_View::should_stop_update() ? 0 : 1);
+            })),
+            0);
   Tavrel_Thread_Manager_Base::destroy_instance();
 }
-
-// ---------------------------------------------------------------------------------------------------
-// Message texts
 
 }  // namespace
