@@ -19,7 +19,7 @@
 #include "base/fileutl.h"
 #include "client/agent_process.h"
 #include "client/connection.h"
-#include "client/frame.h"
+#include "proto/pipe_frame.h"
 #include "proto/view_storage_names.h"
 
 using Clock = std::chrono::steady_clock;
@@ -34,24 +34,25 @@ double seconds_since(Clock::time_point t) { return std::chrono::duration<double>
 double pipe_baseline(int n, const std::string& req) {
   int a[2], b[2];
   if (pipe(a) || pipe(b)) return 0;
-  std::string resp = tavrel::client::encode_response_frame("<?xml version=\"1.0\"?><Echo tx-id=\"1\" status-code=\"0\"/>");
+  std::string resp =
+      pipe_frame_encode(Pipe_Frame_Kind::RESPONSE, "<?xml version=\"1.0\"?><Echo tx-id=\"1\" status-code=\"0\"/>");
   std::thread server([&] {
     for (int i = 0; i < n; i++) {
       char c;
-      std::string len;
-      while (read(a[0], &c, 1) == 1 && c != '\n') len += c;
-      std::vector<char> body(std::stoul(len));
+      Pipe_Frame_Decoder length(Pipe_Frame_Kind::REQUEST, PIPE_FRAME_MAX_REQUEST);
+      while (length.state() == Pipe_Frame_Decoder::State::LENGTH && read(a[0], &c, 1) == 1) length.feed(&c, 1);
+      std::vector<char> body(length.body_missing());
       if (read(a[0], body.data(), body.size()) < 0) return;
       if (write(b[1], resp.data(), resp.size()) < 0) return;
     }
   });
-  std::string frame = tavrel::client::encode_request_frame(req);
-  tavrel::client::FrameReader reader;
+  std::string frame = pipe_frame_encode(Pipe_Frame_Kind::REQUEST, req);
+  Pipe_Frame_Reader reader(Pipe_Frame_Kind::RESPONSE, PIPE_FRAME_MAX_RESPONSE);
   auto t0 = Clock::now();
   for (int i = 0; i < n; i++) {
     if (write(a[1], frame.data(), frame.size()) < 0) break;
     std::string doc;
-    while (reader.next(&doc) != tavrel::client::FrameReader::Result::kFrame) {
+    while (reader.next(&doc) != Pipe_Frame_Reader::Result::kFrame) {
       char buf[4096];
       ssize_t got = read(b[0], buf, sizeof buf);
       if (got <= 0) break;

@@ -13,7 +13,7 @@
 #include <cstring>
 #include <thread>
 
-#include "client/frame.h"
+#include "proto/pipe_frame.h"
 
 namespace tavrel::client {
 
@@ -73,7 +73,7 @@ AgentStarted start_agent(const AgentStart& how) {
   if (!how.raw_first_request)
     for (char& c : doc)
       if (c == '\n' || c == '\r') c = ' ';
-  std::string frame = encode_request_frame(doc) + "\n";
+  std::string frame = pipe_frame_encode(Pipe_Frame_Kind::REQUEST, doc) + "\n";
   signal(SIGPIPE, SIG_IGN);
   size_t done = 0;
   while (done < frame.size()) {
@@ -84,16 +84,16 @@ AgentStarted start_agent(const AgentStart& how) {
   }
   close(in_pipe[1]);
 
-  FrameReader reader;
+  Pipe_Frame_Reader reader(Pipe_Frame_Kind::RESPONSE, PIPE_FRAME_MAX_RESPONSE);
   auto deadline = std::chrono::steady_clock::now() + std::chrono::milliseconds(how.timeout_ms);
   for (;;) {
     std::string document;
-    FrameReader::Result r = reader.next(&document);
-    if (r == FrameReader::Result::kFrame) {
+    Pipe_Frame_Reader::Result r = reader.next(&document);
+    if (r == Pipe_Frame_Reader::Result::kFrame) {
       out.response = document;
       break;
     }
-    if (r == FrameReader::Result::kError) {
+    if (r == Pipe_Frame_Reader::Result::kError) {
       out.error = EPROTO;
       out.message = reader.error();
       break;

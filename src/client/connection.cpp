@@ -113,7 +113,7 @@ Connection::Status Connection::connect(const std::string& storage, int timeout_m
 }
 
 Connection::Status Connection::send(const std::string& document) {
-  std::string frame = encode_request_frame(document);
+  std::string frame = pipe_frame_encode(Pipe_Frame_Kind::REQUEST, document);
   // The agent takes the body with a single read, so the whole frame must fit the pipe at once.
   if (m_pipe_size > 0 && frame.size() > static_cast<size_t>(m_pipe_size))
     return fail(kTooLarge, "request of " + std::to_string(frame.size()) + " bytes does not fit the pipe (" +
@@ -134,9 +134,9 @@ Connection::Status Connection::send_raw(const std::string& bytes) {
 Connection::Status Connection::receive(std::string* document, int timeout_ms) {
   auto deadline = Clock::now() + std::chrono::milliseconds(timeout_ms);
   for (;;) {
-    FrameReader::Result r = m_reader.next(document);
-    if (r == FrameReader::Result::kFrame) return kOk;
-    if (r == FrameReader::Result::kError) return fail(kProtocol, m_reader.error());
+    Pipe_Frame_Reader::Result r = m_reader.next(document);
+    if (r == Pipe_Frame_Reader::Result::kFrame) return kOk;
+    if (r == Pipe_Frame_Reader::Result::kError) return fail(kProtocol, m_reader.error());
     if (m_response_fd < 0) return fail(kClosed, "not connected");
     struct pollfd p = {m_response_fd, POLLIN, 0};
     int n = poll(&p, 1, ms_left(deadline));

@@ -16,7 +16,7 @@
 
 #include <string>
 
-#include "client/frame.h"
+#include "proto/pipe_frame.h"
 
 namespace tavrel::client {
 
@@ -54,7 +54,7 @@ class Connection {
   int m_request_fd = -1;
   int m_response_fd = -1;
   int m_pipe_size = 0;
-  FrameReader m_reader;
+  Pipe_Frame_Reader m_reader{Pipe_Frame_Kind::RESPONSE, PIPE_FRAME_MAX_RESPONSE};
   std::string m_error;
 };
 

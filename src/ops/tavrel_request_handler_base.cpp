@@ -10,6 +10,7 @@
 #include "ops/tavrel_client.h"
 #include "ops/tavrel_cmapi_request.h"
 #include "ops/tavrel_request_handler_unix.h"
+#include "proto/pipe_frame.h"
 
 Tavrel_Request_Handler_Base::Tavrel_Request_Handler_Base(Tavrel_Client* client, Tavrel_View* view)
     : m_client(client), m_view(view) {}
@@ -76,12 +77,8 @@ int Tavrel_Request_Handler_Base::read_request(std::istream& in, std::string& out
   return 0;
 }
 
-std::string Tavrel_Request_Handler_Base::make_frame(const std::string& text) {
-  return std::to_string(text.size()) + "\n" + text + "0\n";
-}
-
 int Tavrel_Request_Handler_Base::send_response(std::ostream& out, const std::string& text) {
-  out << make_frame(text);
+  out << pipe_frame_encode(Pipe_Frame_Kind::RESPONSE, text);
   out.flush();
   return out.good() ? 0 : TAVREL_ST_RESP_WRITE;
 }

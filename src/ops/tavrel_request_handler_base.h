@@ -4,8 +4,8 @@
 // they finish. The thread ends when the client closes its end or the agent stops, after all its
 // queued requests are gone.
 //
-// Request frame:  <decimal length, digits only>\n<length bytes of XML>
-// Response frame: <decimal length>\n<length bytes of XML>0\n   (the "0\n" is a closing zero length)
+// Frames as proto/pipe_frame.h has them; a request body over PIPE_FRAME_MAX_REQUEST bytes is dropped
+// as malformed.
 //
 // Locks: the request channel mutex is held for a whole read_request (only this thread reads); the
 // response channel mutex is held for a whole send_response, so frames of parallel operations never
@@ -23,8 +23,6 @@ class Tavrel_View;
 
 class Tavrel_Request_Handler_Base : public Tavrel_Request_Thread {
  public:
-  // Largest request body accepted; a longer declared length is dropped as malformed.
-  static constexpr size_t MAX_REQUEST_BYTES = 16u << 20;
   // Line limit of the first request on standard input.
   static constexpr size_t STREAM_LINE_LIMIT = 16000;
 
@@ -41,7 +39,6 @@ class Tavrel_Request_Handler_Base : public Tavrel_Request_Thread {
   // trimmed and joined with no separator.
   static int read_request(std::istream& in, std::string& out);
   static int send_response(std::ostream& out, const std::string& text);
-  static std::string make_frame(const std::string& text);
 
   Tavrel_View* get_view() const { return m_view; }
   Tavrel_Client* get_client() const { return m_client; }

@@ -16,16 +16,7 @@
 #include "core/tavrel_trace.h"
 #include "ops/tavrel_client.h"
 #include "ops/tavrel_conn_handler_unix.h"
-
-namespace {
-bool is_number(const std::string& s) {
-  if (s.empty()) return false;
-  for (char c : s)
-    if (c < '0' || c > '9') return false;
-  return true;
-}
-constexpr size_t kMaxLengthDigits = 20;
-}  // namespace
+#include "proto/pipe_frame.h"
 
 Tavrel_Request_Handler_Unix::Tavrel_Request_Handler_Unix(Tavrel_Client* client, Tavrel_View* view)
     : Tavrel_Request_Handler_Base(client, view) {
@@ -95,8 +86,9 @@ int Tavrel_Request_Handler_Unix::read_request(std::string& out) {
   remove(m_client->m_request_path.c_str());
   remove(m_client->m_response_path.c_str());
 
-  std::string length;
-  for (;;) {
+  // The length line a byte at a time, so that nothing of the next frame is taken from the pipe.
+  Pipe_Frame_Decoder frame(Pipe_Frame_Kind::REQUEST, PIPE_FRAME_MAX_REQUEST);
+  while (frame.state() == Pipe_Frame_Decoder::State::LENGTH) {
     char c;
     ssize_t n = read(fd, &c, 1);
     if (n < 0 && errno == EINTR) continue;
@@ -105,23 +97,13 @@ int Tavrel_Request_Handler_Unix::read_request(std::string& out) {
       trace.writeTrace(TRACE_LEVEL_4, "Error reading request. num_bytes_read is %d", static_cast<int>(n));
       return TAVREL_ST_REQ_PIPE;
     }
-    if (c == '\n') break;
-    length.push_back(c);
-    if (length.size() > kMaxLengthDigits) {
-      trace.writeTrace(TRACE_LEVEL_1, "Error! Expected an integer as length");
-      return TAVREL_ST_MALFORMED;
-    }
+    frame.feed(&c, 1);
   }
-  trace.writeTrace(TRACE_LEVEL_5, "end reading request length. Length is %s ", length.c_str());
-  if (!is_number(length)) {
-    trace.writeTrace(TRACE_LEVEL_1, "Error! Expected an integer as length");
-    return TAVREL_ST_MALFORMED;
-  }
-  unsigned long long want = std::stoull(length);
-  if (want > MAX_REQUEST_BYTES) {
+  if (frame.error() == Pipe_Frame_Decoder::Error::TOO_LARGE) {
     // Drop what of the oversized body is already here, so the next frame is not taken for its tail.
+    const unsigned long long want = frame.declared_length();
     trace.writeTrace(TRACE_LEVEL_1, "Request of %llu bytes is over the limit of %zu; dropped", want,
-                     static_cast<size_t>(MAX_REQUEST_BYTES));
+                     PIPE_FRAME_MAX_REQUEST);
     fcntl(fd, F_SETFL, fcntl(fd, F_GETFL) | O_NONBLOCK);
     char sink[65536];
     unsigned long long left = want;
@@ -133,18 +115,25 @@ int Tavrel_Request_Handler_Unix::read_request(std::string& out) {
     Tavrel_Conn_Handler_Unix::set_blocking(fd);
     return TAVREL_ST_MALFORMED;
   }
-  std::vector<char> buf(static_cast<size_t>(want) + 1);
+  if (frame.failed()) {
+    trace.writeTrace(TRACE_LEVEL_1, "Error! Expected an integer as length (%s)", frame.error_text().c_str());
+    return TAVREL_ST_MALFORMED;
+  }
+  const size_t want = frame.body_missing();
+  trace.writeTrace(TRACE_LEVEL_5, "end reading request length. Length is %zu ", want);
+  // The body with one read: a client writes a whole frame at once.
+  std::vector<char> buf(want + 1);
   ssize_t got;
   do {
-    got = read(fd, buf.data(), static_cast<size_t>(want));
+    got = read(fd, buf.data(), want);
   } while (got < 0 && errno == EINTR);
-  if (got < 0 || static_cast<unsigned long long>(got) != want) {
+  if (got < 0 || static_cast<size_t>(got) != want) {
     trace.writeTrace(TRACE_LEVEL_1, "Error!! Expected length = %d , got num_bytes_read = %d", static_cast<int>(want),
                      static_cast<int>(got));
     return TAVREL_ST_MALFORMED;
   }
-  buf[static_cast<size_t>(want)] = '\0';
-  out.assign(buf.data());  // up to the first NUL byte
+  frame.feed(buf.data(), want);
+  out.assign(frame.body().c_str());  // up to the first NUL byte
   if (trace.shouldTrace(TRACE_LEVEL_4))
     trace.writeTrace(TRACE_LEVEL_4, "Request string from Client %s \n", Tavrel_Trace::redact(out).c_str());
   return 0;
@@ -152,7 +141,7 @@ int Tavrel_Request_Handler_Unix::read_request(std::string& out) {
 
 int Tavrel_Request_Handler_Unix::send_response(const std::string& text) {
   Tavrel_Trace trace(TAVREL, "Tavrel_Request_Handler_Unix", "send_response");
-  std::string frame = make_frame(text);
+  std::string frame = pipe_frame_encode(Pipe_Frame_Kind::RESPONSE, text);
   std::lock_guard<std::mutex> g(m_response_mutex);
   int status;
   if (!m_response_opened && (status = open_response_pipe()) != 0) {

@@ -338,7 +338,7 @@ TEST(AgentProcess, TransportFaults) {
   {  // A declared length far beyond the limit: dropped, no reply.
     Connection c;
     ASSERT_EQ(c.connect(agent.storage(), 10000), Connection::kOk);
-    ASSERT_EQ(c.send_raw("99999999999999\n<Echo/>"), Connection::kOk);
+    ASSERT_EQ(c.send_raw("99999999999999999999\n<Echo/>"), Connection::kOk);  // does not fit 64 bits
     EXPECT_EQ(c.receive(&reply, 300), Connection::kTimeout);
     ASSERT_EQ(c.request(echo("after-oversize"), &reply, 10000), Connection::kOk) << c.error();
     EXPECT_EQ(attr(reply, "tx-id"), "after-oversize");
