@@ -2,24 +2,16 @@
 // get_response): every input gets its exact reply, nothing outside the request is read (no file is
 // opened, no connection is made), and the memory of one request stays bounded.
 //
-// The inputs are those of the XML layer's own hostile corpus; what is checked here is the agent's
-// answer, not the parser's diagnostics. Proof of "nothing read": a directory of marker files watched
-// with inotify and a loopback listener that counts connections, both first shown to fire. Memory: every
-// operator new of the process is counted (the XML library allocates through it too).
-#include <arpa/inet.h>
-#include <netinet/in.h>
-#include <poll.h>
-#include <sys/inotify.h>
-#include <sys/socket.h>
-#include <unistd.h>
-
+// The inputs are one or two of each kind of the XML layer's own hostile corpus: what is checked here is
+// that the agent's factory keeps the parser's protections and answers each with its reply. Proof of
+// "nothing read": a directory of marker files watched with inotify and a loopback listener that counts
+// connections (shown to fire in the XML layer's tests). Memory: every operator new of the process is
+// counted (the XML library allocates through it too).
 #include <algorithm>
 #include <atomic>
 #include <cstdlib>
-#include <fstream>
 #include <functional>
 #include <new>
-#include <thread>
 
 #include "ops/ops_test_util.h"
 #include "xml/ol_xml_detectors_test_util.h"
@@ -138,27 +130,18 @@ std::vector<HostileCase> hostile_cases() {
                         repeat("&x;", 20000) + "</a>";
                },
                Answer::kUnparsable, "qb"});
-  v.push_back({"UndeclaredEntity", fixed("<lolz tx-id=\"ue\">&lol9;</lolz>"), Answer::kUnparsable, "ue"});
   // External entities and DTDs, local files and URLs.
   v.push_back({"ExternalEntityFileUrl",
                fixed("<!DOCTYPE a [<!ENTITY e SYSTEM \"file://{DIR}/marker.txt\">]><a tx-id=\"ef\">&e;</a>"),
                Answer::kUnparsable, "ef"});
-  v.push_back({"ExternalEntityPath",
-               fixed("<!DOCTYPE a [<!ENTITY e SYSTEM \"{DIR}/marker.txt\">]><a tx-id=\"ep\">&e;</a>"),
-               Answer::kUnparsable, "ep"});
   v.push_back({"ExternalDtdFile", fixed("<!DOCTYPE a SYSTEM \"{DIR}/marker.dtd\"><a tx-id=\"ed\">&leak;</a>"),
                Answer::kUnparsable, "ed"});
   v.push_back({"ExternalEntityUrl",
                fixed("<!DOCTYPE a [<!ENTITY e SYSTEM \"http://127.0.0.1:{PORT}/e\">]><a tx-id=\"eu\">&e;</a>"),
                Answer::kUnparsable, "eu"});
-  v.push_back({"ExternalDtdPublicUrl",
-               fixed("<!DOCTYPE a PUBLIC \"-//X//DTD Y//EN\" \"http://127.0.0.1:{PORT}/d.dtd\"><a tx-id=\"pu\"/>"),
-               Answer::kUnparsable, "pu"});
   v.push_back({"ParameterEntityUrl",
                fixed("<!DOCTYPE a [<!ENTITY % p SYSTEM \"http://127.0.0.1:{PORT}/p\"> %p;]><a tx-id=\"pe\"/>"),
                Answer::kUnparsable, "pe"});
-  v.push_back({"InternalDtdOnly", fixed("<!DOCTYPE Probe><Probe version=\"1\" tx-id=\"dt\"/>"),
-               Answer::kUnparsable, "dt"});
   // References a naive processor might follow; plain text here, so the document is well formed.
   v.push_back({"SchemaLocationHints",
                fixed("<a tx-id=\"sl\" xmlns:xsi=\"http://www.w3.org/2001/XMLSchema-instance\" "
@@ -173,30 +156,19 @@ std::vector<HostileCase> hostile_cases() {
                fixed("<?xml-stylesheet type=\"text/xsl\" href=\"http://127.0.0.1:{PORT}/s.xsl\"?><a tx-id=\"ss\"/>"),
                Answer::kUnrecognised, "ss"});
   // Nesting.
-  v.push_back({"DeepNestingAtTheLimit",
-               [] { return "<a tx-id=\"n1\">" + repeat("<a>", 255) + "x" + repeat("</a>", 256); },
-               Answer::kUnrecognised, "n1"});
   v.push_back({"DeepNestingOneTooDeep", [] { return "<a tx-id=\"n2\">" + repeat("<a>", 256) + repeat("</a>", 257); },
                Answer::kUnparsable, "n2"});
   v.push_back({"DeepNestingMillion", [] { return repeat("<a>", 1000000); }, Answer::kUnparsable, ""});
   v.push_back({"TooManySiblings", [] { return "<a tx-id=\"sb\">" + repeat("<b/>", 200000) + "</a>"; },
                Answer::kUnparsable, "sb"});
   // Size.
-  v.push_back({"HugeAttribute", [] { return "<a tx-id=\"ha\" v=\"" + std::string(4u << 20, 'v') + "\"/>"; },
-               Answer::kUnrecognised, "ha"});
   v.push_back({"HugeTxid", [] { return "<a tx-id=\"" + std::string(1u << 20, 't') + "\"/>"; },
                Answer::kUnrecognised, std::string(1u << 20, 't')});
   v.push_back({"InputOverTheLimit",
                [] { return "<a tx-id=\"ol\">" + std::string(16u << 20, 't') + "</a>"; }, Answer::kUnparsable, "ol"});
-  // Bytes that are not UTF-8, and characters XML does not allow.
-  v.push_back({"Utf8LoneContinuation", fixed("<a tx-id=\"u1\">x\x80y</a>"), Answer::kUnparsable, "u1"});
-  v.push_back({"Utf8Overlong", fixed("<a tx-id=\"u2\">\xc0\xaf</a>"), Answer::kUnparsable, "u2"});
-  v.push_back({"Utf8Surrogate", fixed("<a tx-id=\"u3\">\xed\xa0\x80</a>"), Answer::kUnparsable, "u3"});
-  v.push_back({"Utf8TruncatedAtEnd", fixed("<a tx-id=\"u4\">\xe2\x82"), Answer::kUnparsable, "u4"});
+  // Bytes that are not UTF-8, and a character XML does not allow.
   v.push_back({"Utf8InTxid", fixed("<a tx-id=\"\xff\"/>"), Answer::kUnparsable, "\xef\xbf\xbd"});
-  v.push_back({"CharRefSurrogate", fixed("<a tx-id=\"c1\">&#xD800;</a>"), Answer::kUnparsable, "c1"});
   v.push_back({"NulByte", [] { return std::string("<a tx-id=\"nb\">\0</a>", 19); }, Answer::kUnparsable, "nb"});
-  v.push_back({"ControlCharacter", fixed("<a tx-id=\"cc\">\x01</a>"), Answer::kUnparsable, "cc"});
   // Well formed in another encoding: the tx-id comes from the document, not from the text.
   v.push_back({"Utf16WithBom",
                [] {
@@ -206,30 +178,9 @@ std::vector<HostileCase> hostile_cases() {
                  return s;
                },
                Answer::kUnrecognised, "w16"});
-  // Characters with no form in the native character set (ASCII here): in text, names and values.
-  v.push_back({"UnconvertibleText", fixed("<a tx-id=\"e1\">caf\xc3\xa9</a>"), Answer::kEncoding, "e1", "C"});
+  // A character with no form in the native character set (ASCII here).
   v.push_back({"UnconvertibleName", fixed("<caf\xc3\xa9 tx-id=\"e2\"/>"), Answer::kEncoding, "e2", "C"});
-  v.push_back({"UnconvertibleAttribute", fixed("<a tx-id=\"e3\" v=\"\xe2\x82\xac\"/>"), Answer::kEncoding, "e3", "C"});
-  v.push_back({"UnconvertibleCharRef", fixed("<a tx-id=\"e4\">&#x1F600;</a>"), Answer::kEncoding, "e4", "C"});
   return v;
-}
-
-TEST(HostileRequests, DetectorsFire) {
-  MarkerDir dir;
-  ASSERT_TRUE(dir.watching());
-  Listener net;
-  ASSERT_NE(net.port, 0);
-  EXPECT_EQ(dir.events(), 0);
-  std::ifstream(dir.path + "/marker.txt").get();
-  EXPECT_GT(dir.events(), 0);
-  int s = socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
-  sockaddr_in a{};
-  a.sin_family = AF_INET;
-  a.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-  a.sin_port = htons(static_cast<uint16_t>(net.port));
-  ASSERT_EQ(connect(s, reinterpret_cast<sockaddr*>(&a), sizeof a), 0);
-  close(s);
-  EXPECT_EQ(net.connections(), 1);
 }
 
 TEST(HostileRequests, EachGetsItsExactReplyAndNothingIsRead) {

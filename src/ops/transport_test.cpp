@@ -1,5 +1,5 @@
 // Pieces of the pipe transport that can be checked without a running agent: the first-request
-// stream form, client ids, FIFO creation over what is already on disk, and the reply envelope.
+// stream form, client ids, and FIFO creation over what is already on disk.
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -9,7 +9,6 @@
 #include <gtest/gtest.h>
 
 #include "core/tavrel_status.h"
-#include "ops/tavrel_abstract_op.h"
 #include "ops/tavrel_conn_handler_base.h"
 #include "ops/tavrel_request_handler_base.h"
 #include "proto/view_storage_names.h"
@@ -82,18 +81,6 @@ TEST(Transport, CreatePipeOverWhatIsThere) {
   EXPECT_EQ(Tavrel_Conn_Handler_Base::create_pipe(ipc + "request_file/sub", false), TAVREL_ST_MKPATH);
   std::string cmd = "rm -rf " + dir;
   EXPECT_EQ(system(cmd.c_str()), 0);
-}
-
-TEST(Transport, ReplyEnvelopeEscapes) {
-  EXPECT_EQ(Tavrel_AbstractOp::make_status_response("Op", "t-1", 0, ""),
-            "<?xml version=\"1.0\" encoding=\"UTF-8\"?><Op tx-id=\"t-1\" status-code=\"0\"/>");
-  EXPECT_EQ(Tavrel_AbstractOp::make_status_response("Op", "a\"<&", TAVREL_ST_VIEW_ENDING, "x < y & \"z\"\n"),
-            "<?xml version=\"1.0\" encoding=\"UTF-8\"?><Op tx-id=\"a&quot;&lt;&amp;\" status-code=\"20026\">"
-            "<status-message>x &lt; y &amp; \"z\"\n</status-message></Op>");
-  std::string r;
-  Tavrel_AbstractOp::get_error_response(TAVREL_ST_UNRECOGNIZED, "<bad", r);
-  EXPECT_EQ(r, "<?xml version=\"1.0\" encoding=\"UTF-8\"?><Unknown status-code=\"20020\">"
-               "<status-message>&lt;bad</status-message></Unknown>");
 }
 
 }  // namespace
