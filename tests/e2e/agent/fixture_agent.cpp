@@ -2,7 +2,8 @@
 // process spine (start, transport, pool, shutdown) can be driven end to end:
 //   <StartView|MkView [status="N"]/>  installs the view (writes .tavrel when missing, takes the .pid lock,
 //                                     keeps the request in .first-request); status N fails it
-//   <Sleep tx-id=".." ms="N"/>        sleeps N ms; the reply carries the most Sleeps seen running at once
+//   <Sleep tx-id=".." ms="N"/>        writes .started-<tx-id>, then holds until .release exists or N ms
+//                                     passed; the reply carries the most Sleeps seen running at once
 //   <Echo tx-id=".." [pad=".."]/>     answers at once with the size of the request it got
 //   anything else, or no root         XMLError 20020
 #include <fcntl.h>
@@ -67,13 +68,14 @@ class FixtureOp : public Tavrel_AbstractOp {
       fileutl_write_atomic(m_view_location + "/.first-request", m_req, 0600);
       Tavrel_View_Handler::set_view(new Tavrel_View(m_view_location));
     } else if (m_request_name == "Sleep") {
-      // A marker tells a test that this request is running now.
-      fileutl_write_atomic(m_view_location + "/.sleep-started", m_txid, 0600);
       int now = ++g_sleep_running;
       int seen = g_sleep_max.load();
       while (now > seen && !g_sleep_max.compare_exchange_weak(seen, now)) {
       }
-      std::this_thread::sleep_for(std::chrono::milliseconds(std::stoi("0" + attr(m_req, "ms"))));
+      fileutl_write_atomic(m_view_location + "/.started-" + m_txid, m_txid, 0600);
+      auto until = std::chrono::steady_clock::now() + std::chrono::milliseconds(std::stoi("0" + attr(m_req, "ms")));
+      while (std::chrono::steady_clock::now() < until && !fileutl_exists(m_view_location + "/.release"))
+        std::this_thread::sleep_for(std::chrono::milliseconds(5));
       m_extra = "<max-running>" + std::to_string(g_sleep_max.load()) + "</max-running>";
       --g_sleep_running;
     } else if (m_request_name == "Echo") {
