@@ -419,16 +419,4 @@ TEST_F(MountOps, EndOfViewUnmountsInTheModuleAndKeepsTheTable) {
   EXPECT_EQ(commands_of(KFSM_CMD_UMOUNT).size(), 6u);
 }
 
-TEST_F(MountOps, ProcessSiloServesCallersWithoutARequest) {
-  Tavrel_Mountsilo up(storage, "/proj", true);
-  EXPECT_EQ(up.process_silo(), 0);
-  EXPECT_EQ(up.get_status(), 0);
-  Tavrel_Mountsilo again(storage, "/proj", true);
-  EXPECT_EQ(again.process_silo(), TAVREL_ST_MOUNT_CONFLICT);
-  EXPECT_EQ(again.get_status_message(), "/proj is already mounted.\n");
-  Tavrel_Mountsilo down(storage, "/proj", false);
-  EXPECT_EQ(down.process_silo(), 0);
-  EXPECT_EQ(mounted_file(), "");
-}
-
 }  // namespace
