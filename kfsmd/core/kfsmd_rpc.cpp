@@ -32,7 +32,7 @@ view_hdr_req_t Kfsmd_Rpc::header() {
 }
 
 template <typename Q, typename R>
-int Kfsmd_Rpc::run(uint64_t op, Q* req, bool_t (*enc)(XDR*, Q*), R* rep, bool_t (*dec)(XDR*, R*)) {
+int Kfsmd_Rpc::run(uint64_t op, Q* req, bool_t (*enc)(XDR*, Q*), Xdr_Record<R>* rep) {
   req->hdr = header();
   std::vector<char> buf(VIEW_LPC_PAYLOAD);
   XDR x;
@@ -48,14 +48,10 @@ int Kfsmd_Rpc::run(uint64_t op, Q* req, bool_t (*enc)(XDR*, Q*), R* rep, bool_t 
   if (rpc_status == KFSM_RPC_UNKNOWN) return ENOSYS;
   if (rpc_status != KFSM_RPC_DONE) return EIO;
   xdrmem_create(&x, reply.data(), static_cast<u_int>(reply.size()), XDR_DECODE);
-  ok = dec(&x, rep);
+  ok = rep->code(&x);
   xdr_destroy(&x);
-  if (!ok) {
-    free_reply(dec, rep);
-    return EIO;
-  }
-  if (rep->hdr.xid != req->hdr.xid) {
-    free_reply(dec, rep);
+  if (!ok || rep->get().hdr.xid != req->hdr.xid) {
+    rep->reset();
     return EIO;
   }
   return 0;
@@ -70,7 +66,7 @@ int Kfsmd_Rpc::null_rpc() {
 }
 
 int Kfsmd_Rpc::root(const tbs_oid_s& silo, const tbs_uuid_s& replica, const std::string& host, const std::string& path,
-                    view_getattr_reply_t* r) {
+                    Xdr_Record<view_getattr_reply_t>* r) {
   view_replica_root_req_t q;
   memset(&q, 0, sizeof q);
   q.silo_oid = silo;
@@ -79,12 +75,12 @@ int Kfsmd_Rpc::root(const tbs_oid_s& silo, const tbs_uuid_s& replica, const std:
   char empty[1] = {0};
   q.pathname = empty;
   q.warp = 0;
-  memset(r, 0, sizeof *r);
-  return run(VIEW_RPC_ROOT, &q, &xdr_view_replica_root_req_t, r, &xdr_view_getattr_reply_t);
+  r->reset();
+  return run(VIEW_RPC_ROOT, &q, &xdr_view_replica_root_req_t, r);
 }
 
 int Kfsmd_Rpc::lookup(const view_fhandle_t& dir, const std::string& name, const std::string& residual,
-                      view_lookup_reply_t* r) {
+                      Xdr_Record<view_lookup_reply_t>* r) {
   view_lookup_req_t q;
   memset(&q, 0, sizeof q);
   q.dir = dir;
@@ -92,51 +88,52 @@ int Kfsmd_Rpc::lookup(const view_fhandle_t& dir, const std::string& name, const 
   std::string res = residual;
   q.residual = res.data();
   q.warp = 0;
-  memset(r, 0, sizeof *r);
-  return run(VIEW_RPC_LOOKUP, &q, &xdr_view_lookup_req_t, r, &xdr_view_lookup_reply_t);
+  r->reset();
+  return run(VIEW_RPC_LOOKUP, &q, &xdr_view_lookup_req_t, r);
 }
 
-int Kfsmd_Rpc::getattr(const view_fhandle_t& fh, view_getattr_reply_t* r) {
+int Kfsmd_Rpc::getattr(const view_fhandle_t& fh, Xdr_Record<view_getattr_reply_t>* r) {
   view_getattr_req_t q;
   memset(&q, 0, sizeof q);
   q.fh = fh;
-  memset(r, 0, sizeof *r);
-  return run(VIEW_RPC_GETATTR, &q, &xdr_view_getattr_req_t, r, &xdr_view_getattr_reply_t);
+  r->reset();
+  return run(VIEW_RPC_GETATTR, &q, &xdr_view_getattr_req_t, r);
 }
 
-int Kfsmd_Rpc::revalidate(const view_fhandle_t& fh, view_root_reply_t* r) {
+int Kfsmd_Rpc::revalidate(const view_fhandle_t& fh, Xdr_Record<view_root_reply_t>* r) {
   view_getattr_req_t q;
   memset(&q, 0, sizeof q);
   q.fh = fh;
-  memset(r, 0, sizeof *r);
-  return run(VIEW_RPC_REVALIDATE, &q, &xdr_view_getattr_req_t, r, &xdr_view_root_reply_t);
+  r->reset();
+  return run(VIEW_RPC_REVALIDATE, &q, &xdr_view_getattr_req_t, r);
 }
 
-int Kfsmd_Rpc::readdir(const view_fhandle_t& fh, uint32_t cursor, uint32_t max_size, view_readdir_reply_t* r) {
+int Kfsmd_Rpc::readdir(const view_fhandle_t& fh, uint32_t cursor, uint32_t max_size,
+                       Xdr_Record<view_readdir_reply_t>* r) {
   view_readdir_req_t q;
   memset(&q, 0, sizeof q);
   q.fh = fh;
   q.cursor = cursor;
   q.max_size = max_size;
-  memset(r, 0, sizeof *r);
-  r->capacity = kListingCapacity;
-  return run(VIEW_RPC_READDIR, &q, &xdr_view_readdir_req_t, r, &xdr_view_readdir_reply_t);
+  r->reset();
+  r->get().capacity = kListingCapacity;
+  return run(VIEW_RPC_READDIR, &q, &xdr_view_readdir_req_t, r);
 }
 
-int Kfsmd_Rpc::readlink(const view_fhandle_t& fh, view_readlink_reply_t* r) {
+int Kfsmd_Rpc::readlink(const view_fhandle_t& fh, Xdr_Record<view_readlink_reply_t>* r) {
   view_readlink_req_t q;
   memset(&q, 0, sizeof q);
   q.fh = fh;
   q.max_len = 1024;
-  memset(r, 0, sizeof *r);
-  return run(VIEW_RPC_READLINK, &q, &xdr_view_readlink_req_t, r, &xdr_view_readlink_reply_t);
+  r->reset();
+  return run(VIEW_RPC_READLINK, &q, &xdr_view_readlink_req_t, r);
 }
 
-int Kfsmd_Rpc::getcleartext(const view_fhandle_t& fh, view_cltxt_reply_t* r) {
+int Kfsmd_Rpc::getcleartext(const view_fhandle_t& fh, Xdr_Record<view_cltxt_reply_t>* r) {
   view_readlink_req_t q;
   memset(&q, 0, sizeof q);
   q.fh = fh;
   q.max_len = 1024;
-  memset(r, 0, sizeof *r);
-  return run(VIEW_RPC_GETCLEARTEXT, &q, &xdr_view_readlink_req_t, r, &xdr_view_cltxt_reply_t);
+  r->reset();
+  return run(VIEW_RPC_GETCLEARTEXT, &q, &xdr_view_readlink_req_t, r);
 }

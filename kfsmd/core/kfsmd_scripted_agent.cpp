@@ -10,28 +10,23 @@
 #include "kfsm/libkfsm.h"
 #include "kfsmd/core/kfsmd_rpc.h"
 #include "proto/kfsm_status.h"
+#include "proto/xdr_record.h"
 
 namespace {
 
 std::atomic<Kfsmd_Scripted_Agent*> g_installed{nullptr};
 
-// Decodes a request, lets `fn` fill the reply (whose xid is the request's) and encodes it.
+// Decodes a request, lets `fn` fill the reply (whose xid is the request's) and encodes it. The
+// request owns what its decode allocated; the reply only points into `fn`'s own storage.
 template <typename Q, typename R, typename F>
 uint32_t serve(XDR* in, bool_t (*dq)(XDR*, Q*), XDR* out, bool_t (*er)(XDR*, R*), F fn) {
-  Q q;
-  memset(&q, 0, sizeof q);
-  uint32_t status = KFSM_RPC_DECODE;
-  if (dq(in, &q)) {
-    R r;
-    memset(&r, 0, sizeof r);
-    r.hdr.xid = q.hdr.xid;
-    fn(q, r);
-    status = er(out, &r) ? KFSM_RPC_DONE : KFSM_RPC_ENCODE;
-  }
-  XDR f;
-  xdrmem_create(&f, nullptr, 0, XDR_FREE);
-  dq(&f, &q);
-  return status;
+  Xdr_Record<Q> q(dq);
+  if (!q.code(in)) return KFSM_RPC_DECODE;
+  R r;
+  memset(&r, 0, sizeof r);
+  r.hdr.xid = q->hdr.xid;
+  fn(q.get(), r);
+  return er(out, &r) ? KFSM_RPC_DONE : KFSM_RPC_ENCODE;
 }
 
 }  // namespace

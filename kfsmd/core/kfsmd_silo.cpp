@@ -16,11 +16,6 @@ namespace {
 // Name states of a lookup answer: the agent's own cached "no such name".
 constexpr uint32_t NAME_STATE_CACHED_MISS = 0x100;
 
-struct Getattr_Reply {
-  view_getattr_reply_t r;
-  Getattr_Reply() { memset(&r, 0, sizeof r); }
-};
-
 }  // namespace
 
 Kfsmd_Silo::Kfsmd_Silo(std::shared_ptr<Kfsmd_View> view, const Kfsmd_Silo_Info& info)
@@ -69,15 +64,15 @@ double Kfsmd_Silo::attr_timeout(const view_fhandle_t& fh) const {
 }
 
 int Kfsmd_Silo::bind_root(view_fhandle_t* fh, view_vstat_t* vs) {
-  Getattr_Reply g;
-  int e = m_view->rpc().root(m_info.family, m_info.replica, m_info.host, m_info.storage, &g.r);
+  Xdr_Record<view_getattr_reply_t> g{xdr_view_getattr_reply_t};
+  int e = m_view->rpc().root(m_info.family, m_info.replica, m_info.host, m_info.storage, &g);
   if (e != 0) return e;
-  if (g.r.hdr.status != 0) return tbs_status2errno(g.r.hdr.status);
+  if (g->hdr.status != 0) return tbs_status2errno(g->hdr.status);
   std::lock_guard<std::mutex> lk(m_mutex);
   Node& root = m_nodes[ROOT_INO];
   root.ino = ROOT_INO;
-  root.fh = g.r.fh;
-  root.vs = g.r.vstat;
+  root.fh = g->fh;
+  root.vs = g->vstat;
   m_root_bound = true;
   *fh = root.fh;
   if (vs) *vs = root.vs;
@@ -105,19 +100,19 @@ int Kfsmd_Silo::revalidate(uint64_t ino, view_fhandle_t* fh) {
   int e = handle_of(ino, &old, &vs);
   if (e != 0) return e;
   if (!is_dir(vs)) return ESTALE;
-  view_root_reply_t r;
+  Xdr_Record<view_root_reply_t> r{xdr_view_root_reply_t};
   e = m_view->rpc().revalidate(old, &r);
   if (e != 0) return e;
-  if (r.hdr.status != 0) return tbs_status2errno(r.hdr.status);
+  if (r->hdr.status != 0) return tbs_status2errno(r->hdr.status);
   std::lock_guard<std::mutex> lk(m_mutex);
   auto it = m_nodes.find(ino);
   if (it == m_nodes.end()) return ESTALE;
   auto k = m_by_key.find(key_of(it->second.fh));
   if (k != m_by_key.end() && k->second == ino) m_by_key.erase(k);
-  it->second.fh = r.fh;
-  it->second.vs = r.vstat;
-  m_by_key[key_of(r.fh)] = ino;
-  *fh = r.fh;
+  it->second.fh = r->fh;
+  it->second.vs = r->vstat;
+  m_by_key[key_of(r->fh)] = ino;
+  *fh = r->fh;
   return 0;
 }
 
@@ -165,9 +160,10 @@ void Kfsmd_Silo::lookup(uint64_t parent, const std::string& name, Kfsmd_Reply& r
   int e = handle_of(parent, &dir);
   if (e != 0) return r.err(e);
   const uint64_t epoch = m_view->epoch();
-  view_lookup_reply_t lr;
+  Xdr_Record<view_lookup_reply_t> reply{xdr_view_lookup_reply_t};
+  const view_lookup_reply_t& lr = reply.get();
   for (int attempt = 0;; ++attempt) {
-    e = m_view->rpc().lookup(dir, name, "", &lr);
+    e = m_view->rpc().lookup(dir, name, "", &reply);
     if (e != 0) return r.err(e);
     if (lr.hdr.status == TBS_ST_STALE && attempt == 0) {
       if (revalidate(parent, &dir) == 0) continue;
@@ -236,37 +232,35 @@ void Kfsmd_Silo::getattr(uint64_t ino, Kfsmd_Reply& r) {
   int e = handle_of(ino, &fh);
   if (e != 0) return r.err(e);
   const uint64_t epoch = m_view->epoch();
-  Getattr_Reply g;
+  Xdr_Record<view_getattr_reply_t> g{xdr_view_getattr_reply_t};
   for (int attempt = 0;; ++attempt) {
-    e = m_view->rpc().getattr(fh, &g.r);
+    e = m_view->rpc().getattr(fh, &g);
     if (e != 0) return r.err(e);
-    if (g.r.hdr.status == TBS_ST_STALE && attempt == 0) {
+    if (g->hdr.status == TBS_ST_STALE && attempt == 0) {
       e = revalidate(ino, &fh);
       if (e != 0) return r.err(e);
       continue;
     }
     break;
   }
-  if (g.r.hdr.status != 0) return r.err(tbs_status2errno(g.r.hdr.status));
+  if (g->hdr.status != 0) return r.err(tbs_status2errno(g->hdr.status));
   {
     std::lock_guard<std::mutex> lk(m_mutex);
     auto it = m_nodes.find(ino);
-    if (it != m_nodes.end()) it->second.vs = g.r.vstat;
+    if (it != m_nodes.end()) it->second.vs = g->vstat;
   }
-  r.attr(to_stat(g.r.vstat, fh), m_view->epoch() != epoch ? 0 : attr_timeout(fh));
+  r.attr(to_stat(g->vstat, fh), m_view->epoch() != epoch ? 0 : attr_timeout(fh));
 }
 
 void Kfsmd_Silo::readlink(uint64_t ino, Kfsmd_Reply& r) {
   view_fhandle_t fh;
   int e = handle_of(ino, &fh);
   if (e != 0) return r.err(e);
-  view_readlink_reply_t rl;
+  Xdr_Record<view_readlink_reply_t> rl{xdr_view_readlink_reply_t};
   e = m_view->rpc().readlink(fh, &rl);
   if (e != 0) return r.err(e);
-  if (rl.hdr.status != 0) return r.err(tbs_status2errno(rl.hdr.status));
-  std::string text = rl.text ? rl.text : "";
-  Kfsmd_Rpc::free_reply(&xdr_view_readlink_reply_t, &rl);
-  r.readlink(text);
+  if (rl->hdr.status != 0) return r.err(tbs_status2errno(rl->hdr.status));
+  r.readlink(rl->text ? rl->text : "");
 }
 
 void Kfsmd_Silo::readdir(uint64_t ino, uint64_t off, size_t size, Kfsmd_Reply& r) {
@@ -275,22 +269,19 @@ void Kfsmd_Silo::readdir(uint64_t ino, uint64_t off, size_t size, Kfsmd_Reply& r
   int e = handle_of(ino, &fh);
   if (e != 0) return r.err(e);
   uint32_t max_size = static_cast<uint32_t>(size < 512 ? 512 : size > 8192 ? 8192 : size);
-  view_readdir_reply_t rd;
+  Xdr_Record<view_readdir_reply_t> listing{xdr_view_readdir_reply_t};
+  const view_readdir_reply_t& rd = listing.get();
   for (int attempt = 0;; ++attempt) {
-    e = m_view->rpc().readdir(fh, static_cast<uint32_t>(off), max_size, &rd);
+    e = m_view->rpc().readdir(fh, static_cast<uint32_t>(off), max_size, &listing);
     if (e != 0) return r.err(e);
     if (rd.hdr.status == TBS_ST_STALE && attempt == 0) {
-      Kfsmd_Rpc::free_reply(&xdr_view_readdir_reply_t, &rd);
       e = revalidate(ino, &fh);
       if (e != 0) return r.err(e);
       continue;
     }
     break;
   }
-  if (rd.hdr.status != 0) {
-    Kfsmd_Rpc::free_reply(&xdr_view_readdir_reply_t, &rd);
-    return r.err(tbs_status2errno(rd.hdr.status));
-  }
+  if (rd.hdr.status != 0) return r.err(tbs_status2errno(rd.hdr.status));
   uint32_t pos = 0;
   while (pos + VIEW_DIRENT_NAME_OFF <= rd.used) {
     const uint8_t* rec = reinterpret_cast<const uint8_t*>(rd.buffer + pos);
@@ -301,7 +292,6 @@ void Kfsmd_Silo::readdir(uint64_t ino, uint64_t off, size_t size, Kfsmd_Reply& r
     if (!r.dir_add(name, kfsm_get_u32(rec), kfsm_get_u32(rec + 4))) break;
     pos += reclen;
   }
-  Kfsmd_Rpc::free_reply(&xdr_view_readdir_reply_t, &rd);
   r.dir_done();
 }
 
@@ -326,12 +316,11 @@ void Kfsmd_Silo::open(uint64_t ino, int flags, Kfsmd_Reply& r) {
   if (e != 0) return r.err(e);
   const bool writing = (flags & O_ACCMODE) != O_RDONLY || (flags & O_TRUNC);
   if (writing && !is_private(fh)) return r.err(EROFS);
-  view_cltxt_reply_t c;
+  Xdr_Record<view_cltxt_reply_t> c{xdr_view_cltxt_reply_t};
   e = m_view->rpc().getcleartext(fh, &c);
   if (e != 0) return r.err(e);
-  if (c.hdr.status != 0) return r.err(tbs_status2errno(c.hdr.status));
-  std::string path = backing_path(c.path ? c.path : "", c.rel_to_cache != 0);
-  Kfsmd_Rpc::free_reply(&xdr_view_cltxt_reply_t, &c);
+  if (c->hdr.status != 0) return r.err(tbs_status2errno(c->hdr.status));
+  const std::string path = backing_path(c->path ? c->path : "", c->rel_to_cache != 0);
   if (path.empty()) return r.err(EIO);
   int fd;
   {
@@ -373,8 +362,9 @@ int Kfsmd_Silo::resolve(const std::string& rest_in, bool follow, view_vstat_t* v
   std::string residual = rest_in;
   while (!residual.empty() && residual[0] == '/') residual.erase(0, 1);
   for (int links = 0;;) {
-    view_lookup_reply_t lr;
-    e = m_view->rpc().lookup(root, ".", residual, &lr);
+    Xdr_Record<view_lookup_reply_t> reply{xdr_view_lookup_reply_t};
+    const view_lookup_reply_t& lr = reply.get();
+    e = m_view->rpc().lookup(root, ".", residual, &reply);
     if (e != 0) return tbs_errno2status(e);
     if (lr.hdr.status != 0) return lr.hdr.status;
     const bool at_link = lr.vstat.fstat.type == 5;
@@ -386,12 +376,11 @@ int Kfsmd_Silo::resolve(const std::string& rest_in, bool follow, view_vstat_t* v
     }
     if (!at_link) return TBS_ST_NO_SUCH_NAME;  // stopped short at something that is no link
     if (++links > MAX_LINKS) return TBS_ST_LOOP;
-    view_readlink_reply_t rl;
+    Xdr_Record<view_readlink_reply_t> rl{xdr_view_readlink_reply_t};
     e = m_view->rpc().readlink(lr.fh, &rl);
     if (e != 0) return tbs_errno2status(e);
-    if (rl.hdr.status != 0) return rl.hdr.status;
-    std::string target = rl.text ? rl.text : "";
-    Kfsmd_Rpc::free_reply(&xdr_view_readlink_reply_t, &rl);
+    if (rl->hdr.status != 0) return rl->hdr.status;
+    const std::string target = rl->text ? rl->text : "";
     if (!target.empty() && target[0] == '/') return TBS_ST_BAD_ARG;
     size_t consumed = lr.consumed > residual.size() ? residual.size() : lr.consumed;
     std::string done = residual.substr(0, consumed);

@@ -94,8 +94,8 @@ tbs_status_t tavrel_scope_decode(tavrel_scope* out, unsigned length, const char*
 tbs_status_t tavrel_synceleminfo_decode(tavrel_synceleminfo_t* out, unsigned length, const char* data);
 
 // Generic encode/decode of any record through its filter. Encoding fails when the record needs more
-// than `max` bytes; decoding must consume exactly the bytes given. Freeing runs the filter with
-// XDR_FREE (heap fields only).
+// than `max` bytes; decoding must consume exactly the bytes given. What a decode allocates is freed by
+// holding the record in an Xdr_Record (proto/xdr_record.h).
 template <class T>
 bool xdr_encode_record(bool_t (*filter)(XDR*, T*), const T& rec, std::string* out, unsigned max = 65536) {
   std::string buf(max, '\0');
@@ -121,11 +121,4 @@ bool xdr_decode_record(bool_t (*filter)(XDR*, T*), T* rec, const char* data, uns
 template <class T>
 bool xdr_decode_record(bool_t (*filter)(XDR*, T*), T* rec, const std::string& in) {
   return xdr_decode_record(filter, rec, in.data(), unsigned(in.size()));
-}
-template <class T>
-void xdr_free_record(bool_t (*filter)(XDR*, T*), T* rec) {
-  XDR x;
-  std::memset(&x, 0, sizeof x);
-  x.x_op = XDR_FREE;
-  filter(&x, rec);
 }

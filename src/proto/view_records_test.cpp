@@ -7,6 +7,7 @@
 #include <type_traits>
 
 #include "proto/proto_test_util.h"
+#include "proto/xdr_record.h"
 
 using namespace proto_test;
 
@@ -61,16 +62,16 @@ void check(const char* what, bool_t (*filter)(XDR*, T*), const T& rec, const std
   std::string got, again;
   ASSERT_TRUE(xdr_encode_record(filter, rec, &got));
   EXPECT_EQ(got, expected);
-  T back = blank;
-  ASSERT_TRUE(xdr_decode_record(filter, &back, got));
-  ASSERT_TRUE(xdr_encode_record(filter, back, &again));
+  Xdr_Record<T> back(filter);
+  back.get() = blank;
+  ASSERT_TRUE(xdr_decode_record(filter, &back.get(), got));
+  ASSERT_TRUE(xdr_encode_record(filter, back.get(), &again));
   EXPECT_EQ(again, expected);
-  xdr_free_record(filter, &back);
   for (size_t n = 0; n <= got.size(); ++n) {
-    T t = blank;
+    Xdr_Record<T> t(filter);
+    t.get() = blank;
     std::string img = n < got.size() ? got.substr(0, n) : got + std::string(4, '\0');
-    EXPECT_FALSE(xdr_decode_record(filter, &t, img)) << "length " << img.size();
-    xdr_free_record(filter, &t);
+    EXPECT_FALSE(xdr_decode_record(filter, &t.get(), img)) << "length " << img.size();
   }
 }
 
@@ -217,71 +218,72 @@ TEST(ViewReaddir, ListingImages) {
   view_readdir_reply_t empty = listing(0);
   empty.eof = 1;
   check("empty", xdr_view_readdir_reply_t, empty, put_hdrr(W(), 0).u32(0).u32(1).b);
-  view_readdir_reply_t two = listing(256);
-  ASSERT_TRUE(view_dirent_append(&two, 100, 2, "a.c"));
-  ASSERT_TRUE(view_dirent_append(&two, 101, 3, "longer_name"));
-  two.eof = 1;
-  check("two", xdr_view_readdir_reply_t, two,
+  Xdr_Record<view_readdir_reply_t> two(xdr_view_readdir_reply_t);
+  two.get() = listing(256);
+  ASSERT_TRUE(view_dirent_append(&two.get(), 100, 2, "a.c"));
+  ASSERT_TRUE(view_dirent_append(&two.get(), 101, 3, "longer_name"));
+  two->eof = 1;
+  check("two", xdr_view_readdir_reply_t, two.get(),
         put_hdrr(W(), 0).str("a.c").u32(100).u32(2).i32(0).str("longer_name").u32(101).u32(3).i32(0).u32(0).u32(1).b,
         listing(256));
-  xdr_free_record(xdr_view_readdir_reply_t, &two);
-  view_readdir_ext_reply_t ext = listing(256);
-  ASSERT_TRUE(view_dirent_ext_append(&ext, view_dirent_ext_fields{200, 2, 0x2000, 0, oid_n(1), 5, oid_n(2), 6}, "e"));
-  check("ext", xdr_view_readdir_ext_reply_t, ext,
+  Xdr_Record<view_readdir_ext_reply_t> ext(xdr_view_readdir_ext_reply_t);
+  ext.get() = listing(256);
+  ASSERT_TRUE(
+      view_dirent_ext_append(&ext.get(), view_dirent_ext_fields{200, 2, 0x2000, 0, oid_n(1), 5, oid_n(2), 6}, "e"));
+  check("ext", xdr_view_readdir_ext_reply_t, ext.get(),
         put_hdrr(W(), 0).str("e").u32(200).u32(2).i32(0).u32(0x2000).u32(0).oid(oid_n(1)).i32(5).oid(oid_n(2)).i32(6)
             .u32(0).u32(0).b,
         listing(256));
-  xdr_free_record(xdr_view_readdir_ext_reply_t, &ext);
   view_readdir_reply_t failed = listing(0);
   failed.hdr = hdrr(TBS_ST_STALE);
   check("failed", xdr_view_readdir_reply_t, failed, put_hdrr(W(), TBS_ST_STALE).b);
 }
 
 TEST(ViewReaddir, PayloadLimitClearsEofAndCapacityLimitsDecode) {
-  view_readdir_reply_t big = listing(64 * 1024);
+  Xdr_Record<view_readdir_reply_t> big(xdr_view_readdir_reply_t);
+  big.get() = listing(64 * 1024);
   std::string name(200, 'x');
   for (int n = 0; n < 100; ++n) {
     name[0] = char('A' + n % 26);
     name[1] = char('A' + n / 26);
-    ASSERT_TRUE(view_dirent_append(&big, 1000 + n, 2 + n, name.c_str()));
+    ASSERT_TRUE(view_dirent_append(&big.get(), 1000 + n, 2 + n, name.c_str()));
   }
-  big.eof = 1;
+  big->eof = 1;
   std::string img;
-  ASSERT_TRUE(xdr_encode_record(xdr_view_readdir_reply_t, big, &img, 16384));
+  ASSERT_TRUE(xdr_encode_record(xdr_view_readdir_reply_t, big.get(), &img, 16384));
   EXPECT_LE(img.size(), VIEW_LPC_PAYLOAD);  // 8 header bytes + at most 8744 of entries and end marker
-  xdr_free_record(xdr_view_readdir_reply_t, &big);
-  view_readdir_reply_t back = listing(64 * 1024);
-  ASSERT_TRUE(xdr_decode_record(xdr_view_readdir_reply_t, &back, img));
-  EXPECT_EQ(back.eof, 0);
-  const unsigned per = view_dirent_reclen(200), entries = back.used / per;
+  Xdr_Record<view_readdir_reply_t> back(xdr_view_readdir_reply_t);
+  back.get() = listing(64 * 1024);
+  ASSERT_TRUE(xdr_decode_record(xdr_view_readdir_reply_t, &back.get(), img));
+  EXPECT_EQ(back->eof, 0);
+  const unsigned per = view_dirent_reclen(200), entries = back->used / per;
   EXPECT_EQ(entries, 40u);  // wire entries of 4 + 200 + 12 bytes: 40 fit in 8744
-  EXPECT_EQ(back.cursor, 2 + entries - 1);
-  xdr_free_record(xdr_view_readdir_reply_t, &back);
+  EXPECT_EQ(back->cursor, 2 + entries - 1);
   // A small capacity takes what fits and reports eof false with the last offset taken.
-  view_readdir_reply_t small = listing(2 * per);
+  Xdr_Record<view_readdir_reply_t> small(xdr_view_readdir_reply_t);
+  small.get() = listing(2 * per);
   XDR x;
   xdrmem_create(&x, img.data(), unsigned(img.size()), XDR_DECODE);
-  ASSERT_TRUE(xdr_view_readdir_reply_t(&x, &small));
-  EXPECT_EQ(small.used, 2 * per);
-  EXPECT_EQ(small.eof, 0);
-  EXPECT_EQ(small.cursor, 3u);
-  xdr_free_record(xdr_view_readdir_reply_t, &small);
+  ASSERT_TRUE(small.code(&x));
+  EXPECT_EQ(small->used, 2 * per);
+  EXPECT_EQ(small->eof, 0);
+  EXPECT_EQ(small->cursor, 3u);
 }
 
 TEST(ViewReaddir, BrokenEntriesFailTheFilter) {
-  view_readdir_reply_t r = listing(64);
-  ASSERT_TRUE(view_dirent_append(&r, 1, 2, "abc"));
+  Xdr_Record<view_readdir_reply_t> r(xdr_view_readdir_reply_t);
+  r.get() = listing(64);
+  ASSERT_TRUE(view_dirent_append(&r.get(), 1, 2, "abc"));
   std::string out;
   for (uint16_t reclen : {0, 8}) {  // zero, and too short for the name
-    std::memcpy(r.buffer + 8, &reclen, 2);
-    EXPECT_FALSE(xdr_encode_record(xdr_view_readdir_reply_t, r, &out)) << reclen;
+    std::memcpy(r->buffer + 8, &reclen, 2);
+    EXPECT_FALSE(xdr_encode_record(xdr_view_readdir_reply_t, r.get(), &out)) << reclen;
   }
-  xdr_free_record(xdr_view_readdir_reply_t, &r);
   // A name with a NUL, or longer than 255 bytes, fails to decode.
   for (const std::string& name : {std::string("a\0b", 3), std::string(256, 'a')}) {
-    view_readdir_reply_t d = listing(1024);
-    EXPECT_FALSE(xdr_decode_record(xdr_view_readdir_reply_t, &d, put_hdrr(W(), 0).str(name).u32(1).u32(2).i32(0)
-                                                                      .u32(0).u32(1).b));
-    xdr_free_record(xdr_view_readdir_reply_t, &d);
+    Xdr_Record<view_readdir_reply_t> d(xdr_view_readdir_reply_t);
+    d.get() = listing(1024);
+    EXPECT_FALSE(xdr_decode_record(xdr_view_readdir_reply_t, &d.get(),
+                                   put_hdrr(W(), 0).str(name).u32(1).u32(2).i32(0).u32(0).u32(1).b));
   }
 }
