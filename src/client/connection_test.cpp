@@ -30,7 +30,8 @@ std::thread agent_end(const std::string& storage, std::string answer, bool hang_
     std::string id;
     char c;
     while (read(l, &c, 1) == 1 && c != '\n') id += c;
-    const std::string req = ipc + "request_" + id, resp = ipc + "response_" + id;
+    const std::string req = ipc + VIEW_STG_REQUEST_PIPE + VIEW_STG_PIPE_SEP + id,
+                      resp = ipc + VIEW_STG_RESPONSE_PIPE + VIEW_STG_PIPE_SEP + id;
     mkfifo(req.c_str(), 0600);
     mkfifo(resp.c_str(), 0600);
     int in = open(req.c_str(), O_RDONLY | O_NONBLOCK), out = open(resp.c_str(), O_WRONLY);

@@ -154,10 +154,10 @@ TEST_F(ViewOps, RuleFilesAreKeptWholeAndReadTrimmedWithCrLf) {
   const std::string rules = "  element * LATEST \n\nelement /proj/... /main/3\r\n";
   ASSERT_EQ(cs.save_elem_rules(rules), 0);
   std::string raw;
-  ASSERT_EQ(fileutl_read_file(root + "/s/.config_spec", &raw, 1 << 16), 0);
+  ASSERT_EQ(fileutl_read_file(root + "/s/" + VIEW_STG_CONFIG_SPEC, &raw, 1 << 16), 0);
   EXPECT_EQ(raw, rules) << "written as given";
   struct stat st;
-  ASSERT_EQ(stat((root + "/s/.config_spec").c_str(), &st), 0);
+  ASSERT_EQ(stat((root + "/s/" + VIEW_STG_CONFIG_SPEC).c_str(), &st), 0);
   EXPECT_EQ(st.st_mode & 0777, 0600u);
   ASSERT_EQ(cs.get_cached_elem_rules(out), 0);
   EXPECT_EQ(out, "element * LATEST\r\n\r\nelement /proj/... /main/3\r\n");
@@ -165,8 +165,8 @@ TEST_F(ViewOps, RuleFilesAreKeptWholeAndReadTrimmedWithCrLf) {
   ASSERT_EQ(cs.get_cached_tkm_elem_rules(out), 0);
   EXPECT_EQ(out, "");
   // A FIFO in place of the file is not read (and does not block); a missing directory cannot be written.
-  ASSERT_EQ(unlink((root + "/s/.config_spec_tkm").c_str()), 0);
-  ASSERT_EQ(mkfifo((root + "/s/.config_spec_tkm").c_str(), 0600), 0);
+  ASSERT_EQ(unlink((root + "/s/" + VIEW_STG_CONFIG_SPEC_TKM).c_str()), 0);
+  ASSERT_EQ(mkfifo((root + "/s/" + VIEW_STG_CONFIG_SPEC_TKM).c_str(), 0600), 0);
   EXPECT_EQ(cs.get_cached_tkm_elem_rules(out), TAVREL_ST_FAILURE);
   Tavrel_ConfigSpec gone(root + "/missing");
   EXPECT_EQ(gone.save_elem_rules("x"), TAVREL_ST_WRITE_FILE);

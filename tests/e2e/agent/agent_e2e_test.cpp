@@ -11,6 +11,7 @@
 
 #include "client/agent_process.h"
 #include "client/connection.h"
+#include "proto/pipe_frame.h"
 #include "proto/tavrel_status.h"
 #include "proto/view_storage_names.h"
 #include "tests/e2e/e2e_process.h"
@@ -48,7 +49,7 @@ std::string answers(Connection& c) {
   while ((st = c.receive(&reply, 10000)) == Connection::kOk) all += summary(reply) + "; ";
   return all + (st == Connection::kClosed ? "EOF" : "status " + std::to_string(st) + " " + c.error());
 }
-std::string frame(const std::string& doc) { return std::to_string(doc.size()) + "\n" + doc; }
+std::string frame(const std::string& doc) { return pipe_frame_encode(Pipe_Frame_Kind::REQUEST, doc); }
 // What echo(tx) is answered with.
 std::string echoed(const std::string& tx) { return "Echo 0 " + tx + " " + std::to_string(echo(tx).size()); }
 // One request and the summary of its answer (or why there is none).
@@ -268,7 +269,9 @@ TEST(AgentProcess, TransportFaults) {
   still_serves("after the bad frames");
   {  // FIFO names exist until the first frame and are gone after it.
     CONNECT(c, a);
-    std::string req = a.storage + "/.ipc/request_" + c.id(), resp = a.storage + "/.ipc/response_" + c.id();
+    const std::string ipc = a.storage + "/" + VIEW_STG_IPC_DIR + "/";
+    const std::string req = ipc + VIEW_STG_REQUEST_PIPE + VIEW_STG_PIPE_SEP + c.id(),
+                      resp = ipc + VIEW_STG_RESPONSE_PIPE + VIEW_STG_PIPE_SEP + c.id();
     EXPECT_TRUE(fileutl_exists(req) && fileutl_exists(resp));
     EXPECT_EQ(ask(c, echo("n")), echoed("n"));
     EXPECT_FALSE(fileutl_exists(req) || fileutl_exists(resp));
