@@ -17,6 +17,7 @@ using tavrel_wan::ReplyWriter;
 namespace {
 
 constexpr uint64_t kMaxFile = 512ull << 20;
+constexpr const char* kBadLinkTarget = "a symbolic link target must be 1 to 1023 bytes without NUL";
 
 std::string result(const ReplyItems& items, const std::string& text = std::string()) {
   ReplyWriter w;
@@ -92,8 +93,7 @@ std::string elem_make(WanServer& srv, const Args& a, const std::string* data, in
   std::string empty;
   const std::string& bytes = need_data(data, empty);
   std::string target = kind == KIND_DIR || kind == KIND_FILE ? std::string() : a.text("Target");
-  if (kind == 0 && (target.empty() || target[0] == '/' || target.size() > 1023))
-    fail(TBS_ST_BAD_ARG, "a symbolic link target must be a relative path of at most 1023 bytes");
+  if (kind == 0 && !valid_link_target(target)) fail(TBS_ST_BAD_ARG, kBadLinkTarget);
   return srv.store().write([&](Repo& r) {
     Node p = ensure_dir(r, parent, a.flag("Parents"));
     if (r.entry(p.ver.id, leaf)) fail(TBS_ST_EXISTS, path + " exists");
@@ -355,8 +355,7 @@ std::string view_op(WanServer& srv, const std::string& op, const Args& a, const 
       Entry entry{leaf, 0, 0};
       if (kind == "link") {
         std::string target = a.text("Target");
-        if (target.empty() || target[0] == '/' || target.size() > 1023)
-          fail(TBS_ST_BAD_ARG, "a symbolic link target must be a relative path of at most 1023 bytes");
+        if (!valid_link_target(target)) fail(TBS_ST_BAD_ARG, kBadLinkTarget);
         Link l = r.new_link(p.silo.id, target, now);
         entry.link = l.id;
         items.push_back({"ElementOid", tbs_oid_to_str(l.oid)});

@@ -86,8 +86,8 @@ struct Walker {
         ssize_t n = ::readlink(fs_path.c_str(), buf, sizeof buf);
         if (n < 0) fail(TBS_ST_INTERNAL, "cannot read link " + fs_path + ": " + std::strerror(errno));
         std::string target(buf, size_t(n));
-        if (target.empty() || target[0] == '/' || target.size() > 1023) {
-          stats.skipped.push_back(wire_path + ": symbolic link target is absolute or too long");
+        if (!valid_link_target(target)) {  // absolute targets are kept as they are
+          stats.skipped.push_back(wire_path + ": symbolic link target is too long");
           continue;
         }
         Link l = repo.new_link(silo, target, t);

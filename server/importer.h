@@ -3,9 +3,9 @@
 // Regular files, directories and symbolic links become elements (or links) with one version each,
 // main/1, carrying the file's bytes, its permission bits and its modification time as creation time.
 // The whole import is one write transaction: either the SILO exists afterwards with everything, or
-// the store is unchanged. Entries that cannot be represented are skipped and counted: other file
-// types (devices, FIFOs, sockets), symbolic links with an absolute target, paths longer than 1023
-// bytes, files larger than the size limit.
+// the store is unchanged. A symbolic link keeps its text as it is, relative or absolute. Entries that
+// cannot be represented are skipped and counted: other file types (devices, FIFOs, sockets), links
+// whose text is over 1023 bytes, paths longer than 1023 bytes, files larger than the size limit.
 #pragma once
 
 #include <cstdint>

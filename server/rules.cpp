@@ -30,6 +30,10 @@ bool valid_entry_name(const std::string& name) {
   return true;
 }
 
+bool valid_link_target(const std::string& target) {
+  return !target.empty() && target.size() <= 1023 && target.find('\0') == std::string::npos;
+}
+
 bool split_tag_path(const std::string& path, std::string* tag, std::vector<std::string>* names) {
   if (path.size() > 1023 || path.empty() || path[0] != '/') return false;
   names->clear();

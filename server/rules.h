@@ -48,6 +48,9 @@ bool parse_load_rule(const std::string& line, std::string* path, std::string* er
 bool valid_silo_tag(const std::string& tag);
 // Whether `name` is a valid entry name: 1-255 bytes, no "/", no NUL, not "." or "..".
 bool valid_entry_name(const std::string& name);
+// Whether `target` can be a symbolic link's text: 1-1023 bytes without NUL. The text is data, relative
+// or absolute alike; whoever follows the link decides what it means.
+bool valid_link_target(const std::string& target);
 // Splits a tag-prefixed path ("/tag/a/b") into the tag and the names below it; false if malformed
 // (empty names, ".", "..", over 1023 bytes).
 bool split_tag_path(const std::string& path, std::string* tag, std::vector<std::string>* names);

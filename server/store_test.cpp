@@ -59,8 +59,8 @@ TEST(Import, TreeBecomesSiloAndResolves) {
   ImportStats st = import_tree(store, "/proj", (t.path / "src").string(), {});
   EXPECT_EQ(st.files, 5u);
   EXPECT_EQ(st.dirs, 4u);  // bin, src, src/lib, emptydir
-  EXPECT_EQ(st.links, 1u);
-  EXPECT_EQ(st.skipped.size(), 2u);  // absolute link and FIFO
+  EXPECT_EQ(st.links, 2u);
+  EXPECT_EQ(st.skipped, std::vector<std::string>{"/proj/fifo: not a file, directory or symbolic link"});
 
   store.read([&](Repo& r) {
     ViewNamespace ns(r, default_view());
@@ -76,6 +76,7 @@ TEST(Import, TreeBecomesSiloAndResolves) {
     EXPECT_EQ(l.link.target, "../a.txt");
     EXPECT_EQ(ns.obj_vstat(l).vstat.mtype, SILO_MTYPE_SYMLINK);
     EXPECT_STREQ(ns.obj_vstat(l).path, "../a.txt");
+    EXPECT_STREQ(ns.obj_vstat(ns.resolve("/proj/abs")).path, "/etc/passwd");  // link texts are kept as they are
     Node e = ns.resolve("/proj/empty");
     EXPECT_EQ(e.ver.size, 0u);
     Node d = ns.resolve("/proj/src/lib");
