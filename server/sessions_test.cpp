@@ -57,6 +57,24 @@ TEST(Sessions, TokensPersistAndExpire) {
   }
 }
 
+TEST(Sessions, IdleSessionsAreSweptFromMemoryAndStore) {
+  TempStore t;
+  int64_t now = 1000;
+  auto clock = [&] { return now; };
+  Store store(t.path);
+  Sessions s(store, 120, clock);
+  Sessions::Tokens a = s.create("alice"), b = s.create("bob");
+  now = 1100;
+  EXPECT_EQ(s.check(a.jsession, a.session), "alice");  // alice's session is used, bob's is not
+  now = 1130;
+  s.create("carol");  // a login more than a minute after the last sweep sweeps again
+  EXPECT_EQ(s.count(), 2u);
+  Sessions again(store, 120, clock);  // bob's session is gone from the store too
+  EXPECT_EQ(again.count(), 2u);
+  EXPECT_EQ(again.check(b.jsession, b.session), "");
+  EXPECT_EQ(again.check(a.jsession, a.session), "alice");
+}
+
 TEST(Faults, MatchCountAndKinds) {
   FaultInjector f;
   f.arm({"http_status", 503, "rpcA", 2});

@@ -153,6 +153,20 @@ void send_status(httplib::Response& res, int http, int32_t code, const std::stri
   res.set_content(reply_status_only(code, msg), kReplyType);
 }
 
+// The outcome of checking a request's session or credentials.
+struct Auth {
+  std::string user;      // empty: not authenticated
+  int64_t wait_ms = 0;   // > 0: throttled, the credentials were not checked
+};
+
+// 401, or 429 with Retry-After for a throttled login.
+void send_refusal(httplib::Response& res, const Auth& auth, const std::string& msg) {
+  if (auth.wait_ms <= 0) return send_status(res, 401, TBS_ST_BAD_ARG, msg);
+  int64_t secs = (auth.wait_ms + 999) / 1000;
+  res.set_header("Retry-After", std::to_string(secs));
+  send_status(res, 429, TBS_ST_BAD_ARG, "too many failed logins: try again in " + std::to_string(secs) + " s");
+}
+
 }  // namespace
 
 WanServer::WanServer(ServerConfig cfg) : cfg_(std::move(cfg)) {
@@ -171,12 +185,9 @@ std::shared_ptr<std::shared_mutex> WanServer::view_lock(const tbs_uuid_s& view) 
 }
 
 int WanServer::start() {
-  if (tls()) {
-    http_ = std::make_unique<httplib::SSLServer>(cfg_.cert_file.c_str(), cfg_.key_file.c_str());
-    if (!http_->is_valid()) return -1;
-  } else {
-    http_ = std::make_unique<httplib::Server>();
-  }
+  front_ = make_front_server(FrontOptions{cfg_.cert_file, cfg_.key_file, cfg_.head_timeout_ms, cfg_.max_conns_per_address});
+  if (!front_) return -1;
+  http_ = &front_->http();
   int threads = cfg_.threads;
   http_->new_task_queue = [threads] { return new httplib::ThreadPool(size_t(threads)); };
   http_->set_payload_max_length(cfg_.max_body);
@@ -187,7 +198,7 @@ int WanServer::start() {
   http_->set_keep_alive_timeout(5);
   http_->set_tcp_nodelay(true);
   install_routes();
-  port_ = cfg_.port == 0 ? http_->bind_to_any_port(cfg_.host) : (http_->bind_to_port(cfg_.host, cfg_.port) ? cfg_.port : -1);
+  port_ = front_->bind(cfg_.host, cfg_.port);
   if (port_ <= 0) {
     port_ = -1;
     return -1;
@@ -235,13 +246,27 @@ void WanServer::install_routes() {
     log_->add(std::move(e));
   });
 
-  // A form post's fields, or an error reply (HTTP 400).
-  auto read_form = [](const httplib::Request& req, httplib::Response& res,
-                      std::map<std::string, std::string>* fields) {
+  // A form post's fields, or an error reply. The body is read here, at most max_body bytes whether it
+  // comes with a length or in chunks: a larger one is 413, a broken one 400, and either closes the
+  // connection (the rest of the body is never read).
+  auto read_form = [this](const httplib::Request& req, httplib::Response& res, const httplib::ContentReader& reader,
+                          std::map<std::string, std::string>* fields) {
+    std::string body;
+    bool too_big = req.get_header_value<uint64_t>("Content-Length") > cfg_.max_body;
+    if (too_big || !reader([&](const char* data, size_t n) {
+          too_big = body.size() + n > cfg_.max_body;
+          if (!too_big) body.append(data, n);
+          return !too_big;
+        })) {
+      if (too_big) send_status(res, 413, TBS_ST_BAD_ARG, "request body over " + std::to_string(cfg_.max_body) + " bytes");
+      else send_status(res, 400, TBS_ST_BAD_ARG, "broken request body");
+      close_after_reply(res);
+      return false;
+    }
     std::string err;
     std::string type = req.get_header_value(kFormTypeHeader);
     if (type.empty()) type = req.get_header_value("Content-Type");
-    if (!parse_form_data(type, req.body, fields, &err)) {
+    if (!parse_form_data(type, body, fields, &err)) {
       send_status(res, 400, TBS_ST_BAD_ARG, err);
       return false;
     }
@@ -251,45 +276,50 @@ void WanServer::install_routes() {
   };
 
   // The user of the request's session, or of its credentials header (a new session then, with cookies
-  // set on the reply). Empty when neither is valid.
-  auto authenticate = [this](const httplib::Request& req, httplib::Response& res, bool login) -> std::string {
+  // set on the reply). No user when neither is valid; a wait when failed logins of that user or from
+  // that address must wait (the credentials are then not checked).
+  auto authenticate = [this](const httplib::Request& req, httplib::Response& res, bool login) -> Auth {
     if (!login) {
       std::string j, s;
       parse_cookies(req.get_header_value("Cookie"), &j, &s);
       if (!s.empty()) {
         std::string user = sessions_->check(j, s);
-        if (!user.empty()) return user;
+        if (!user.empty()) return {user, 0};
       }
     }
     std::string cred = req.get_header_value(HDR_LOGIN_CREDENTIALS);
-    if (cred.empty()) return std::string();
-    std::string text;
-    if (!base64_decode(cred, &text)) return std::string();
-    size_t colon = text.find(':');
-    if (colon == std::string::npos) return std::string();
-    std::string who = text.substr(0, colon), password = text.substr(colon + 1);
-    std::string user = who;
-    size_t bs = who.find('\\');
-    if (bs != std::string::npos) user = who.substr(bs + 1);
-    if (user.empty()) return std::string();
-    bool ok = false;
-    if (cfg_.open_login) {
-      ok = true;
-    } else {
+    if (cred.empty()) return {};
+    std::string text, who, password;
+    if (base64_decode(cred, &text) && text.find(':') != std::string::npos) {
+      who = text.substr(0, text.find(':'));
+      password = text.substr(text.find(':') + 1);
+    }
+    std::string user = who.substr(who.find('\\') + 1);  // the whole name when there is no domain
+    int64_t now = cfg_.clock_ms ? cfg_.clock_ms()
+                                : std::chrono::duration_cast<std::chrono::milliseconds>(
+                                      std::chrono::steady_clock::now().time_since_epoch()).count();
+    if (int64_t wait = throttle_.wait_ms(who, req.remote_addr, now)) return {std::string(), wait};
+    bool ok = !user.empty() && cfg_.open_login;
+    if (!user.empty() && !cfg_.open_login) {
       auto it = cfg_.users.find(who);
       if (it == cfg_.users.end()) it = cfg_.users.find(user);
       ok = it != cfg_.users.end() && equal_secret(it->second, password);
     }
-    if (!ok) return std::string();
+    if (!ok) {
+      throttle_.failed(who, req.remote_addr, now);
+      return {};
+    }
+    throttle_.succeeded(who);
     auto tokens = sessions_->create(who);
     res.set_header("Set-Cookie", std::string(COOKIE_JSESSIONID) + "=" + tokens.jsession + "; Path=/");
     res.set_header("Set-Cookie", std::string(COOKIE_SESSION) + "=" + tokens.session + "; Path=/");
-    return who;
+    return {who, 0};
   };
 
-  http_->Post(base, [this, read_form, authenticate](const httplib::Request& req, httplib::Response& res) {
+  http_->Post(base, [this, read_form, authenticate](const httplib::Request& req, httplib::Response& res,
+                                                   const httplib::ContentReader& reader) {
     std::map<std::string, std::string> fields;
-    if (!read_form(req, res, &fields)) return;
+    if (!read_form(req, res, reader, &fields)) return;
     const std::string& rpc = fields[FIELD_RPC];
     FaultPlan plan = faults_.take(rpc);
     if (plan.delay_before_ms > 0) std::this_thread::sleep_for(std::chrono::milliseconds(plan.delay_before_ms));
@@ -298,9 +328,10 @@ void WanServer::install_routes() {
     bool args_ok = rpcargs_parse(fields[FIELD_RPC_ARGS], &parsed, &err);
 
     if (rpc == RPC_LOGIN) {
-      if (plan.refuse_login || authenticate(req, res, true).empty()) {
+      Auth auth = plan.refuse_login ? Auth() : authenticate(req, res, true);
+      if (auth.user.empty()) {
         res.headers.erase("Set-Cookie");
-        send_status(res, 401, TBS_ST_BAD_ARG, "Authorization failure");
+        send_refusal(res, auth, "Authorization failure");
         return;
       }
       int32_t code = 0;
@@ -327,8 +358,8 @@ void WanServer::install_routes() {
       return;
     }
 
-    if (authenticate(req, res, false).empty()) {
-      send_status(res, 401, TBS_ST_BAD_ARG, "not logged in");
+    if (Auth auth = authenticate(req, res, false); auth.user.empty()) {
+      send_refusal(res, auth, "not logged in");
       return;
     }
     std::string body;
@@ -391,8 +422,8 @@ void WanServer::install_routes() {
       res.status = 404;
       return;
     }
-    if (authenticate(req, res, false).empty()) {
-      send_status(res, 401, TBS_ST_BAD_ARG, "not logged in");
+    if (Auth auth = authenticate(req, res, false); auth.user.empty()) {
+      send_refusal(res, auth, "not logged in");
       return;
     }
     FaultPlan plan = faults_.take("cltxt");
@@ -490,7 +521,8 @@ void WanServer::install_routes() {
   });
 
   auto admin_handler = [this, read_form](bool admin_endpoint) {
-    return [this, read_form, admin_endpoint](const httplib::Request& req, httplib::Response& res) {
+    return [this, read_form, admin_endpoint](const httplib::Request& req, httplib::Response& res,
+                                             const httplib::ContentReader& reader) {
       std::string token = req.get_header_value(HDR_ADMIN_TOKEN);
       bool is_admin = !cfg_.admin_token.empty() && equal_secret(token, cfg_.admin_token);
       if (!is_admin) {
@@ -502,11 +534,12 @@ void WanServer::install_routes() {
         }
         if (!session_ok) {
           send_status(res, 401, TBS_ST_BAD_ARG, admin_endpoint ? "admin token required" : "not logged in");
+          close_after_reply(res);  // the body stays unread
           return;
         }
       }
       std::map<std::string, std::string> fields;
-      if (!read_form(req, res, &fields)) return;
+      if (!read_form(req, res, reader, &fields)) return;
       std::string body;
       try {
         std::vector<RpcArg> parsed;

@@ -8,14 +8,20 @@
 //   POST <base>/client    client API (view operations), with a session or the admin token
 //   POST <base>/admin     admin API, with the admin token (header x-tavrel-admin-token)
 // Anything else is 404. Every reply body is a multipart reply document ending in a Status part;
-// RPC-level failures are HTTP 200 with a non-zero Status; 401 means "log in"; bodies over the size
-// limit get 413.
+// RPC-level failures are HTTP 200 with a non-zero Status; 401 means "log in".
+//
+// Connections pass through FrontServer (http_front.h): a deadline for each request head and a cap on
+// open connections per client address, so that slow clients cannot hold every pool thread. Bodies over
+// the size limit get 413 whether sent with a length or in chunks, and the connection closes. Failed
+// credentials are slowed per user and per address (login_throttle.h): a throttled attempt gets 429
+// with Retry-After, unchecked.
 //
 // Threads: cpp-httplib's pool runs handlers concurrently. Per-view reader/writer locks keep a view's
 // rule changes (and its checkout/namespace changes) apart from its on-demand requests; the store
 // serialises writers. See the .cpp for the order of locks: view lock, then store write mutex.
 #pragma once
 
+#include <functional>
 #include <map>
 #include <memory>
 #include <shared_mutex>
@@ -23,6 +29,8 @@
 #include <thread>
 
 #include "server/faults.h"
+#include "server/http_front.h"
+#include "server/login_throttle.h"
 #include "server/request_log.h"
 #include "server/sessions.h"
 #include "server/store.h"
@@ -47,7 +55,10 @@ struct ServerConfig {
   int session_idle_seconds = 1800;
   std::string request_log_file;
   size_t request_log_capacity = 10000;
-  int threads = 16;
+  int threads = 64;                 // connections served at once
+  int head_timeout_ms = 5000;       // for the whole head of each request
+  int max_conns_per_address = 32;   // open connections from one client address
+  std::function<int64_t()> clock_ms;  // monotonic milliseconds for login throttling; empty: steady clock
 };
 
 class WanServer {
@@ -81,7 +92,9 @@ class WanServer {
   std::unique_ptr<Sessions> sessions_;
   FaultInjector faults_;
   std::unique_ptr<RequestLog> log_;
-  std::unique_ptr<httplib::Server> http_;
+  LoginThrottle throttle_;
+  std::unique_ptr<FrontServer> front_;
+  httplib::Server* http_ = nullptr;  // front_'s
   std::thread thread_;
   int port_ = -1;
   std::mutex locks_mu_;

@@ -197,6 +197,19 @@ TEST_F(ServerTest, LoginCookiesSessionsAndLogout) {
   EXPECT_EQ(c2.rpc(tavrel_wan::RPC_GET_SILO_INFO, ArgText().add("SiloTag", "/proj")).http, 401);
   EXPECT_EQ(c2.login("CORP\\bob", "pw:with:colons").reply.status, 0);
   EXPECT_EQ(c2.rpc(tavrel_wan::RPC_GET_SILO_INFO, ArgText().add("SiloTag", "/proj")).reply.status, 0);
+
+  // Five failed logins are free; after the sixth, the address waits (here with the clock stopped) and
+  // its next credentials are refused unchecked, at login or on any request.
+  ServerConfig frozen;
+  frozen.clock_ms = [] { return int64_t(1); };
+  start(frozen);
+  for (int i = 0; i < 6; ++i) EXPECT_EQ(client().login("nobody", "x").http, 401);
+  Result slowed = client().login("alice", "secret");
+  EXPECT_EQ(slowed.http, 429);
+  EXPECT_EQ(slowed.headers.find("Retry-After")->second, "1");
+  EXPECT_EQ(client().post("", tavrel_wan::RPC_GET_SILO_INFO, ArgText().add("SiloTag", "/proj"),
+                          {{"x-ondrel-login-credentials", WanClient::base64("alice:secret")}}).http,
+            429);
 }
 
 TEST_F(ServerTest, SiloInfoAndConfigSpecs) {

@@ -3,6 +3,7 @@
 //   tavrel_server serve  [--store FILE] [--host ADDR] [--port N] [--base PATH] [--cert FILE --key FILE]
 //                        [--users FILE | --open-login] [--admin-token-file FILE] [--request-log FILE]
 //                        [--threads N] [--max-body BYTES] [--session-idle SECONDS] [--port-file FILE]
+//                        [--header-timeout SECONDS] [--max-conns-per-addr N]
 //   tavrel_server import [--store FILE] --silo /TAG DIR [--public] [--project]
 //
 // The store defaults to $TAVREL_SERVER_STORE, else ./tavrel_server.db. "serve" prints one line
@@ -33,7 +34,13 @@ const char* const kServeUsage =
     "usage: tavrel_server serve [--store FILE] [--host ADDR] [--port N] [--base PATH]\n"
     "                           [--cert FILE --key FILE] [--users FILE | --open-login]\n"
     "                           [--admin-token-file FILE] [--request-log FILE] [--threads N]\n"
-    "                           [--max-body BYTES] [--session-idle SECONDS] [--port-file FILE]\n";
+    "                           [--max-body BYTES] [--session-idle SECONDS] [--port-file FILE]\n"
+    "                           [--header-timeout SECONDS] [--max-conns-per-addr N]\n"
+    "  --threads N              connections served at once (default 64)\n"
+    "  --max-body BYTES         largest request body, with a length or chunked (default 64 MiB)\n"
+    "  --session-idle SECONDS   sessions idle longer end and are swept (default 1800)\n"
+    "  --header-timeout SECONDS time for the whole head of a request (default 5)\n"
+    "  --max-conns-per-addr N   open connections per client address (default 32)\n";
 const char* const kImportUsage = "usage: tavrel_server import [--store FILE] --silo /TAG DIR [--public] [--project]\n";
 
 // A usage error: the reason and the usage of `command` (of both commands when null) on standard error.
@@ -138,9 +145,11 @@ int run_serve(int argc, char** argv) {
     else if (a == "--admin-token-file") token_file = v;
     else if (a == "--request-log") cfg.request_log_file = v;
     else if (a == "--port-file") port_file = v;
-    else if (a == "--threads" && parse_int(v, 1, 256, &n)) cfg.threads = int(n);
+    else if (a == "--threads" && parse_int(v, 1, 1024, &n)) cfg.threads = int(n);
     else if (a == "--max-body" && parse_int(v, 1024, 1ll << 31, &n)) cfg.max_body = size_t(n);
-    else if (a == "--session-idle" && parse_int(v, 1, 1ll << 31, &n)) cfg.session_idle_seconds = int(n);
+    else if (a == "--session-idle" && parse_int(v, 1, (1ll << 31) - 1, &n)) cfg.session_idle_seconds = int(n);
+    else if (a == "--header-timeout" && parse_int(v, 1, 3600, &n)) cfg.head_timeout_ms = int(n * 1000);
+    else if (a == "--max-conns-per-addr" && parse_int(v, 1, 100000, &n)) cfg.max_conns_per_address = int(n);
     else return usage(("bad argument " + a + " " + v).c_str(), "serve");
   }
   if (cfg.base_path.empty() || cfg.base_path[0] != '/' || cfg.base_path.back() == '/')
