@@ -26,6 +26,7 @@
 #include "base/server.h"
 #include "base/strutl.h"
 #include "base/sysutl.h"
+#include "base/tavrel_mutex.h"
 #include "core/tavrel_config.h"
 #include "core/tavrel_log.h"
 #include "core/tavrel_status.h"
@@ -59,31 +60,31 @@ Tavrel_View_Handler* g_view_handler = nullptr;
 olthread_t force_tid;
 int cleanup_required = 1;
 int tavrel_shutdown_signal = 0;
-std::mutex tavrel_shutdown_mutex;
-std::condition_variable tavrel_shutdown_cv;
-std::mutex pending_mutex;  // guards the pending vectors
+Tavrel_Mutex tavrel_shutdown_mutex{Tavrel_Lock_Rank::LEAF, "forced shutdown signal"};
+std::condition_variable_any tavrel_shutdown_cv;
+Tavrel_Mutex pending_mutex{Tavrel_Lock_Rank::LEAF, "pending messages"};  // guards the pending vectors
 std::vector<std::string> pending_ok, pending_warn, pending_err, pending_trace;
 
 Tavrel_Log* log_of(void* context) { return static_cast<Tavrel_Log*>(context); }
 
 void tvr_handle_ok_message(void* context, const char* text) {
   if (context) return log_of(context)->write_log(TAVREL_LOG_INFO, "%s", text);
-  std::lock_guard<std::mutex> g(pending_mutex);
+  std::lock_guard<Tavrel_Mutex> g(pending_mutex);
   pending_ok.emplace_back(text);
 }
 void tvr_handle_warn_message(void* context, const char* text) {
   if (context) return log_of(context)->write_log(TAVREL_LOG_WARN, "%s", text);
-  std::lock_guard<std::mutex> g(pending_mutex);
+  std::lock_guard<Tavrel_Mutex> g(pending_mutex);
   pending_warn.emplace_back(text);
 }
 void tvr_handle_err_message(void* context, const char* text) {
   if (context) return log_of(context)->write_log(TAVREL_LOG_ERROR, "%s", text);
-  std::lock_guard<std::mutex> g(pending_mutex);
+  std::lock_guard<Tavrel_Mutex> g(pending_mutex);
   pending_err.emplace_back(text);
 }
 void tvr_handle_trace_message(void* context, const char* text) {
   if (context) return Tavrel_Trace::write_to_trace_file(text);
-  std::lock_guard<std::mutex> g(pending_mutex);
+  std::lock_guard<Tavrel_Mutex> g(pending_mutex);
   pending_trace.emplace_back(text);
 }
 
@@ -94,14 +95,14 @@ const imsg_redirect_proc_t redirect_table[11] = {
 };
 
 void tavrel_agent_destroy(int sig) {
-  std::lock_guard<std::mutex> g(tavrel_shutdown_mutex);
+  std::lock_guard<Tavrel_Mutex> g(tavrel_shutdown_mutex);
   tavrel_shutdown_signal = sig;
   tavrel_shutdown_cv.notify_all();
 }
 
 void* tavrel_agent_force_shutdown_thread(void*) {
   {
-    std::unique_lock<std::mutex> g(tavrel_shutdown_mutex);
+    std::unique_lock<Tavrel_Mutex> g(tavrel_shutdown_mutex);
     tavrel_shutdown_cv.wait(g, [] { return tavrel_shutdown_signal != 0; });
   }
   Tavrel_Trace trace(TAVREL, "tavrel_agent", "tavrel_agent_shutdown_now");
@@ -267,7 +268,7 @@ int tavrel_agent_main(int argc, char** argv) {
     }
     {
       Tavrel_Trace pending(TAVREL, "tavrel_agent", "tvr_trace_pending_messages");
-      std::lock_guard<std::mutex> g(pending_mutex);
+      std::lock_guard<Tavrel_Mutex> g(pending_mutex);
       for (auto& m : pending_ok) pending.writeTrace(TRACE_LEVEL_1, "INFO: %s", m.c_str());
       for (auto& m : pending_warn) pending.writeTrace(TRACE_LEVEL_1, "WARN: %s", m.c_str());
       for (auto& m : pending_err) pending.writeTrace(TRACE_LEVEL_1, "ERROR: %s", m.c_str());

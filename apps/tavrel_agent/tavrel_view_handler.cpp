@@ -21,10 +21,10 @@
 
 Tavrel_View_Handler* Tavrel_View_Handler::g_instance = nullptr;
 Tavrel_View* Tavrel_View_Handler::g_view = nullptr;
-std::mutex Tavrel_View_Handler::g_request_lock;
+Tavrel_Mutex Tavrel_View_Handler::g_request_lock{Tavrel_Lock_Rank::VIEW_REQUEST, "Tavrel_View_Handler::g_request_lock"};
 
 namespace {
-std::mutex g_instance_mutex;
+Tavrel_Mutex g_instance_mutex{Tavrel_Lock_Rank::LEAF, "Tavrel_View_Handler instance"};
 
 // After the first answer the agent no longer needs its standard input and output: pointing them at
 // /dev/null lets a starter that reads to end of file, or runs the agent inside $(...), go on.
@@ -45,13 +45,13 @@ Tavrel_View_Handler::~Tavrel_View_Handler() {
   delete m_held;
   delete g_view;
   g_view = nullptr;
-  std::lock_guard<std::mutex> g(g_instance_mutex);
+  std::lock_guard<Tavrel_Mutex> g(g_instance_mutex);
   g_instance = nullptr;
 }
 
 Tavrel_View_Handler* Tavrel_View_Handler::get_instance(const std::string& location) {
   Tavrel_Trace trace(TAVREL, "Tavrel_View_Handler", "get_instance");
-  std::lock_guard<std::mutex> g(g_instance_mutex);
+  std::lock_guard<Tavrel_Mutex> g(g_instance_mutex);
   if (!g_instance) {
     g_instance = new Tavrel_View_Handler(location);
     return g_instance;

@@ -9,6 +9,8 @@
 #include <mutex>
 #include <string>
 
+#include "base/tavrel_mutex.h"
+
 class Tavrel_View;
 
 class Tavrel_View_Handler {
@@ -43,5 +45,5 @@ class Tavrel_View_Handler {
 
   static Tavrel_View_Handler* g_instance;
   static Tavrel_View* g_view;
-  static std::mutex g_request_lock;
+  static Tavrel_Mutex g_request_lock;
 };

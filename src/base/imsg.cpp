@@ -8,20 +8,23 @@
 #include <vector>
 
 #include "base/strutl.h"
+#include "base/tavrel_mutex.h"
 
 namespace {
-std::mutex g_redirect_mutex;
+// A leaf: the redirect procedure runs outside it.
+Tavrel_Mutex g_redirect_mutex{Tavrel_Lock_Rank::LEAF, "message redirection"};
 imsg_redirect_proc_t g_procs[11];
 int g_proc_count = 0;
 void* g_context = nullptr;
 
+// Below every lock of ours (the trace lock takes it); nothing is taken under it.
 std::shared_mutex g_filter_mutex;
 std::vector<std::string> g_subsys;
 std::atomic<int> g_verbosity{0};
 }  // namespace
 
 void imsg_set_redirect_procs(const imsg_redirect_proc_t* procs, int count, void* context) {
-  std::lock_guard<std::mutex> g(g_redirect_mutex);
+  std::lock_guard<Tavrel_Mutex> g(g_redirect_mutex);
   g_proc_count = count < 0 ? 0 : (count > 11 ? 11 : count);
   for (int i = 0; i < g_proc_count; i++) g_procs[i] = procs[i];
   g_context = context;
@@ -37,7 +40,7 @@ void imsg_print(imsg_kind_t kind, const char* fmt, ...) {
   imsg_redirect_proc_t proc = nullptr;
   void* ctx = nullptr;
   {
-    std::lock_guard<std::mutex> g(g_redirect_mutex);
+    std::lock_guard<Tavrel_Mutex> g(g_redirect_mutex);
     if (static_cast<int>(kind) < g_proc_count) {
       proc = g_procs[kind];
       ctx = g_context;

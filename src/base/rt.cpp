@@ -10,6 +10,8 @@
 #include <mutex>
 #include <vector>
 
+#include "base/tavrel_mutex.h"
+
 namespace {
 
 using Clock = std::chrono::steady_clock;
@@ -24,7 +26,8 @@ struct Timer {
   void* arg;
 };
 
-std::mutex g_mutex;  // guards everything below
+// Guards everything below. A leaf: callbacks run outside it.
+Tavrel_Mutex g_mutex{Tavrel_Lock_Rank::LEAF, "event loop tables"};
 std::map<int, FdEntry> g_fds;
 std::map<long, Timer> g_timers;
 long g_next_timer = 1;
@@ -52,7 +55,7 @@ void wake() {
 }  // namespace
 
 int rt_handle_fd(int fd, rt_fd_cb_t cb, void* arg) {
-  std::lock_guard<std::mutex> g(g_mutex);
+  std::lock_guard<Tavrel_Mutex> g(g_mutex);
   if (fd < 0 || g_fds.count(fd) || !ensure_wake_pipe()) return -1;
   g_fds[fd] = {cb, arg};
   wake();
@@ -60,14 +63,14 @@ int rt_handle_fd(int fd, rt_fd_cb_t cb, void* arg) {
 }
 
 int rt_unhandle_fd(int fd) {
-  std::lock_guard<std::mutex> g(g_mutex);
+  std::lock_guard<Tavrel_Mutex> g(g_mutex);
   if (!g_fds.erase(fd)) return -1;
   wake();
   return 0;
 }
 
 long rt_sched(long delay_ms, rt_timer_cb_t cb, void* arg) {
-  std::lock_guard<std::mutex> g(g_mutex);
+  std::lock_guard<Tavrel_Mutex> g(g_mutex);
   if (!ensure_wake_pipe()) return -1;
   long id = g_next_timer++;
   g_timers[id] = {Clock::now() + std::chrono::milliseconds(delay_ms < 0 ? 0 : delay_ms), cb, arg};
@@ -76,18 +79,18 @@ long rt_sched(long delay_ms, rt_timer_cb_t cb, void* arg) {
 }
 
 int rt_unsched(long id) {
-  std::lock_guard<std::mutex> g(g_mutex);
+  std::lock_guard<Tavrel_Mutex> g(g_mutex);
   return g_timers.erase(id) ? 0 : -1;
 }
 
 void rt_shutdown() {
-  std::lock_guard<std::mutex> g(g_mutex);
+  std::lock_guard<Tavrel_Mutex> g(g_mutex);
   g_shutdown = true;
   wake();
 }
 
 bool rt_is_shutdown() {
-  std::lock_guard<std::mutex> g(g_mutex);
+  std::lock_guard<Tavrel_Mutex> g(g_mutex);
   return g_shutdown;
 }
 
@@ -97,7 +100,7 @@ void rt_run() {
   for (;;) {
     int timeout = -1;
     {
-      std::lock_guard<std::mutex> g(g_mutex);
+      std::lock_guard<Tavrel_Mutex> g(g_mutex);
       if (g_shutdown) return;
       if (!ensure_wake_pipe()) return;
       // Fire due timers first (outside the lock).
@@ -140,7 +143,7 @@ void rt_run() {
     for (size_t i = 1; i < pfds.size(); i++) {
       if (!pfds[i].revents) continue;
       {
-        std::lock_guard<std::mutex> g(g_mutex);
+        std::lock_guard<Tavrel_Mutex> g(g_mutex);
         if (g_shutdown) return;
         if (!g_fds.count(pfds[i].fd)) continue;  // unregistered meanwhile
       }
@@ -151,7 +154,7 @@ void rt_run() {
       // A callback that leaves its descriptor readable would make the loop spin; give other
       // threads a moment. The agent's only such descriptor is the shutdown pipe, after which
       // rt_shutdown has already been called.
-      std::lock_guard<std::mutex> g(g_mutex);
+      std::lock_guard<Tavrel_Mutex> g(g_mutex);
       if (g_shutdown) return;
     }
   }

@@ -16,12 +16,13 @@
 #include "core/tavrel_view_storage.h"
 #include "proto/view_storage_names.h"
 
-std::mutex Tavrel_Config::g_config_lock;
+Tavrel_Mutex Tavrel_Config::g_config_lock{Tavrel_Lock_Rank::CONFIG, "Tavrel_Config::g_config_lock"};
 std::map<std::string, SILO_mount_info> Tavrel_Config::g_mounted_silos;
 std::map<tbs_uuid_s, SILO_mount_info, map_uuid_compare> Tavrel_Config::g_mounted_silos_uuid;
 
 namespace {
-Tavrel_Config* g_instance = nullptr;
+std::atomic<Tavrel_Config*> g_instance{nullptr};
+Tavrel_Mutex g_instance_lock{Tavrel_Lock_Rank::LEAF, "Tavrel_Config instance"};  // creation and reset
 std::atomic<Tavrel_Config::Mount_Hook> g_mount_hook{nullptr};
 std::atomic<Tavrel_Config::View_Lookup> g_view_lookup{nullptr};
 
@@ -69,24 +70,26 @@ Tavrel_Config::Tavrel_Config() {
 }
 
 Tavrel_Config* Tavrel_Config::get_instance() {
-  std::lock_guard<std::mutex> g(g_config_lock);
-  if (!g_instance) {
-    auto* c = new Tavrel_Config();
+  Tavrel_Config* c = g_instance.load(std::memory_order_acquire);
+  if (c) return c;
+  std::lock_guard<Tavrel_Mutex> g(g_instance_lock);
+  c = g_instance.load(std::memory_order_relaxed);
+  if (!c) {
+    c = new Tavrel_Config();
     std::string path = c->get_config_file();
     if (!path.empty() && fileutl_exists(path)) c->load(path);
-    g_instance = c;
+    g_instance.store(c, std::memory_order_release);
   }
-  return g_instance;
+  return c;
 }
 
 void Tavrel_Config::reset_for_test() {
-  std::lock_guard<std::mutex> g(g_config_lock);
-  delete g_instance;
-  g_instance = nullptr;
+  std::lock_guard<Tavrel_Mutex> g(g_instance_lock);
+  delete g_instance.exchange(nullptr);
 }
 
 void Tavrel_Config::clear_mount_tables_for_test() {
-  std::lock_guard<std::mutex> g(g_config_lock);
+  std::lock_guard<Tavrel_Mutex> g(g_config_lock);
   g_mounted_silos.clear();
   g_mounted_silos_uuid.clear();
 }
@@ -169,25 +172,25 @@ std::string Tavrel_Config::get_mounted_file() const {
 }
 
 bool Tavrel_Config::get_mount_state(std::string tag) {
-  std::lock_guard<std::mutex> g(g_config_lock);
+  std::lock_guard<Tavrel_Mutex> g(g_config_lock);
   auto it = g_mounted_silos.find(tag);
   return it != g_mounted_silos.end() && it->second.mount_state == 1;
 }
 
 SILO_mount_info Tavrel_Config::get_mount_info(std::string tag) {
-  std::lock_guard<std::mutex> g(g_config_lock);
+  std::lock_guard<Tavrel_Mutex> g(g_config_lock);
   auto it = g_mounted_silos.find(tag);
   return it == g_mounted_silos.end() ? SILO_mount_info() : it->second;
 }
 
 SILO_mount_info Tavrel_Config::get_mount_info(const tbs_uuid_s& family) {
-  std::lock_guard<std::mutex> g(g_config_lock);
+  std::lock_guard<Tavrel_Mutex> g(g_config_lock);
   auto it = g_mounted_silos_uuid.find(family);
   return it == g_mounted_silos_uuid.end() ? SILO_mount_info() : it->second;
 }
 
 std::vector<SILO_mount_info> Tavrel_Config::get_mounted_silos() {
-  std::lock_guard<std::mutex> g(g_config_lock);
+  std::lock_guard<Tavrel_Mutex> g(g_config_lock);
   std::vector<SILO_mount_info> out;
   out.reserve(g_mounted_silos.size());
   for (const auto& [tag, info] : g_mounted_silos) out.push_back(info);
@@ -203,7 +206,7 @@ int Tavrel_Config::set_mount_state(const SILO_mount_info& info) {
                      info.silo_tag.c_str());
     return TAVREL_ST_INTERNAL;
   }
-  std::lock_guard<std::mutex> g(g_config_lock);
+  std::lock_guard<Tavrel_Mutex> g(g_config_lock);
   // Both tables always hold the same entries: the tag's old entry goes, and so does any entry that
   // holds the new family under another tag.
   erase_tag(info.silo_tag);
@@ -289,7 +292,7 @@ int Tavrel_Config::remount_silos() {
   Tavrel_Trace trace(TAVREL, "Tavrel_Config", "remount_silos");
   std::vector<std::unique_ptr<SILO_mount_info>> entries;
   {
-    std::lock_guard<std::mutex> g(g_config_lock);
+    std::lock_guard<Tavrel_Mutex> g(g_config_lock);
     if (!g_mounted_silos.empty()) return TAVREL_ST_UPDATE_RUNNING;
     std::string file = get_mounted_file();
     if (file.empty()) {
@@ -338,7 +341,7 @@ int Tavrel_Config::get_silo_info_and_path(std::string& path, SILO_mount_info& in
   trace.writeTrace(TRACE_LEVEL_5, "Globalized path is %s", path.c_str());
   std::map<std::string, SILO_mount_info> table;
   {
-    std::lock_guard<std::mutex> g(g_config_lock);
+    std::lock_guard<Tavrel_Mutex> g(g_config_lock);
     table = g_mounted_silos;
   }
   std::string whole = path;

@@ -16,9 +16,11 @@
 // rename): a crash leaves the old table or the new one, never a mixture. Lines longer than
 // MAX_MOUNT_LINE and undecodable lines are skipped; the file is at most MAX_MOUNT_FILE bytes.
 //
-// Thread safety: the singleton is made under g_config_lock; settings are read-only after load and are
-// read without a lock. g_config_lock guards both mount tables and the file; it is never held while a
-// SILO is being mounted (the mount hook calls set_mount_state itself).
+// Thread safety: the singleton is made once under a lock of its own and found without one afterwards;
+// settings are read-only after load and are read without a lock, so any thread may read them under
+// any lock. g_config_lock guards both mount tables and the file; it is an outer lock (rank CONFIG of
+// base/tavrel_mutex.h): never taken under a lock of the name service or the thread manager, and
+// never held while a SILO is being mounted (the mount hook calls set_mount_state itself).
 #pragma once
 
 #include <map>
@@ -26,6 +28,7 @@
 #include <string>
 #include <vector>
 
+#include "base/tavrel_mutex.h"
 #include "base/tbs.h"
 
 class Tavrel_View;
@@ -120,7 +123,7 @@ class Tavrel_Config {
   // `info` the entry. 0 or 20047.
   int get_silo_info_and_path(std::string& path, SILO_mount_info& info);
 
-  static std::mutex g_config_lock;
+  static Tavrel_Mutex g_config_lock;
   static std::map<std::string, SILO_mount_info> g_mounted_silos;                        // by tag
   static std::map<tbs_uuid_s, SILO_mount_info, map_uuid_compare> g_mounted_silos_uuid;  // by family
 

@@ -11,16 +11,18 @@ std::string Tavrel_OlThread::tid_text() const {
 int Tavrel_OlThread::start() {
   Tavrel_Trace trace(TAVREL, "Tavrel_OlThread", "start");
   int rc = olthread_create(&m_tid, nullptr, &Tavrel_OlThread::startThread, this);
-  if (rc != 0) {
-    trace.writeTrace(TRACE_LEVEL_2, "Error %d in start thread", rc);
-    return rc;
-  }
-  trace.writeTrace(TRACE_LEVEL_4, "forked thread %s", tid_text().c_str());
-  return 0;
+  // Once started, the object belongs to the new thread: it may already have ended and been deleted by
+  // the cleanup thread, so nothing of it is touched here any more (the new thread traces its id).
+  if (rc != 0) trace.writeTrace(TRACE_LEVEL_2, "Error %d in start thread", rc);
+  return rc;
 }
 
 void* Tavrel_OlThread::startThread(void* arg) {
   auto* self = static_cast<Tavrel_OlThread*>(arg);
+  {
+    Tavrel_Trace trace(TAVREL, "Tavrel_OlThread", "startThread");
+    trace.writeTrace(TRACE_LEVEL_4, "forked thread %lx", static_cast<unsigned long>(olthread_self()));
+  }
   // The object stays alive until it has been joined, so this thread may touch it until it exits.
   int status = self->run();
   self->m_run_status = status;
@@ -49,16 +51,16 @@ int Tavrel_Request_Thread::run() {
 }
 
 void Tavrel_Request_Thread::add_outstanding() {
-  std::lock_guard<std::mutex> g(m_outstanding_mutex);
+  std::lock_guard<Tavrel_Mutex> g(m_outstanding_mutex);
   m_outstanding++;
 }
 
 void Tavrel_Request_Thread::remove_outstanding() {
-  std::lock_guard<std::mutex> g(m_outstanding_mutex);
+  std::lock_guard<Tavrel_Mutex> g(m_outstanding_mutex);
   if (--m_outstanding <= 0) m_outstanding_cv.notify_all();
 }
 
 void Tavrel_Request_Thread::wait_for_outstanding() {
-  std::unique_lock<std::mutex> g(m_outstanding_mutex);
+  std::unique_lock<Tavrel_Mutex> g(m_outstanding_mutex);
   m_outstanding_cv.wait(g, [this] { return m_outstanding <= 0; });
 }

@@ -9,6 +9,7 @@
 #include <string>
 
 #include "base/olthread.h"
+#include "base/tavrel_mutex.h"
 
 class Tavrel_OlThread {
  public:
@@ -55,6 +56,6 @@ class Tavrel_Request_Thread : public Tavrel_OlThread {
 
  protected:
   int m_outstanding = 0;
-  std::mutex m_outstanding_mutex;  // guards m_outstanding
-  std::condition_variable m_outstanding_cv;
+  Tavrel_Mutex m_outstanding_mutex{Tavrel_Lock_Rank::THREAD_OUTSTANDING, "request thread outstanding count"};
+  std::condition_variable_any m_outstanding_cv;  // with m_outstanding_mutex
 };

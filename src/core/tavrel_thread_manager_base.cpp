@@ -14,7 +14,8 @@
 #include "core/tavrel_thread_manager_unix.h"
 #include "core/tavrel_trace.h"
 
-std::mutex Tavrel_Thread_Manager_Base::g_request_mutex;
+Tavrel_Mutex Tavrel_Thread_Manager_Base::g_request_mutex{Tavrel_Lock_Rank::THREAD_REQUESTS,
+                                                         "Tavrel_Thread_Manager_Base::g_request_mutex"};
 std::atomic<Tavrel_Thread_Manager_Base*> Tavrel_Thread_Manager_Base::g_instance{nullptr};
 
 namespace {
@@ -31,7 +32,7 @@ Tavrel_Thread_Manager_Base* Tavrel_Thread_Manager_Base::get_instance() {
   // Double-checked creation under g_request_mutex.
   Tavrel_Thread_Manager_Base* p = g_instance.load(std::memory_order_acquire);
   if (p) return p;
-  std::lock_guard<std::mutex> g(g_request_mutex);
+  std::lock_guard<Tavrel_Mutex> g(g_request_mutex);
   p = g_instance.load(std::memory_order_relaxed);
   if (!p) {
     p = new Tavrel_Thread_Manager_Unix();
@@ -41,7 +42,7 @@ Tavrel_Thread_Manager_Base* Tavrel_Thread_Manager_Base::get_instance() {
 }
 
 void Tavrel_Thread_Manager_Base::destroy_instance() {
-  std::lock_guard<std::mutex> g(g_request_mutex);
+  std::lock_guard<Tavrel_Mutex> g(g_request_mutex);
   delete g_instance.exchange(nullptr);
 }
 
@@ -60,25 +61,38 @@ int Tavrel_Thread_Manager_Base::make_shutdown_pipes() {
     m_shutdown_read = m_shutdown_write = -1;
     return TAVREL_ST_PIPE;
   }
-  m_shutdown_read = fds[0];
-  m_shutdown_write = fds[1];
+  {
+    std::lock_guard<Tavrel_Mutex> g(m_pipe_mutex);
+    m_shutdown_read = fds[0];
+    m_shutdown_write = fds[1];
+  }
   // Shutdown may have been asked for before the pipe existed: the notice must still be there.
   if (m_should_exit.load()) post_shutdown_notice();
   return 0;
 }
 
 void Tavrel_Thread_Manager_Base::close_shutdown_pipes() {
-  if (m_shutdown_read >= 0) {
-    rt_unhandle_fd(m_shutdown_read);
-    sysutl_pipe_close(m_shutdown_read);
+  int read_fd, write_fd;
+  {
+    // A notice posted from now on finds no pipe; one being posted finishes before the close.
+    std::lock_guard<Tavrel_Mutex> g(m_pipe_mutex);
+    read_fd = m_shutdown_read;
+    write_fd = m_shutdown_write;
+    m_shutdown_read = m_shutdown_write = -1;
   }
-  sysutl_pipe_close(m_shutdown_write);
-  m_shutdown_read = m_shutdown_write = -1;
+  if (read_fd >= 0) {
+    rt_unhandle_fd(read_fd);
+    sysutl_pipe_close(read_fd);
+  }
+  sysutl_pipe_close(write_fd);
 }
 
 int Tavrel_Thread_Manager_Base::initialize() {
   Tavrel_Trace trace(TAVREL, "Tavrel_Thread_Manager_Base", "initialize");
-  std::unique_lock<std::mutex> q(m_queue_mutex);
+  // The settings are read before the queue mutex is taken: the configuration's lock is an outer one.
+  Tavrel_Config* config = Tavrel_Config::get_instance();
+  const long wanted = config->get_int_param(Tavrel_Config::NUM_CMAPI_THREADS, 7);
+  std::unique_lock<Tavrel_Mutex> q(m_queue_mutex);
   if (m_initialized) return 0;
   int status = make_shutdown_pipes();
   if (status != 0) {
@@ -89,8 +103,6 @@ int Tavrel_Thread_Manager_Base::initialize() {
   status = start_thread(new Tavrel_Request_Cleanup_Thread());
   if (status != 0) return status;
 
-  Tavrel_Config* config = Tavrel_Config::get_instance();
-  long wanted = config->get_int_param(Tavrel_Config::NUM_CMAPI_THREADS, 7);
   trace.writeTrace(TRACE_LEVEL_2, "Starting %d CMAPI request handler threads.", static_cast<int>(wanted));
   if (wanted < 2) {
     trace.writeTrace(TRACE_LEVEL_1, "A pool of %d threads cannot run low-priority work beside requests",
@@ -99,7 +111,7 @@ int Tavrel_Thread_Manager_Base::initialize() {
       log->write_log(TAVREL_LOG_WARN, "tavrelNumCmapi is %ld: with fewer than 2 pool threads background work waits until the view ends.\n",
                    wanted);
   }
-  for (long i = 0; i < config->get_int_param(Tavrel_Config::NUM_CMAPI_THREADS, 7); i++) {
+  for (long i = 0; i < wanted; i++) {
     status = start_thread(new Tavrel_Request_Handler_Thread());
     if (status != 0) return status;
   }
@@ -108,7 +120,7 @@ int Tavrel_Thread_Manager_Base::initialize() {
 }
 
 bool Tavrel_Thread_Manager_Base::is_initialized() {
-  std::lock_guard<std::mutex> q(m_queue_mutex);
+  std::lock_guard<Tavrel_Mutex> q(m_queue_mutex);
   return m_initialized != 0;
 }
 
@@ -142,13 +154,13 @@ void Tavrel_Thread_Manager_Base::start_op(Tavrel_Request_Thread* thread) {
 }
 
 void Tavrel_Thread_Manager_Base::pending_thread() {
-  std::lock_guard<std::mutex> q(m_queue_mutex);
+  std::lock_guard<Tavrel_Mutex> q(m_queue_mutex);
   m_pending++;
 }
 
 void Tavrel_Thread_Manager_Base::failed_thread() {
   {
-    std::lock_guard<std::mutex> q(m_queue_mutex);
+    std::lock_guard<Tavrel_Mutex> q(m_queue_mutex);
     m_pending--;
   }
   m_queue_cond.notify_all();
@@ -156,7 +168,7 @@ void Tavrel_Thread_Manager_Base::failed_thread() {
 
 void Tavrel_Thread_Manager_Base::register_thread(Tavrel_OlThread*) {
   {
-    std::lock_guard<std::mutex> q(m_queue_mutex);
+    std::lock_guard<Tavrel_Mutex> q(m_queue_mutex);
     m_live++;
     m_pending--;
   }
@@ -165,7 +177,7 @@ void Tavrel_Thread_Manager_Base::register_thread(Tavrel_OlThread*) {
 
 void Tavrel_Thread_Manager_Base::register_pool_thread(Tavrel_OlThread*) {
   {
-    std::lock_guard<std::mutex> q(m_queue_mutex);
+    std::lock_guard<Tavrel_Mutex> q(m_queue_mutex);
     m_live++;
     m_pending--;
     m_pool++;
@@ -181,7 +193,7 @@ int Tavrel_Thread_Manager_Base::process_request(Tavrel_Request* request) {
     return 0;
   }
   {
-    std::lock_guard<std::mutex> q(m_queue_mutex);
+    std::lock_guard<Tavrel_Mutex> q(m_queue_mutex);
     if (request->kind == Tavrel_Request::FOREGROUND)
       m_fg_queue.push_back(request);
     else
@@ -194,7 +206,7 @@ int Tavrel_Thread_Manager_Base::process_request(Tavrel_Request* request) {
 void Tavrel_Thread_Manager_Base::promote_dependency(const Tavrel_Request* request) {
   Tavrel_Trace trace(TAVREL, "Tavrel_Thread_Manager_Base", "promote_dependency");
   {
-    std::lock_guard<std::mutex> q(m_queue_mutex);
+    std::lock_guard<Tavrel_Mutex> q(m_queue_mutex);
     for (auto it = m_bg_queue.begin(); it != m_bg_queue.end(); ++it) {
       if (request->is_equivalent(*it)) {
         trace.writeTrace(TRACE_LEVEL_4, "promoting equivalent request %p (wanted by %p)", static_cast<void*>(*it),
@@ -210,7 +222,7 @@ void Tavrel_Thread_Manager_Base::promote_dependency(const Tavrel_Request* reques
 
 Tavrel_Request* Tavrel_Thread_Manager_Base::pop_request(bool count) {
   Tavrel_Trace trace(TAVREL, "Tavrel_Thread_Manager_Base", "pop_request");
-  std::lock_guard<std::mutex> q(m_queue_mutex);
+  std::lock_guard<Tavrel_Mutex> q(m_queue_mutex);
   bool fg_ok = true, bg_ok = true;
   if (count && !m_should_exit.load()) {
     fg_ok = m_fg_running < m_pool - 1 || m_pool == 1;
@@ -245,7 +257,7 @@ Tavrel_Request* Tavrel_Thread_Manager_Base::pop_request(bool count) {
 
 void Tavrel_Thread_Manager_Base::mark_idle(const Tavrel_Request* request) {
   {
-    std::lock_guard<std::mutex> q(m_queue_mutex);
+    std::lock_guard<Tavrel_Mutex> q(m_queue_mutex);
     if (request->kind == Tavrel_Request::FOREGROUND)
       m_fg_running--;
     else
@@ -255,7 +267,7 @@ void Tavrel_Thread_Manager_Base::mark_idle(const Tavrel_Request* request) {
 }
 
 void Tavrel_Thread_Manager_Base::wait_for_background() {
-  std::unique_lock<std::mutex> q(m_queue_mutex);
+  std::unique_lock<Tavrel_Mutex> q(m_queue_mutex);
   m_queue_cond.wait(q, [this] { return m_bg_queue.empty(); });
   m_queue_cond.wait(q, [this] { return m_bg_running <= 0; });
 }
@@ -272,7 +284,7 @@ void Tavrel_Thread_Manager_Base::drain_incomplete() {
     delete request;
   }
   unlock_mutex();
-  std::unique_lock<std::mutex> q(m_queue_mutex);
+  std::unique_lock<Tavrel_Mutex> q(m_queue_mutex);
   m_queue_cond.wait(q, [this] { return m_bg_running <= 0; });
   q.unlock();
   m_queue_cond.notify_all();
@@ -282,14 +294,14 @@ void Tavrel_Thread_Manager_Base::push_into_cleanup_queue(Tavrel_OlThread* thread
 
 void Tavrel_Thread_Manager_Base::cleanup_thread(Tavrel_OlThread* thread, bool pool) {
   {
-    std::lock_guard<std::mutex> q(m_queue_mutex);
+    std::lock_guard<Tavrel_Mutex> q(m_queue_mutex);
     if (pool) m_pool--;
     m_cleanup_queue.push_back(thread);
   }
   m_queue_cond.notify_all();
 }
 
-void Tavrel_Thread_Manager_Base::do_cleanup_locked(std::unique_lock<std::mutex>& q) {
+void Tavrel_Thread_Manager_Base::do_cleanup_locked(std::unique_lock<Tavrel_Mutex>& q) {
   Tavrel_Trace trace(TAVREL, "Tavrel_Thread_Manager_Base", "do_cleanup_locked");
   while (!m_cleanup_queue.empty()) {
     Tavrel_OlThread* thread = m_cleanup_queue.front();
@@ -305,7 +317,7 @@ void Tavrel_Thread_Manager_Base::do_cleanup_locked(std::unique_lock<std::mutex>&
 }
 
 void Tavrel_Thread_Manager_Base::do_cleanup(int repeat) {
-  std::unique_lock<std::mutex> q(m_queue_mutex);
+  std::unique_lock<Tavrel_Mutex> q(m_queue_mutex);
   for (;;) {
     do_cleanup_locked(q);
     if (repeat == 0 || m_should_exit.load()) break;
@@ -321,11 +333,11 @@ void Tavrel_Thread_Manager_Base::set_should_exit() {
   {
     // Taking each mutex before notifying closes the window between a waiter's check of
     // m_should_exit and its sleep.
-    std::lock_guard<std::mutex> g(g_request_mutex);
+    std::lock_guard<Tavrel_Mutex> g(g_request_mutex);
   }
   m_work_cond.notify_all();
   {
-    std::lock_guard<std::mutex> q(m_queue_mutex);
+    std::lock_guard<Tavrel_Mutex> q(m_queue_mutex);
   }
   m_queue_cond.notify_all();
 }
@@ -333,11 +345,11 @@ void Tavrel_Thread_Manager_Base::set_should_exit() {
 void Tavrel_Thread_Manager_Base::terminate() {
   Tavrel_Trace trace(TAVREL, "Tavrel_Thread_Manager_Base", "terminate");
   {
-    std::lock_guard<std::mutex> g(g_request_mutex);
+    std::lock_guard<Tavrel_Mutex> g(g_request_mutex);
     m_terminated = 1;
   }
   m_work_cond.notify_all();
-  std::unique_lock<std::mutex> q(m_queue_mutex);
+  std::unique_lock<Tavrel_Mutex> q(m_queue_mutex);
   if (!m_initialized) return;
   PFM_ASSERT(m_should_exit.load());
   trace.writeTrace(TRACE_LEVEL_3, "started with %d live and %d pending", m_live, m_pending);
@@ -353,18 +365,18 @@ void Tavrel_Thread_Manager_Base::terminate() {
 }
 
 void Tavrel_Thread_Manager_Base::wait_for_terminate() {
-  std::unique_lock<std::mutex> g(g_request_mutex);
+  std::unique_lock<Tavrel_Mutex> g(g_request_mutex);
   m_work_cond.wait(g, [this] { return m_terminated != 0; });
 }
 
 Tavrel_Thread_Manager_Base::Counters Tavrel_Thread_Manager_Base::counters() {
-  std::lock_guard<std::mutex> q(m_queue_mutex);
+  std::lock_guard<Tavrel_Mutex> q(m_queue_mutex);
   return {m_live, m_pending, m_pool, m_bg_running, m_fg_running, m_fg_queue.size(), m_bg_queue.size()};
 }
 
 void Tavrel_Thread_Manager_Base::cond_wait() {
   // The caller holds g_request_mutex (locked through lock_mutex()).
-  std::unique_lock<std::mutex> g(g_request_mutex, std::adopt_lock);
+  std::unique_lock<Tavrel_Mutex> g(g_request_mutex, std::adopt_lock);
   m_work_cond.wait(g);
   g.release();
 }
@@ -373,13 +385,13 @@ void Tavrel_Thread_Manager_Base::cond_signal() {
   // Signalled under g_request_mutex: a pool thread that has just found the queues empty holds the
   // mutex until it sleeps, so the wake-up cannot fall between its check and its wait.
   {
-    std::lock_guard<std::mutex> g(g_request_mutex);
+    std::lock_guard<Tavrel_Mutex> g(g_request_mutex);
   }
   m_work_cond.notify_one();
 }
 
 void Tavrel_Thread_Manager_Base::queue_cond_wait() {
-  std::unique_lock<std::mutex> q(m_queue_mutex, std::adopt_lock);
+  std::unique_lock<Tavrel_Mutex> q(m_queue_mutex, std::adopt_lock);
   m_queue_cond.wait(q);
   q.release();
 }

@@ -15,9 +15,12 @@
 // and pending thread and then closes the shutdown pipe.
 //
 // Locks: g_request_mutex (class-wide; pool threads sleep on the work condition with it) is always
-// taken before the queue mutex, never the reverse. The queue mutex guards the queues and the counters
-// (m_live, m_pending, m_pool, m_bg_running, m_fg_running, m_initialized). m_should_exit is atomic and
-// only ever goes from 0 to 1.
+// taken before the queue mutex, never the reverse (ranks THREAD_REQUESTS and THREAD_QUEUE of
+// base/tavrel_mutex.h: below every lock of the name service, so work may be queued under those).
+// The queue mutex guards the queues and the counters (m_live, m_pending, m_pool, m_bg_running,
+// m_fg_running, m_initialized). m_should_exit is atomic and only ever goes from 0 to 1. The write end
+// of the shutdown pipe is guarded by m_pipe_mutex (a leaf): threads the manager does not reap (the
+// forced-shutdown thread, the main thread) may post the notice while terminate() closes the pipe.
 #pragma once
 
 #include <atomic>
@@ -26,6 +29,7 @@
 #include <list>
 #include <mutex>
 
+#include "base/tavrel_mutex.h"
 #include "core/tavrel_olthread.h"
 
 class Tavrel_Thread_Manager_Base {
@@ -79,25 +83,26 @@ class Tavrel_Thread_Manager_Base {
   void queue_cond_wait();
   void queue_cond_broadcast();
 
-  static std::mutex g_request_mutex;
+  static Tavrel_Mutex g_request_mutex;
 
  protected:
   Tavrel_Thread_Manager_Base() = default;
   int make_shutdown_pipes();
   void close_shutdown_pipes();
   // Caller holds the queue mutex; it is released around each join.
-  void do_cleanup_locked(std::unique_lock<std::mutex>& queue_lock);
+  void do_cleanup_locked(std::unique_lock<Tavrel_Mutex>& queue_lock);
 
   static std::atomic<Tavrel_Thread_Manager_Base*> g_instance;
 
   int m_shutdown_read = -1;
-  int m_shutdown_write = -1;
+  int m_shutdown_write = -1;  // under m_pipe_mutex once the pool runs
+  Tavrel_Mutex m_pipe_mutex{Tavrel_Lock_Rank::LEAF, "thread manager shutdown pipe"};
   std::deque<Tavrel_Request*> m_fg_queue;
   std::list<Tavrel_Request*> m_bg_queue;
   std::deque<Tavrel_OlThread*> m_cleanup_queue;
   std::condition_variable_any m_work_cond;    // with g_request_mutex
   std::condition_variable_any m_queue_cond;   // with m_queue_mutex
-  std::mutex m_queue_mutex;
+  Tavrel_Mutex m_queue_mutex{Tavrel_Lock_Rank::THREAD_QUEUE, "thread manager queue mutex"};
   int m_initialized = 0;
   std::atomic<int> m_should_exit{0};
   int m_terminated = 0;  // under g_request_mutex

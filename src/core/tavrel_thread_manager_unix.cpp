@@ -12,6 +12,9 @@
 
 void Tavrel_Thread_Manager_Unix::post_shutdown_notice() {
   Tavrel_Trace trace(TAVREL, "Tavrel_Thread_Manager_Unix", "post_shutdown_notice");
+  // Under the pipe mutex: terminate() may be closing the pipe on another thread, and a closed
+  // descriptor number may already name another file.
+  std::lock_guard<Tavrel_Mutex> g(m_pipe_mutex);
   if (m_shutdown_write < 0) return;
   char zero = 0;
   if (write(m_shutdown_write, &zero, 1) != 1)

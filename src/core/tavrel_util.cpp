@@ -18,7 +18,7 @@
 #include "core/tavrel_status.h"
 #include "core/tavrel_trace.h"
 
-std::mutex Tavrel_Util::g_view_time_mutex;
+Tavrel_Mutex Tavrel_Util::g_view_time_mutex{Tavrel_Lock_Rank::LEAF, "Tavrel_Util::g_view_time_mutex"};
 struct timeval Tavrel_Util::g_last_view_time = {0, 0};
 
 namespace {
@@ -293,7 +293,7 @@ std::string Tavrel_Util::uuid_dbid_to_location(const tbs_uuid_s& uuid, long dbid
 void Tavrel_Util::get_view_time(struct timeval& tv) {
   struct timeval now;
   gettimeofday(&now, nullptr);
-  std::lock_guard<std::mutex> g(g_view_time_mutex);
+  std::lock_guard<Tavrel_Mutex> g(g_view_time_mutex);
   if (timercmp(&now, &g_last_view_time, <=)) {
     now = g_last_view_time;
     if (++now.tv_usec >= 1000000) {

@@ -13,6 +13,7 @@
 #include <vector>
 
 #include "base/imsg.h"
+#include "base/tavrel_mutex.h"
 #include "base/tbs.h"
 
 // How an update treats a hijacked file.
@@ -101,6 +102,6 @@ class Tavrel_Util {
   static int set_socket_addr(const char* text, struct in_addr* out);
 
  private:
-  static std::mutex g_view_time_mutex;  // guards g_last_view_time
+  static Tavrel_Mutex g_view_time_mutex;  // guards g_last_view_time (a leaf)
   static struct timeval g_last_view_time;
 };

@@ -26,13 +26,13 @@
 #include "proto/view_metadata.h"
 #include "proto/view_storage_names.h"
 
-std::mutex Tavrel_View::g_update_lock;
-std::condition_variable Tavrel_View::g_gn_cond;
+Tavrel_Mutex Tavrel_View::g_update_lock{Tavrel_Lock_Rank::UPDATE_GATE, "Tavrel_View::g_update_lock"};
+std::condition_variable_any Tavrel_View::g_gn_cond;
 unsigned Tavrel_View::g_view_gn = 0;
 Tavrel_Update* Tavrel_View::g_active_update = nullptr;
 bool Tavrel_View::g_update_running = false;
 bool Tavrel_View::g_stop_update = false;
-std::mutex Tavrel_View::g_server_tag_lock;
+Tavrel_Mutex Tavrel_View::g_server_tag_lock{Tavrel_Lock_Rank::LEAF, "Tavrel_View::g_server_tag_lock"};
 std::string* Tavrel_View::g_server_tag = nullptr;
 
 namespace {
@@ -42,7 +42,7 @@ Tavrel_View_Hooks g_hooks;
 // POSIX record locks belong to the process: a second view object of this process would "take" a lock
 // the process already holds, and its unlock (a close) would drop the first one's. Lock files held by
 // this process are therefore registered here, by absolute path.
-std::mutex g_held_locks_mutex;
+Tavrel_Mutex g_held_locks_mutex{Tavrel_Lock_Rank::LEAF, "view lock registry"};
 std::set<std::string> g_held_locks;
 
 // Files of the storage that are rewritten atomically; their temporaries are removed at start.
@@ -268,7 +268,7 @@ bool holds_only_early_creation_files(const std::string& location) {
 }
 
 bool lock_held_here(const std::string& lock_path) {
-  std::lock_guard<std::mutex> g(g_held_locks_mutex);
+  std::lock_guard<Tavrel_Mutex> g(g_held_locks_mutex);
   return g_held_locks.count(fileutl_abspn(lock_path)) != 0;
 }
 }  // namespace
@@ -505,7 +505,7 @@ int Tavrel_View::read_metadata_file(int full) {
     } else if (key == VIEW_MD_SERVER_TAG) {
       m_server_tag = value;
       trace.writeTrace(TRACE_LEVEL_4, "this=%lx server tag=%s", reinterpret_cast<unsigned long>(this), value.c_str());
-      std::lock_guard<std::mutex> g(g_server_tag_lock);
+      std::lock_guard<Tavrel_Mutex> g(g_server_tag_lock);
       delete g_server_tag;
       g_server_tag = new std::string(value);
     } else if (key == VIEW_MD_TEXT_MODE) {
@@ -625,7 +625,7 @@ int Tavrel_View::register_kfsm() {
 int Tavrel_View::cleanup() {
   Tavrel_Trace trace(TAVREL, "Tavrel_View", "cleanup");
   {
-    std::lock_guard<std::mutex> g(g_server_tag_lock);
+    std::lock_guard<Tavrel_Mutex> g(g_server_tag_lock);
     if (g_server_tag) m_server_tag = *g_server_tag;
   }
   if (m_server_tag.empty()) {
@@ -669,7 +669,7 @@ void Tavrel_View::cleanup_storage() {
 
 std::string Tavrel_View::get_view_root() {
   Tavrel_Trace trace(TAVREL, "Tavrel_View", "get_view_root");
-  std::lock_guard<std::mutex> g(m_view_root_mutex);
+  std::lock_guard<Tavrel_Mutex> g(m_view_root_mutex);
   if (m_view_root.empty()) {
     std::string root;
     int st = g_hooks.get_kfsm_root ? g_hooks.get_kfsm_root(&root) : TBS_ST_FAILURE;
@@ -702,7 +702,7 @@ bool Tavrel_View::lock() {
   Tavrel_Trace trace(TAVREL, "Tavrel_View", "lock");
   if (m_lock_cookie != NO_LOCK) return true;
   const std::string key = fileutl_abspn(m_lock_path);
-  std::lock_guard<std::mutex> g(g_held_locks_mutex);
+  std::lock_guard<Tavrel_Mutex> g(g_held_locks_mutex);
   if (g_held_locks.count(key)) {
     m_lock_holder = getpid();
     trace.writeTrace(TRACE_LEVEL_1, "PID %d owns view lock %s", static_cast<int>(m_lock_holder), m_lock_path.c_str());
@@ -740,7 +740,7 @@ void Tavrel_View::unlock() {
   if (m_lock_cookie == NO_LOCK) return;
   server_lock_clear(m_lock_path, m_lock_cookie);
   m_lock_cookie = NO_LOCK;
-  std::lock_guard<std::mutex> g(g_held_locks_mutex);
+  std::lock_guard<Tavrel_Mutex> g(g_held_locks_mutex);
   g_held_locks.erase(fileutl_abspn(m_lock_path));
 }
 
@@ -752,13 +752,13 @@ void Tavrel_View::conditional_unlock() {
 // Generation number and the update gate
 
 unsigned Tavrel_View::get_current_gn() {
-  std::lock_guard<std::mutex> g(g_update_lock);
+  std::lock_guard<Tavrel_Mutex> g(g_update_lock);
   return g_view_gn;
 }
 
 void Tavrel_View::set_current_gn(unsigned gn, bool running) {
   Tavrel_Trace trace(TAVREL, "Tavrel_View", "set_current_gn");
-  std::lock_guard<std::mutex> g(g_update_lock);
+  std::lock_guard<Tavrel_Mutex> g(g_update_lock);
   g_view_gn = gn;
   g_update_running = running;
   trace.writeTrace(TRACE_LEVEL_4, "new GN %u", gn);
@@ -767,7 +767,7 @@ void Tavrel_View::set_current_gn(unsigned gn, bool running) {
 
 bool Tavrel_View::update_start(Tavrel_Update* update, unsigned& gn, bool wait) {
   Tavrel_Trace trace(TAVREL, "Tavrel_View", "update_start");
-  std::unique_lock<std::mutex> g(g_update_lock);
+  std::unique_lock<Tavrel_Mutex> g(g_update_lock);
   trace.writeTrace(TRACE_LEVEL_4, "current GN %u", g_view_gn);
   if (g_active_update && !wait) return false;
   g_gn_cond.wait(g, [] { return g_active_update == nullptr; });
@@ -778,23 +778,23 @@ bool Tavrel_View::update_start(Tavrel_Update* update, unsigned& gn, bool wait) {
 }
 
 void Tavrel_View::update_end(Tavrel_Update* update) {
-  std::lock_guard<std::mutex> g(g_update_lock);
+  std::lock_guard<Tavrel_Mutex> g(g_update_lock);
   if (g_active_update == update) g_active_update = nullptr;
   g_gn_cond.notify_all();
 }
 
 bool Tavrel_View::update_in_progress() {
-  std::lock_guard<std::mutex> g(g_update_lock);
+  std::lock_guard<Tavrel_Mutex> g(g_update_lock);
   return g_active_update != nullptr;
 }
 
 Tavrel_Update* Tavrel_View::get_update() {
-  std::lock_guard<std::mutex> g(g_update_lock);
+  std::lock_guard<Tavrel_Mutex> g(g_update_lock);
   return g_active_update;
 }
 
 void Tavrel_View::abort_update() {
-  std::lock_guard<std::mutex> g(g_update_lock);
+  std::lock_guard<Tavrel_Mutex> g(g_update_lock);
   g_stop_update = true;
   g_gn_cond.notify_all();
 }
@@ -805,7 +805,7 @@ bool Tavrel_View::should_stop_update() {
     trace.writeTrace(TRACE_LEVEL_3, "thread manager tells us to exit");
     return true;
   }
-  std::lock_guard<std::mutex> g(g_update_lock);
+  std::lock_guard<Tavrel_Mutex> g(g_update_lock);
   if (g_stop_update) {
     trace.writeTrace(TRACE_LEVEL_3, "endview tells us to exit");
     return true;
@@ -814,25 +814,25 @@ bool Tavrel_View::should_stop_update() {
 }
 
 void Tavrel_View::wait_for_running_update() {
-  std::unique_lock<std::mutex> g(g_update_lock);
+  std::unique_lock<Tavrel_Mutex> g(g_update_lock);
   g_gn_cond.wait(g, [] { return g_update_running || g_active_update == nullptr; });
 }
 
 void Tavrel_View::wait_for_finished_update() {
-  std::unique_lock<std::mutex> g(g_update_lock);
+  std::unique_lock<Tavrel_Mutex> g(g_update_lock);
   g_gn_cond.wait(g, [] { return g_active_update == nullptr; });
 }
 
 void Tavrel_View::reset_for_test() {
   {
-    std::lock_guard<std::mutex> g(g_update_lock);
+    std::lock_guard<Tavrel_Mutex> g(g_update_lock);
     g_view_gn = 0;
     g_active_update = nullptr;
     g_update_running = false;
     g_stop_update = false;
     g_gn_cond.notify_all();
   }
-  std::lock_guard<std::mutex> g(g_server_tag_lock);
+  std::lock_guard<Tavrel_Mutex> g(g_server_tag_lock);
   delete g_server_tag;
   g_server_tag = nullptr;
 }

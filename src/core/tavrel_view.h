@@ -31,6 +31,7 @@
 #include <mutex>
 #include <string>
 
+#include "base/tavrel_mutex.h"
 #include "base/tbs.h"
 
 class Tavrel_Update;
@@ -209,7 +210,8 @@ class Tavrel_View {
   tbs_uuid_s m_view_uuid = TBS_UUID_NULL;
   std::string m_view_type;
   std::string m_view_root;
-  std::mutex m_view_root_mutex;  // guards m_view_root
+  // Guards m_view_root; held across the module's root query (a command, never an upcall).
+  Tavrel_Mutex m_view_root_mutex{Tavrel_Lock_Rank::VIEW_ROOT, "Tavrel_View::m_view_root_mutex"};
   std::string m_status_message;
   int m_lock_cookie = NO_LOCK;
   Tavrel_View_db* m_db = nullptr;
@@ -221,13 +223,13 @@ class Tavrel_View {
   bool m_created_cache_dir = false; // this object made the cache directory itself
   bool m_created_cache_marker = false;
 
-  static std::mutex g_update_lock;
-  static std::condition_variable g_gn_cond;
+  static Tavrel_Mutex g_update_lock;
+  static std::condition_variable_any g_gn_cond;
   static unsigned g_view_gn;
   static Tavrel_Update* g_active_update;
   static bool g_update_running;
   static bool g_stop_update;
 
-  static std::mutex g_server_tag_lock;
+  static Tavrel_Mutex g_server_tag_lock;
   static std::string* g_server_tag;  // heap copy of the last server tag read; cleanup() uses it
 };

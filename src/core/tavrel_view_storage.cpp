@@ -11,6 +11,7 @@
 #include <mutex>
 
 #include "base/fileutl.h"
+#include "base/tavrel_mutex.h"
 #include "core/tavrel_status.h"
 #include "core/tavrel_trace.h"
 
@@ -92,8 +93,8 @@ int Tavrel_View_Storage::remove_tree(const std::string& path) {
   struct stat st;
   if (lstat(path.c_str(), &st) != 0) return errno == ENOENT ? 0 : -1;
   if (!S_ISDIR(st.st_mode)) return fileutl_rm(path);
-  static std::mutex walk_mutex;
-  std::lock_guard<std::mutex> g(walk_mutex);
+  static Tavrel_Mutex walk_mutex{Tavrel_Lock_Rank::LEAF, "storage tree walk"};  // guards g_remove_errno
+  std::lock_guard<Tavrel_Mutex> g(walk_mutex);
   g_remove_errno = 0;
   // FTW_PHYS: links are removed, never followed. FTW_MOUNT: stay on the storage's file system.
   if (nftw(path.c_str(), remove_one, 16, FTW_DEPTH | FTW_PHYS | FTW_MOUNT) != 0 && g_remove_errno == 0)

@@ -15,6 +15,7 @@
 #include <vector>
 
 #include "base/imsg.h"
+#include "base/tavrel_mutex.h"
 #include "proto/kfsm_status.h"
 #include "proto/kfsm_wire.h"
 
@@ -30,14 +31,15 @@ struct Handle {
 
 constexpr size_t kMaxHandles = 4096;
 
-std::mutex g_handles_mutex;                       // guards g_handles
+// Guards g_handles; never held across a call on the socket.
+Tavrel_Mutex g_handles_mutex{Tavrel_Lock_Rank::KFSM_HANDLES, "module library handle table"};
 std::vector<std::unique_ptr<Handle>> g_handles;   // index + 1 is the handle
 std::atomic<int> g_wakeup_fd{-1};
 std::atomic<int> g_command_ms{60 * 1000};
 std::atomic<int> g_xstat_ms{600 * 1000};
 
 Handle* find(int handle) {
-  std::lock_guard<std::mutex> g(g_handles_mutex);
+  std::lock_guard<Tavrel_Mutex> g(g_handles_mutex);
   if (handle <= 0 || size_t(handle) > g_handles.size()) return nullptr;
   return g_handles[handle - 1].get();
 }
@@ -127,7 +129,7 @@ int open_handle(int type, int* err, bool quiet) {
     *err = st;
     return 0;
   }
-  std::lock_guard<std::mutex> g(g_handles_mutex);
+  std::lock_guard<Tavrel_Mutex> g(g_handles_mutex);
   for (size_t i = 0; i < g_handles.size(); ++i) {
     if (!g_handles[i]) {
       g_handles[i] = std::move(h);
@@ -213,7 +215,7 @@ int kfsm_view_root_open_sil_type(kfsm_viewroot_type type, int* err, int) { retur
 void kfsm_view_root_close_type(int, int handle) {
   std::unique_ptr<Handle> h;
   {
-    std::lock_guard<std::mutex> g(g_handles_mutex);
+    std::lock_guard<Tavrel_Mutex> g(g_handles_mutex);
     if (handle <= 0 || size_t(handle) > g_handles.size()) return;
     h = std::move(g_handles[handle - 1]);
   }

@@ -13,7 +13,7 @@ Tavrel_KFSM_Request_Handler* Tavrel_KFSM_Request_Handler::get_instance() {
   Tavrel_KFSM_Request_Handler* p = g_instance.load(std::memory_order_acquire);
   if (p) return p;
   {
-    std::lock_guard<std::mutex> g(Tavrel_Thread_Manager_Base::g_request_mutex);
+    std::lock_guard<Tavrel_Mutex> g(Tavrel_Thread_Manager_Base::g_request_mutex);
     p = g_instance.load(std::memory_order_relaxed);
     if (!p) {
       p = new (std::nothrow) Tavrel_KFSM_Request_Handler_Unix();
@@ -29,16 +29,16 @@ Tavrel_KFSM_Request_Handler* Tavrel_KFSM_Request_Handler::get_instance() {
 }
 
 void Tavrel_KFSM_Request_Handler::destroy_instance() {
-  std::lock_guard<std::mutex> g(Tavrel_Thread_Manager_Base::g_request_mutex);
+  std::lock_guard<Tavrel_Mutex> g(Tavrel_Thread_Manager_Base::g_request_mutex);
   delete g_instance.exchange(nullptr);
 }
 
 void Tavrel_KFSM_Request_Handler::set_view_tag(const std::string& tag) {
-  std::lock_guard<std::mutex> g(m_tag_mutex);
+  std::lock_guard<Tavrel_Mutex> g(m_tag_mutex);
   m_view_tag = tag;
 }
 
 std::string Tavrel_KFSM_Request_Handler::get_view_tag() {
-  std::lock_guard<std::mutex> g(m_tag_mutex);
+  std::lock_guard<Tavrel_Mutex> g(m_tag_mutex);
   return m_view_tag;
 }

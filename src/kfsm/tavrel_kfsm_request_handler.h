@@ -13,6 +13,8 @@
 #include <mutex>
 #include <string>
 
+#include "base/tavrel_mutex.h"
+
 class Tavrel_KFSM_Request_Handler {
  public:
   virtual ~Tavrel_KFSM_Request_Handler() = default;
@@ -29,7 +31,7 @@ class Tavrel_KFSM_Request_Handler {
  protected:
   Tavrel_KFSM_Request_Handler() = default;
 
-  std::mutex m_tag_mutex;  // guards m_view_tag
+  Tavrel_Mutex m_tag_mutex{Tavrel_Lock_Rank::LEAF, "KFSM request handler view tag"};  // guards m_view_tag
   std::string m_view_tag;
 
   static std::atomic<Tavrel_KFSM_Request_Handler*> g_instance;

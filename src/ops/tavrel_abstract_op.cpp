@@ -11,6 +11,7 @@
 #include <new>
 
 #include "base/fileutl.h"
+#include "base/tavrel_mutex.h"
 #include "core/tavrel_status.h"
 #include "core/tavrel_trace.h"
 #include "core/tavrel_view.h"
@@ -91,13 +92,13 @@ bool Tavrel_AbstractOp::has_view_sink() { return g_view_sink.load() != nullptr; 
 void Tavrel_AbstractOp::set_op_table(const Tavrel_Op_Entry* table, size_t count) {
   // Tables are installed once or a few times (tests); the pairs are kept so that a request that
   // read an older one never sees it freed.
-  static std::mutex m;
+  static Tavrel_Mutex m{Tavrel_Lock_Rank::LEAF, "operation tables kept"};
   static std::deque<Op_Table> kept;
   if (!table) {
     g_op_table.store(nullptr);
     return;
   }
-  std::lock_guard<std::mutex> g(m);
+  std::lock_guard<Tavrel_Mutex> g(m);
   kept.push_back(Op_Table{table, count});
   g_op_table.store(&kept.back());
 }

@@ -57,7 +57,7 @@ void Tavrel_Connect::parse_request() {
 
 void Tavrel_Connect::process_request() {
   Tavrel_Trace trace(TAVREL, "Tavrel_Connect", "process_request");
-  std::lock_guard<std::mutex> g(Tavrel_Server::g_session_lock);
+  std::lock_guard<Tavrel_Mutex> g(Tavrel_Server::g_session_lock);
   const Tavrel_Server::Fields before = Tavrel_Server::get_fields();
   parse_request();
   if (m_status != 0) {

@@ -18,7 +18,7 @@ void Tavrel_Disconnect::perform_disconnect() {
 void Tavrel_Disconnect::process_request() {
   Tavrel_Trace trace(TAVREL, "Tavrel_Disconnect", "process_request");
   if (!parse_validate_request(1)) return;
-  std::lock_guard<std::mutex> g(Tavrel_Server::g_session_lock);
+  std::lock_guard<Tavrel_Mutex> g(Tavrel_Server::g_session_lock);
   if (!Tavrel_Server::is_online()) {
     trace.writeTrace(TRACE_LEVEL_4, "Server is already offline!");
     return;

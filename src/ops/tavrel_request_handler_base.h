@@ -9,13 +9,15 @@
 //
 // Locks: the request channel mutex is held for a whole read_request (only this thread reads); the
 // response channel mutex is held for a whole send_response, so frames of parallel operations never
-// interleave.
+// interleave. Request before response (ranks CLIENT_REQUEST, CLIENT_RESPONSE); neither is held while
+// an operation runs, and nothing but the trace is taken under them.
 #pragma once
 
 #include <iosfwd>
 #include <mutex>
 #include <string>
 
+#include "base/tavrel_mutex.h"
 #include "core/tavrel_olthread.h"
 
 class Tavrel_Client;
@@ -49,6 +51,6 @@ class Tavrel_Request_Handler_Base : public Tavrel_Request_Thread {
   Tavrel_Client* m_client;  // owned
   Tavrel_View* m_view;
   std::string m_request;
-  std::mutex m_request_mutex;
-  std::mutex m_response_mutex;
+  Tavrel_Mutex m_request_mutex{Tavrel_Lock_Rank::CLIENT_REQUEST, "client request channel"};
+  Tavrel_Mutex m_response_mutex{Tavrel_Lock_Rank::CLIENT_RESPONSE, "client response channel"};
 };

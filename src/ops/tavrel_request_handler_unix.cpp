@@ -67,14 +67,14 @@ int Tavrel_Request_Handler_Unix::open_response_pipe() {
 int Tavrel_Request_Handler_Unix::read_request(std::string& out) {
   Tavrel_Trace trace(TAVREL, "Tavrel_Request_Handler_Unix", "read_request");
   out.clear();
-  std::lock_guard<std::mutex> g(m_request_mutex);
+  std::lock_guard<Tavrel_Mutex> g(m_request_mutex);
   int status;
   if (!m_request_opened && (status = open_request_pipe()) != 0) {
     trace.writeTrace(TRACE_LEVEL_1, "open_request_pipe failed!! ");
     return status;
   }
   {
-    std::lock_guard<std::mutex> r(m_response_mutex);
+    std::lock_guard<Tavrel_Mutex> r(m_response_mutex);
     if (!m_response_opened && (status = open_response_pipe()) != 0) {
       trace.writeTrace(TRACE_LEVEL_1, "open_response_pipe failed!! ");
       return status;
@@ -142,7 +142,7 @@ int Tavrel_Request_Handler_Unix::read_request(std::string& out) {
 int Tavrel_Request_Handler_Unix::send_response(const std::string& text) {
   Tavrel_Trace trace(TAVREL, "Tavrel_Request_Handler_Unix", "send_response");
   std::string frame = pipe_frame_encode(Pipe_Frame_Kind::RESPONSE, text);
-  std::lock_guard<std::mutex> g(m_response_mutex);
+  std::lock_guard<Tavrel_Mutex> g(m_response_mutex);
   int status;
   if (!m_response_opened && (status = open_response_pipe()) != 0) {
     trace.writeTrace(TRACE_LEVEL_1, "open_response_pipe failed!! ");

@@ -6,8 +6,8 @@
 #include "xml/ol_xml_elem.h"
 #include "xml/ol_xml_util.h"
 
-std::mutex Tavrel_Server::g_session_lock;
-std::mutex Tavrel_Server::g_fields_lock;
+Tavrel_Mutex Tavrel_Server::g_session_lock{Tavrel_Lock_Rank::SERVER_SESSION, "Tavrel_Server::g_session_lock"};
+Tavrel_Mutex Tavrel_Server::g_fields_lock{Tavrel_Lock_Rank::LEAF, "Tavrel_Server::g_fields_lock"};
 Tavrel_Server::Fields Tavrel_Server::g_fields;
 std::atomic<int> Tavrel_Server::g_online{1};
 
@@ -16,17 +16,17 @@ const char* secret(const std::string& s) { return s.empty() ? "<empty>" : "<not 
 }  // namespace
 
 Tavrel_Server::Fields Tavrel_Server::get_fields() {
-  std::lock_guard<std::mutex> g(g_fields_lock);
+  std::lock_guard<Tavrel_Mutex> g(g_fields_lock);
   return g_fields;
 }
 
 void Tavrel_Server::set_fields(const Fields& f) {
-  std::lock_guard<std::mutex> g(g_fields_lock);
+  std::lock_guard<Tavrel_Mutex> g(g_fields_lock);
   g_fields = f;
 }
 
 std::string Tavrel_Server::get_url() {
-  std::lock_guard<std::mutex> g(g_fields_lock);
+  std::lock_guard<Tavrel_Mutex> g(g_fields_lock);
   return g_fields.url;
 }
 
@@ -77,7 +77,7 @@ int Tavrel_Server::parse_server_info(OlXmlElem* elem, int read_url, int read_onl
 
 void Tavrel_Server::customize_url() {
   Tavrel_Trace trace(TAVREL, "Tavrel_Server", "customize_url");
-  std::lock_guard<std::mutex> g(g_fields_lock);
+  std::lock_guard<Tavrel_Mutex> g(g_fields_lock);
   std::string url = strutl_trim(g_fields.url);
   if (!url.empty()) {
     if (url.back() != '/') url += "/";

@@ -6,13 +6,17 @@
 //   <proxy-password/><f-proxy-host/><f-proxy-port/><ol-primary-group/><ol-groups/></server>
 //
 // Thread safety: g_session_lock serialises the requests that change the online state (Connect,
-// Disconnect); the fields are guarded by g_fields_lock, and readers take copies through the accessors.
+// Disconnect); it is an outer lock (rank SERVER_SESSION), held across their Login and Logout and the
+// wait for background work, so it is never taken under another lock. The fields are guarded by
+// g_fields_lock (a leaf), and readers take copies through the accessors.
 // Passwords never reach a trace: they show as "<empty>" or "<not empty>".
 #pragma once
 
 #include <atomic>
 #include <mutex>
 #include <string>
+
+#include "base/tavrel_mutex.h"
 
 class OlXmlElem;
 
@@ -57,10 +61,10 @@ class Tavrel_Server {
   static bool is_online() { return g_online.load() != 0; }
   static void set_online(bool on) { g_online.store(on ? 1 : 0); }
 
-  static std::mutex g_session_lock;
+  static Tavrel_Mutex g_session_lock;
 
  private:
-  static std::mutex g_fields_lock;
+  static Tavrel_Mutex g_fields_lock;
   static Fields g_fields;
   static std::atomic<int> g_online;
 };

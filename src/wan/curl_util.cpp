@@ -5,6 +5,7 @@
 #include <cstdlib>
 #include <mutex>
 
+#include "base/tavrel_mutex.h"
 #include "core/tavrel_config.h"
 #include "core/tavrel_trace.h"
 
@@ -12,9 +13,9 @@ static_assert(OPENSSL_VERSION_NUMBER >= 0x10100000L,
               "the TLS library must lock for itself (OpenSSL 1.1 or later): no thread callbacks are installed");
 
 namespace {
-std::mutex g_init_crit;
+Tavrel_Mutex g_init_crit{Tavrel_Lock_Rank::CURL_INIT, "curl global set-up"};
 bool g_initialized = false;
-std::mutex g_cacert_mutex;
+Tavrel_Mutex g_cacert_mutex{Tavrel_Lock_Rank::LEAF, "CA file path"};
 
 bool env_present(const char* name) { return std::getenv(name) != nullptr; }
 
@@ -25,7 +26,7 @@ long bounded_setting(const Tavrel_Config* config, const char* key, long fallback
 }  // namespace
 
 void Curl_Util::init_common() {
-  std::lock_guard<std::mutex> g(g_init_crit);
+  std::lock_guard<Tavrel_Mutex> g(g_init_crit);
   if (g_initialized) return;
   Tavrel_Trace trace(RCLIENT, "Curl_Util", "init_common");
   CURLcode rc = curl_global_init(CURL_GLOBAL_ALL);
@@ -37,14 +38,14 @@ void Curl_Util::init_common() {
 }
 
 void Curl_Util::global_cleanup() {
-  std::lock_guard<std::mutex> g(g_init_crit);
+  std::lock_guard<Tavrel_Mutex> g(g_init_crit);
   if (!g_initialized) return;
   curl_global_cleanup();
   g_initialized = false;
 }
 
 bool Curl_Util::is_initialized() {
-  std::lock_guard<std::mutex> g(g_init_crit);
+  std::lock_guard<Tavrel_Mutex> g(g_init_crit);
   return g_initialized;
 }
 
@@ -54,7 +55,7 @@ long Curl_Util::ssl_version_floor() {
 
 const std::string& Curl_Util::cacert_path() {
   static std::string path;
-  std::lock_guard<std::mutex> g(g_cacert_mutex);
+  std::lock_guard<Tavrel_Mutex> g(g_cacert_mutex);
   if (path.empty()) {
     const char* dir = std::getenv(ENV_HOST_CONFIG_DIR);
     std::string base = (dir && *dir) ? dir : DEFAULT_HOST_CONFIG_DIR;

@@ -7,14 +7,14 @@
 #include "wan/curl_util.h"
 
 RClient_Session* RClient_Session::g_session = nullptr;
-std::mutex RClient_Session::g_session_lock;
+Tavrel_Mutex RClient_Session::g_session_lock{Tavrel_Lock_Rank::WAN_SESSION_CREATE, "RClient_Session::g_session_lock"};
 
 namespace {
 const char* const kClass = "RClient_Session";
 }
 
 RClient_Session* RClient_Session::get_session() {
-  std::lock_guard<std::mutex> g(g_session_lock);
+  std::lock_guard<Tavrel_Mutex> g(g_session_lock);
   if (!g_session) {
     g_session = new RClient_Session();
     Curl_Util::init_common();
@@ -26,7 +26,7 @@ RClient_Session* RClient_Session::get_session() {
 
 void RClient_Session::clean_up() {
   {
-    std::lock_guard<std::mutex> g(g_session_lock);
+    std::lock_guard<Tavrel_Mutex> g(g_session_lock);
     if (g_session) g_session->flush_curl_handles();
   }
   Curl_Util::global_cleanup();
@@ -40,7 +40,7 @@ int RClient_Session::init(const std::string& u, const std::string& us, const std
                           const std::string& prim, const std::string& grps, const std::string& p_user,
                           const std::string& p_password, const std::string& p_host, int p_port, const std::string& ks,
                           const std::string& ks_pw) {
-  std::lock_guard<std::mutex> g(mutex);
+  std::lock_guard<Tavrel_Mutex> g(mutex);
   url = u;
   user = us;
   domain = dom;
@@ -60,10 +60,11 @@ int RClient_Session::init(const std::string& u, const std::string& us, const std
 void RClient_Session::print_session() {
   Tavrel_Trace trace(RCLIENT, kClass, "print_session");
   if (!trace.shouldTrace(TRACE_LEVEL_4)) return;
-  std::lock_guard<std::mutex> g(mutex);
+  std::lock_guard<Tavrel_Mutex> g(mutex);
   const char* hidden = "*****";
-  trace.writeTrace(TRACE_LEVEL_4, "JSESSIONID %s", jsessionid.c_str());
-  trace.writeTrace(TRACE_LEVEL_4, "Session %s", session_id.c_str());
+  // The session cookies are credentials: the trace says only whether there are any.
+  trace.writeTrace(TRACE_LEVEL_4, "JSESSIONID %s", jsessionid.empty() ? "" : hidden);
+  trace.writeTrace(TRACE_LEVEL_4, "Session %s", session_id.empty() ? "" : hidden);
   trace.writeTrace(TRACE_LEVEL_4, "URL %s", url.c_str());
   trace.writeTrace(TRACE_LEVEL_4, "User %s", user.c_str());
   trace.writeTrace(TRACE_LEVEL_4, "Domain %s", domain.c_str());
@@ -80,18 +81,18 @@ void RClient_Session::print_session() {
 }
 
 void RClient_Session::set_session_id(const std::string& id) {
-  std::lock_guard<std::mutex> g(mutex);
+  std::lock_guard<Tavrel_Mutex> g(mutex);
   session_id = id;
   authenticated = true;
 }
 
 void RClient_Session::set_jsessionid(const std::string& id) {
-  std::lock_guard<std::mutex> g(mutex);
+  std::lock_guard<Tavrel_Mutex> g(mutex);
   jsessionid = id;
 }
 
 void RClient_Session::clear_login() {
-  std::lock_guard<std::mutex> g(mutex);
+  std::lock_guard<Tavrel_Mutex> g(mutex);
   jsessionid.clear();
   session_id.clear();
   authenticated = false;
@@ -100,7 +101,7 @@ void RClient_Session::clear_login() {
 std::string RClient_Session::encrypted_credential() {
   std::string text;
   {
-    std::lock_guard<std::mutex> g(mutex);
+    std::lock_guard<Tavrel_Mutex> g(mutex);
     text = domain.empty() ? user + ":" + password : domain + "\\" + user + ":" + password;
   }
   // The native and the network character sets are both UTF-8: the text goes as it is.
@@ -111,7 +112,7 @@ std::string RClient_Session::encrypted_credential() {
 
 CURL* RClient_Session::get_curl_handle() {
   {
-    std::lock_guard<std::mutex> g(mutex);
+    std::lock_guard<Tavrel_Mutex> g(mutex);
     ++handles_out;
     if (!handles.empty()) {
       CURL* h = handles.back();
@@ -123,7 +124,7 @@ CURL* RClient_Session::get_curl_handle() {
 }
 
 void RClient_Session::release_curl_handle(CURL* handle) {
-  std::lock_guard<std::mutex> g(mutex);
+  std::lock_guard<Tavrel_Mutex> g(mutex);
   --handles_out;
   if (!handle) {
     if (flush_pending && handles_out == 0) flush_pending = false;
@@ -140,7 +141,7 @@ void RClient_Session::release_curl_handle(CURL* handle) {
 
 void RClient_Session::flush_curl_handles() {
   Tavrel_Trace trace(RCLIENT, kClass, "flush_curl_handles");
-  std::lock_guard<std::mutex> g(mutex);
+  std::lock_guard<Tavrel_Mutex> g(mutex);
   trace.writeTrace(TRACE_LEVEL_4, "Flushing %d idle handles, %d lent out", static_cast<int>(handles.size()),
                    handles_out);
   for (CURL* h : handles) curl_easy_cleanup(h);
@@ -149,7 +150,7 @@ void RClient_Session::flush_curl_handles() {
 }
 
 RClient_Session::Request_Context RClient_Session::get_request_context() {
-  std::lock_guard<std::mutex> g(mutex);
+  std::lock_guard<Tavrel_Mutex> g(mutex);
   Request_Context c;
   c.url = url;
   c.keystore = keystore;
@@ -163,31 +164,31 @@ RClient_Session::Request_Context RClient_Session::get_request_context() {
 }
 
 std::string RClient_Session::get_url() {
-  std::lock_guard<std::mutex> g(mutex);
+  std::lock_guard<Tavrel_Mutex> g(mutex);
   return url;
 }
 
 std::string RClient_Session::get_jsessionid() {
-  std::lock_guard<std::mutex> g(mutex);
+  std::lock_guard<Tavrel_Mutex> g(mutex);
   return jsessionid;
 }
 
 std::string RClient_Session::get_session_id() {
-  std::lock_guard<std::mutex> g(mutex);
+  std::lock_guard<Tavrel_Mutex> g(mutex);
   return session_id;
 }
 
 bool RClient_Session::is_authenticated() {
-  std::lock_guard<std::mutex> g(mutex);
+  std::lock_guard<Tavrel_Mutex> g(mutex);
   return authenticated;
 }
 
 int RClient_Session::get_handles_out() {
-  std::lock_guard<std::mutex> g(mutex);
+  std::lock_guard<Tavrel_Mutex> g(mutex);
   return handles_out;
 }
 
 size_t RClient_Session::get_idle_handles() {
-  std::lock_guard<std::mutex> g(mutex);
+  std::lock_guard<Tavrel_Mutex> g(mutex);
   return handles.size();
 }

@@ -14,7 +14,8 @@
 //
 // Locks: g_session_lock guards the creation of the object (and is taken before `mutex`, only in
 // get_session). `mutex` guards every field; it is held only to copy fields, never across a network
-// operation or curl_easy_init.
+// operation or curl_easy_init. Both rank below every lock of the name service (WAN_SESSION_CREATE,
+// WAN_SESSION), since WAN calls are made under those.
 #pragma once
 
 #include <curl/curl.h>
@@ -23,6 +24,8 @@
 #include <deque>
 #include <mutex>
 #include <string>
+
+#include "base/tavrel_mutex.h"
 
 class RClient_Session {
  public:
@@ -75,12 +78,12 @@ class RClient_Session {
   size_t get_idle_handles();
 
   static RClient_Session* g_session;
-  static std::mutex g_session_lock;
+  static Tavrel_Mutex g_session_lock;
 
  private:
   RClient_Session() = default;
 
-  std::mutex mutex;
+  Tavrel_Mutex mutex{Tavrel_Lock_Rank::WAN_SESSION, "RClient_Session::mutex"};
   std::string jsessionid;
   std::string session_id;
   std::string url;

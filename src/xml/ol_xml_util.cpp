@@ -15,7 +15,7 @@
 
 #include "xml/ol_xml_elem.h"
 
-std::mutex OlXmlUtil::g_converter_lock;
+Tavrel_Mutex OlXmlUtil::g_converter_lock{Tavrel_Lock_Rank::LEAF, "OlXmlUtil::g_converter_lock"};
 
 static_assert(sizeof(XMLCh) == sizeof(UChar), "XMLCh and UChar must both be UTF-16 code units");
 

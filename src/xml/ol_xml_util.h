@@ -18,13 +18,15 @@
 #include <string>
 #include <string_view>
 
+#include "base/tavrel_mutex.h"
+
 class OlXmlElem;
 
 class OlXmlUtil {
  public:
   // Process-wide lock offered to callers that must serialise work around conversions. The
-  // conversions themselves never take it.
-  static std::mutex g_converter_lock;
+  // conversions themselves never take it. A leaf: nothing else may be locked under it.
+  static Tavrel_Mutex g_converter_lock;
 
   // True when `elem` has an attached child `tag`. Consumes that child (extract_child): after
   // a true answer, get_value() on the same tag no longer finds it. Null `elem` gives false.
