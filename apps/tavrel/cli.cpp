@@ -168,14 +168,14 @@ bool server_block(const Options& opts, bool online_default, client::XmlNode* out
   client::SecretSource pw;
   pw.file = opts.get("--password-file");
   pw.fd = opts.has("--password-fd") ? atoi(opts.get("--password-fd").c_str()) : -1;
-  pw.env_var = "TAVREL_PASSWORD";
+  pw.env_var = client::PASSWORD_ENV;
   bool online = opts.has("--offline") ? false : online_default;
   pw.prompt = online && opts.has("--user") ? "Password for " + opts.get("--user") + ": " : "";
   std::string password, proxy_password;
   if (client::read_secret(pw, &password, error) != 0) return false;
   client::SecretSource ppw;
   ppw.file = opts.get("--proxy-password-file");
-  ppw.env_var = "TAVREL_PROXY_PASSWORD";
+  ppw.env_var = client::PROXY_PASSWORD_ENV;
   if (client::read_secret(ppw, &proxy_password, error) != 0) return false;
 
   client::XmlNode s("server");

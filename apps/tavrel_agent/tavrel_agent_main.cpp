@@ -169,6 +169,14 @@ int tavrel_agent_main(int argc, char** argv) {
       return 0;
     }
   }
+  // Passwords come in the first request. A starter that left one in the environment would have it
+  // kept, readable in /proc, for the view's life: wipe the text in place, then drop the variables.
+  for (const char* name : {"TAVREL_PASSWORD", "TAVREL_PROXY_PASSWORD"}) {
+    if (char* value = getenv(name)) {
+      memset(value, 0, strlen(value));
+      unsetenv(name);
+    }
+  }
   // 2.-6. Messages, locale, umask, signals, exit handler.
   imsg_set_redirect_procs(redirect_table, 11, nullptr);
   setlocale(LC_ALL, "");
@@ -295,7 +303,13 @@ int tavrel_agent_main(int argc, char** argv) {
     trace.writeTrace(TRACE_LEVEL_4, "Creating view handler for location %s", storage.c_str());
     g_view_handler = Tavrel_View_Handler::get_instance(storage);
     if (!g_view_handler) pfm_exit(2);
-    olthread_create(&force_tid, nullptr, tavrel_agent_force_shutdown_thread, nullptr);
+    // Nothing joins the forced-shutdown thread (the process ends through pfm_exit, possibly while it
+    // still runs the forced end), so it is detached: its end leaves nothing behind.
+    pthread_attr_t detached;
+    pthread_attr_init(&detached);
+    pthread_attr_setdetachstate(&detached, PTHREAD_CREATE_DETACHED);
+    olthread_create(&force_tid, &detached, tavrel_agent_force_shutdown_thread, nullptr);
+    pthread_attr_destroy(&detached);
     int status = 0;
     trace.writeTrace(TRACE_LEVEL_4, "Status before prepare view %d", status);
     status = g_view_handler->prepare_view();

@@ -1,4 +1,5 @@
 #include "client/agent_process.h"
+#include "client/secret.h"
 
 #include <fcntl.h>
 #include <poll.h>
@@ -60,8 +61,11 @@ AgentStarted start_agent(const AgentStart& how) {
     // The agent lives on after the starter: it must not keep descriptors of the starter's caller open
     // (a pipe of a shell's command substitution, say, would then never see its end).
     close_range(3, ~0U, 0);
-    // A UTF-8 locale lets the agent convert non-ASCII names.
+    // A UTF-8 locale lets the agent convert non-ASCII names. The passwords reach the agent in its first
+    // request only, never in its environment, which would keep them for the view's life.
     setenv("LC_ALL", "C.UTF-8", 1);
+    unsetenv(PASSWORD_ENV);
+    unsetenv(PROXY_PASSWORD_ENV);
     execv(argv[0], argv.data());
     _exit(127);
   }

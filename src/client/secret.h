@@ -6,6 +6,11 @@
 
 namespace tavrel::client {
 
+// The environment variables that may hold the server's and the proxy's password for the command line.
+// They are never passed on to an agent the command line starts.
+constexpr const char* PASSWORD_ENV = "TAVREL_PASSWORD";
+constexpr const char* PROXY_PASSWORD_ENV = "TAVREL_PROXY_PASSWORD";
+
 struct SecretSource {
   std::string file;     // --password-file
   int fd = -1;          // --password-fd

@@ -109,10 +109,11 @@ int Http_Client_Base::init() {
 void Http_Client_Base::add_header(const std::string& line) {
   Tavrel_Trace trace(RCLIENT, kClass, "add_header");
   if (trace.shouldTrace(TRACE_LEVEL_5)) {
-    // Credentials never reach the trace.
+    // Credentials never reach the trace: neither the login header nor the session cookies.
     std::string shown = line;
     size_t colon = line.find(':');
-    if (colon != std::string::npos && strncasecmp(line.c_str(), "x-ondrel-login-credentials:", colon + 1) == 0)
+    if (colon != std::string::npos && (strncasecmp(line.c_str(), "x-ondrel-login-credentials:", colon + 1) == 0 ||
+                                       strncasecmp(line.c_str(), "cookie:", colon + 1) == 0))
       shown = line.substr(0, colon + 1) + "*****";
     trace.writeTrace(TRACE_LEVEL_5, "Adding header [%s]", shown.c_str());
   }

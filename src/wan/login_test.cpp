@@ -5,6 +5,7 @@
 #include <httplib.h>
 
 #include <filesystem>
+#include <vector>
 
 #include <gtest/gtest.h>
 
@@ -44,6 +45,7 @@ TEST_F(LoginTest, PasswordsNeverReachTheTrace) {
   });
   Tavrel_Trace::set_trace(RCLIENT, TRACE_LEVEL_5);
   Tavrel_Trace::setup_trace_file("tester", getpid());
+  std::vector<std::string> cookies;
   {
     Login l("tracy", password, "", "", "", server.base_url(), "proxyuser", "Proxy-PW-77");
     ASSERT_EQ(l.run(), 0);
@@ -51,6 +53,7 @@ TEST_F(LoginTest, PasswordsNeverReachTheTrace) {
     Test_Cmd cmd("R");  // a re-login on the way
     ASSERT_EQ(cmd.run(), 0);
     ASSERT_EQ(server.logins(), 2);
+    cookies = {RClient_Session::get_session()->get_jsessionid(), RClient_Session::get_session()->get_session_id()};
     Logout out;
     out.run();
   }
@@ -63,6 +66,10 @@ TEST_F(LoginTest, PasswordsNeverReachTheTrace) {
   EXPECT_NE(text.find("User tracy"), std::string::npos);
   for (const std::string& secret : {password, Base64::encode("tracy:" + password), std::string("Proxy-PW-77")})
     EXPECT_EQ(text.find(secret), std::string::npos) << secret;
+  for (const std::string& cookie : cookies) {  // the session cookies are credentials too
+    ASSERT_GE(cookie.size(), 8u);
+    EXPECT_EQ(text.find(cookie), std::string::npos) << cookie;
+  }
 }
 
 }  // namespace

@@ -105,8 +105,20 @@ TEST_F(Cli, ViewLifeAndRequests) {
   EXPECT_NE(r.out.find("running: false"), std::string::npos);
 
   std::ofstream(dir + "/pw") << "from-a-file\n";
-  r = run({"startview", "--server-url", "http://127.0.0.1:1/", "--user", "u", "--password-file", dir + "/pw"});
+  r = run({"startview", "--server-url", "http://127.0.0.1:1/", "--user", "u", "--password-file", dir + "/pw"},
+          "TAVREL_PASSWORD=env-secret-77");
   ASSERT_EQ(r.code, 0) << r.err;
+  // A password in the caller's environment never reaches the agent or its watchdog.
+  std::string pid_text, environ_text, stat_text;
+  ASSERT_EQ(fileutl_read_file(storage + "/" + VIEW_STG_LOCK, &pid_text, 64), 0);
+  const std::string agent = std::to_string(std::atoi(pid_text.c_str()));
+  ASSERT_EQ(fileutl_read_file("/proc/" + agent + "/stat", &stat_text, 4096), 0);
+  const std::string watchdog = stat_text.substr(stat_text.rfind(')') + 4, stat_text.find(' ', stat_text.rfind(')') + 4) -
+                                                                              stat_text.rfind(')') - 4);
+  for (const std::string& pid : {agent, watchdog}) {
+    ASSERT_EQ(fileutl_read_file("/proc/" + pid + "/environ", &environ_text, 1 << 20), 0) << pid;
+    EXPECT_EQ(environ_text.find("env-secret-77"), std::string::npos) << pid;
+  }
   std::string first;
   ASSERT_EQ(fileutl_read_file(storage + "/.first-request", &first, 1 << 20), 0);
   EXPECT_NE(first.find("<password>from-a-file</password>"), std::string::npos) << first;
