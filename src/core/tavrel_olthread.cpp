@@ -1,6 +1,9 @@
 #include "core/tavrel_olthread.h"
 
+#include <exception>
+
 #include "base/strutl.h"
+#include "core/tavrel_status.h"
 #include "core/tavrel_thread_manager_base.h"
 #include "core/tavrel_trace.h"
 
@@ -23,8 +26,18 @@ void* Tavrel_OlThread::startThread(void* arg) {
     Tavrel_Trace trace(TAVREL, "Tavrel_OlThread", "startThread");
     trace.writeTrace(TRACE_LEVEL_4, "forked thread %lx", static_cast<unsigned long>(olthread_self()));
   }
-  // The object stays alive until it has been joined, so this thread may touch it until it exits.
-  int status = self->run();
+  // The object stays alive until it has been joined, so this thread may touch it until it exits. An
+  // exception that no code below caught ends this thread with a status, never the process.
+  int status = TAVREL_ST_INTERNAL;
+  try {
+    status = self->run();
+  } catch (const std::exception& e) {
+    Tavrel_Trace trace(TAVREL, "Tavrel_OlThread", "startThread");
+    trace.writeTrace(TRACE_LEVEL_1, "thread ended by an exception: %s", e.what());
+  } catch (...) {
+    Tavrel_Trace trace(TAVREL, "Tavrel_OlThread", "startThread");
+    trace.writeTrace(TRACE_LEVEL_1, "thread ended by an exception");
+  }
   self->m_run_status = status;
   Tavrel_Trace trace(TAVREL, "Tavrel_OlThread", "startThread");
   trace.writeTrace(TRACE_LEVEL_4, "thread exiting, run status: %d", status);
@@ -45,7 +58,14 @@ int Tavrel_OlThread::join() {
 int Tavrel_Request_Thread::run() {
   Tavrel_Thread_Manager_Base* mgr = Tavrel_Thread_Manager_Base::get_instance();
   mgr->register_thread(this);
-  int status = execute();
+  int status = TAVREL_ST_INTERNAL;
+  try {
+    status = execute();
+  } catch (...) {
+    // The thread still hands itself to the cleanup thread, so it is joined and its count drops.
+    Tavrel_Trace trace(TAVREL, "Tavrel_Request_Thread", "run");
+    trace.writeTrace(TRACE_LEVEL_1, "execute ended by an exception");
+  }
   mgr->push_into_cleanup_queue(this);
   return status;
 }

@@ -13,7 +13,13 @@ int Tavrel_Request_Handler_Thread::run() {
     Tavrel_Request* request = mgr->pop_request(true);
     if (request) {
       mgr->unlock_mutex();
-      int status = request->handle_request();
+      int status = TAVREL_ST_INTERNAL;
+      try {
+        status = request->handle_request();
+      } catch (...) {
+        // A request that throws past its own handling costs that request, not the pool thread.
+        trace.writeTrace(TRACE_LEVEL_1, "request ended by an exception");
+      }
       mgr->mark_idle(request);
       if (status == TAVREL_ST_VIEW_ENDING) {
         mgr->set_should_exit();

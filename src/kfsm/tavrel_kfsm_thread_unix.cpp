@@ -88,7 +88,16 @@ void Tavrel_KFSM_Thread_Unix::serve(uint8_t* req, uint8_t* res) {
   int rpc_status = KFSM_RPC_ENCODE;
   uint64_t size = 0;
   Tavrel_KFSM_Dispatch dispatch = g_dispatch.load();
-  if (dispatch && dispatch(rpc, &in, &out, &rpc_status)) {
+  bool served = false;
+  try {
+    served = dispatch && dispatch(rpc, &in, &out, &rpc_status);
+  } catch (...) {
+    // An operation that throws costs its one request (no reply body), never the thread.
+    trace.writeTrace(TRACE_LEVEL_1, "RPC %llu ended by an exception", static_cast<unsigned long long>(h.op));
+    xdr_setpos(&out, 0);
+    rpc_status = KFSM_RPC_ENCODE;
+  }
+  if (served) {
     switch (rpc_status) {
       case KFSM_RPC_DONE:
         break;

@@ -16,9 +16,14 @@ namespace {
 
 using kfsm_test::Peer_Test;
 
-// RPC 1 decodes a u_int and answers it plus one; RPC 2 answers "unknown procedure"; any other RPC
-// makes no handler.
+// RPC 1 decodes a u_int and answers it plus one; RPC 2 answers "unknown procedure"; RPC 3 encodes a
+// word and throws; any other RPC makes no handler.
 bool test_dispatch(int rpc, XDR* in, XDR* out, int* rpc_status) {
+  if (rpc == 3) {
+    u_int v = 3;
+    xdr_u_int(out, &v);
+    throw std::runtime_error("operation failed badly");
+  }
   if (rpc == 2) *rpc_status = KFSM_RPC_UNKNOWN;
   if (rpc != 1) return rpc == 2;
   u_int v = 0;
@@ -105,6 +110,7 @@ TEST_F(KfsmThreads, DispatcherServesRequestsInTheOtherBufferAcrossAStatus) {
       {2, "", VIEW_LPC_PAYLOAD, KFSM_RPC_UNKNOWN},
       {1, "", VIEW_LPC_PAYLOAD, KFSM_RPC_DECODE},        // nothing to decode
       {1, xdr_uint(1), 2, KFSM_RPC_ENCODE},              // no room for the answer
+      {3, "", VIEW_LPC_PAYLOAD, KFSM_RPC_ENCODE},         // throws: no body, and the thread serves on
       {99, "", VIEW_LPC_PAYLOAD, KFSM_RPC_ENCODE},        // no handler
   };
   for (auto& c : cases) {

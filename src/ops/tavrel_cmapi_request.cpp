@@ -1,5 +1,7 @@
 #include "ops/tavrel_cmapi_request.h"
 
+#include <exception>
+
 #include "core/tavrel_status.h"
 #include "core/tavrel_trace.h"
 #include "core/tavrel_view.h"
@@ -38,13 +40,28 @@ int Tavrel_CMAPI_Request::handle_request() {
     return TAVREL_ST_INTERNAL;
   }
   trace.writeTrace(TRACE_LEVEL_4, "Calling request's process request");
-  m_op->process_request();
   std::string response;
-  m_op->get_response(response);
+  status = 0;
+  try {
+    m_op->process_request();
+    m_op->get_response(response);
+    status = m_op->get_status();
+  } catch (const std::exception& e) {
+    // Whatever went wrong inside the operation, this client gets an answer and the agent goes on.
+    trace.writeTrace(TRACE_LEVEL_1, "Operation ended by an exception: %s", e.what());
+    status = TAVREL_ST_INTERNAL;
+    response = Tavrel_AbstractOp::make_status_response(m_op->get_request_name(), m_op->get_txid(), status,
+                                                       std::string("Internal error: ") + e.what() + "\n");
+  } catch (...) {
+    trace.writeTrace(TRACE_LEVEL_1, "Operation ended by an exception");
+    status = TAVREL_ST_INTERNAL;
+    response = Tavrel_AbstractOp::make_status_response(m_op->get_request_name(), m_op->get_txid(), status,
+                                                       "Internal error\n");
+  }
   if (trace.shouldTrace(TRACE_LEVEL_4))
     trace.writeTrace(TRACE_LEVEL_4, "Response string is %s", Tavrel_Trace::redact(response).c_str());
   m_handler->send_response(response);
-  return m_op->get_status();
+  return status;
 }
 
 void Tavrel_CMAPI_Request::cancel_request() {

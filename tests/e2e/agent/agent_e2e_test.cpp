@@ -259,6 +259,8 @@ TEST(AgentProcess, TransportFaults) {
       {"short body", "10\n<abc", "EOF"},
       {"a NUL byte ends the request", frame(nul), "Echo 0 nul " + std::to_string(echo("nul").size() - 2) + "; EOF"},
       {"closed right after a request", frame(sleep_req("last", 300)), "Sleep 0 last; EOF"},
+      {"an operation that throws", frame("<Throw version=\"1\" tx-id=\"t\"/>"),
+       "Throw " + std::to_string(TAVREL_ST_INTERNAL) + " t; EOF"},
   };
   for (auto& t : cases) {
     CONNECT(c, a);

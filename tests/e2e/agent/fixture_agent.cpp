@@ -5,6 +5,7 @@
 //   <Sleep tx-id=".." ms="N"/>        writes .started-<tx-id>, then holds until .release exists or N ms
 //                                     passed; the reply carries the most Sleeps seen running at once
 //   <Echo tx-id=".." [pad=".."]/>     answers at once with the size of the request it got
+//   <Throw tx-id=".."/>               throws out of the operation
 //   anything else, or no root         XMLError 20020
 #include <fcntl.h>
 #include <unistd.h>
@@ -12,6 +13,7 @@
 #include <atomic>
 #include <chrono>
 #include <regex>
+#include <stdexcept>
 #include <string>
 #include <thread>
 
@@ -80,6 +82,8 @@ class FixtureOp : public Tavrel_AbstractOp {
       --g_sleep_running;
     } else if (m_request_name == "Echo") {
       m_extra = "<size>" + std::to_string(m_req.size()) + "</size>";
+    } else if (m_request_name == "Throw") {
+      throw std::runtime_error("thrown by the operation");
     } else {
       m_status = TAVREL_ST_UNRECOGNIZED;
     }
@@ -103,7 +107,7 @@ Tavrel_AbstractOp* fixture_factory(const std::string& request, const std::string
   std::smatch m;
   static const std::regex root("^\\s*(?:<\\?xml[^>]*\\?>)?\\s*<([A-Za-z]+)[\\s/>]");
   std::string name = std::regex_search(request, m, root) ? std::string(m[1]) : "XMLError";
-  if (name != "StartView" && name != "MkView" && name != "Sleep" && name != "Echo") name = "XMLError";
+  if (name != "StartView" && name != "MkView" && name != "Sleep" && name != "Echo" && name != "Throw") name = "XMLError";
   *status = 0;
   return new FixtureOp(name, location, request);
 }
