@@ -58,16 +58,11 @@ void Tavrel_Connect::parse_request() {
 void Tavrel_Connect::process_request() {
   Tavrel_Trace trace(TAVREL, "Tavrel_Connect", "process_request");
   std::lock_guard<Tavrel_Mutex> g(Tavrel_Server::g_session_lock);
-  const Tavrel_Server::Fields before = Tavrel_Server::get_fields();
   parse_request();
-  if (m_status != 0) {
-    Tavrel_Server::set_fields(before);
-    if (m_status == TAVREL_ST_SERVER_INFO) append_message(TVR_LIB_BAD_SERVER_INFO, m_view_location.c_str());
-    return;
-  }
+  if (m_status != 0) return;
   if (Tavrel_Server::is_online()) {
+    // The new credentials are kept for the next login; the running session stays as it is.
     trace.writeTrace(TRACE_LEVEL_4, "Server is already online!");
-    Tavrel_Server::set_fields(before);  // the session keeps the credentials it logged in with
     return;
   }
   m_status = connect_to_server(m_status_message, m_view_location);
