@@ -617,9 +617,10 @@ TEST_F(ServerTest, ConcurrentViewsAreIsolatedAndSafe) {
   for (int t = 0; t < kThreads; ++t) views.push_back(tbs_uuid_to_str(tbs_uuid_create()));
   std::string rep = replica();
   std::atomic<int> failures{0};
+  // Every client is made before the threads start: client() grows the vector the threads read.
+  for (int t = 0; t < kThreads; ++t) client(t + 1).login("alice", "secret");
   std::vector<std::thread> threads;
   for (int t = 0; t < kThreads; ++t) {
-    client(t + 1).login("alice", "secret");
     threads.emplace_back([&, t] {
       WanClient& c = client(t + 1);
       // Even views hide *.h, odd views see everything; each re-sets its rules as it goes.

@@ -27,7 +27,11 @@ pid_t olthread_tid() { return static_cast<pid_t>(syscall(SYS_gettid)); }
 bool olthread_is_main_thread() { return olthread_tid() == getpid(); }
 
 pid_t olthread_fork(int /*nwait*/) {
+  pfm_before_fork();
   pid_t pid = fork();
-  if (pid == 0) pfm_after_fork_child();
+  if (pid == 0)
+    pfm_after_fork_child();
+  else
+    pfm_after_fork_parent();
   return pid;
 }

@@ -1,8 +1,8 @@
 // olthread: the base library's thread calls over POSIX threads.
 //
-// olthread_fork forks with the library in a sane state: in the child, the only thread is the caller,
-// and the signal dispatcher of pfm (if one was running) is started again so that handlers installed
-// with pfm_signal keep working there.
+// olthread_fork forks with the library in a sane state: the signal dispatcher of pfm (if one runs) is
+// stopped across the fork, so a process with no other thread forks single-threaded, and it is started
+// again on both sides so that handlers installed with pfm_signal keep working in parent and child.
 #pragma once
 
 #include <pthread.h>

@@ -22,7 +22,11 @@ void pfm_on_exit(void (*fn)(int status, void* arg), void* arg);
 void pfm_inhibit();
 void pfm_enable();
 
-// Called by olthread_fork in the child: restarts the signal dispatcher there.
+// Called by olthread_fork around fork(): the dispatcher thread is stopped (and joined) before it, so a
+// process that has no other thread forks single-threaded; it starts again in the parent on the same
+// pipe (signals caught meanwhile wait there) and in the child on a pipe of its own.
+void pfm_before_fork();
+void pfm_after_fork_parent();
 void pfm_after_fork_child();
 
 #define PFM_ASSERT(cond) \

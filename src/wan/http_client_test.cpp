@@ -82,14 +82,17 @@ TEST_F(ServedHttpTest, StalledReplyIsAbandoned) {
   w.begin();
   w.part("Item", "first");
   auto head = std::make_shared<std::string>(w.take() + "--" + w.boundary() + "\r\nContent-ID: Ite");
-  server->on_rpc("Midway", [this, head](const Recorded&, httplib::Response& res) {
-    res.set_chunked_content_provider("multipart/mixed", [this, head](size_t offset, httplib::DataSink& sink) {
+  // The handlers keep the server itself, not the fixture's pointer to it: TearDown resets that pointer
+  // while they still wait on the server's worker threads.
+  auto* s = server.get();
+  server->on_rpc("Midway", [s, head](const Recorded&, httplib::Response& res) {
+    res.set_chunked_content_provider("multipart/mixed", [s, head](size_t offset, httplib::DataSink& sink) {
       if (offset == 0) return sink.write(head->data(), head->size());
-      server->wait_until_stopping();
+      s->wait_until_stopping();
       return false;
     });
   });
-  server->on_rpc("Never", [this](const Recorded&, httplib::Response&) { server->wait_until_stopping(); });
+  server->on_rpc("Never", [s](const Recorded&, httplib::Response&) { s->wait_until_stopping(); });
   for (auto [rpc, parts] : {std::pair<std::string, size_t>{"Midway", 1}, {"Never", 0}}) {
     SCOPED_TRACE(rpc);
     Test_Cmd cmd(rpc);
