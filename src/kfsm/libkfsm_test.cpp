@@ -55,13 +55,7 @@ TEST_F(LibKfsm, CommandsReachTheModuleAndStatusesComeBack) {
   kfsm_mcb_cmd(h, &b, &err);
   EXPECT_EQ(err, 0);
   EXPECT_EQ(b.status, TBS_ST_BAD_ARG);
-  auto cmds = peer->commands();
-  ASSERT_EQ(cmds.size(), 1u);
-  kfsm_umount_args a;
-  ASSERT_TRUE(kfsm_parse_umount(cmds[0], &a));
-  EXPECT_EQ(a.mount_point, "/proj");
-  EXPECT_EQ(a.replica.bytes[0], 7);
-  EXPECT_EQ(cmds[0].pn.text, "vtag");
+  ASSERT_EQ(peer->commands().size(), 1u);  // its image: kfsm_records_test.cpp
 
   // A block the library cannot send faithfully never leaves the process; 11, 20 and 65 belong to kfsm_cmd.
   b.infolen = 27;

@@ -150,6 +150,14 @@ class Differential {
     return keys[pick((uint32_t)keys.size())].field;
   }
 
+  // A value for field `f` (a nested struct is filled as plain bytes; a key field stays zero).
+  std::vector<uint8_t> field_value(long f) {
+    std::vector<uint8_t> v(256, 0);
+    const FieldDesc* fd = schema().field(f);
+    if (fd && fd->type != FType::KEY) fill_value(fd->type == FType::STRUCT ? FType::CHARS : FType(fd->type), v.data(), fd->size);
+    return v;
+  }
+
   std::vector<uint8_t> key_value(long field) {
     std::vector<uint8_t> buf(32, 0);
     int k = schema().key_of(field);
@@ -190,16 +198,12 @@ class Differential {
     std::string why;
     if (dt_check(&why, t_) != 0) return "checker: " + why;
     std::string de = rectest::dump(t_), dm = m_.dump();
-    if (de != dm) {
-      std::istringstream a(de), b(dm);
-      std::string la, lb;
-      int line = 0;
-      while (true) {
-        bool ga = (bool)std::getline(a, la), gb = (bool)std::getline(b, lb);
-        line++;
-        if (!ga && !gb) break;
-        if (la != lb) return "dump differs at line " + std::to_string(line) + "\n engine: " + la + "\n model:  " + lb;
-      }
+    std::istringstream a(de), b(dm);
+    std::string la, lb;
+    for (int line = 1; de != dm; line++) {
+      la.clear(), lb.clear();
+      bool ga = (bool)std::getline(a, la), gb = (bool)std::getline(b, lb);
+      if (ga != gb || la != lb) return "dump differs at line " + std::to_string(line) + "\n engine: " + la + "\n model:  " + lb;
     }
     return "";
   }
@@ -304,9 +308,7 @@ class Differential {
       o << "recwrite";
     } else if (op < 36) {
       long f = random_field();
-      std::vector<uint8_t> v(256, 0);
-      const FieldDesc* fd = schema().field(f);
-      if (fd && fd->type != FType::KEY) fill_value(fd->type == FType::STRUCT ? FType::CHARS : FType(fd->type), v.data(), fd->size);
+      auto v = field_value(f);
       se = dt_crwrite(f, v.data(), t_, -1);
       sm = m_.crwrite(f, v.data());
       o << "crwrite " << f;
@@ -316,14 +318,10 @@ class Differential {
       sm = m_.crtype(&rm);
       if (se == 0 && re != rm) err = "crtype value";
       o << "crtype";
-    } else if (op < 41) {
-      se = dt_disdel(t_, -1);
-      sm = m_.disdel();
-      o << "disdel";
     } else if (op < 42) {
-      se = dt_delete(t_, -1);
-      sm = m_.del();
-      o << "delete";
+      se = op < 41 ? dt_disdel(t_, -1) : dt_delete(t_, -1);
+      sm = op < 41 ? m_.disdel() : m_.del();
+      o << (op < 41 ? "disdel" : "delete");
     } else if (op < 44) {
       int r = 10000 + random_rec();
       se = dt_recfrst(r, t_, -1);
@@ -338,31 +336,16 @@ class Differential {
       se = dt_recset(r, t_, -1);
       sm = m_.recset(r);
       o << "recset " << r;
-    } else if (op < 52) {
-      int s = random_set();
-      se = dt_setor(s, t_, -1);
-      sm = m_.setor(s);
-      o << "setor " << s;
-    } else if (op < 53) {
-      int s = random_set();
-      se = dt_setro(s, t_, -1);
-      sm = m_.setro(s);
-      o << "setro " << s;
     } else if (op < 55) {
-      int s = random_set();
-      se = dt_setmr(s, t_, -1);
-      sm = m_.setmr(s);
-      o << "setmr " << s;
-    } else if (op < 56) {
-      int a = random_set(), b = random_set();
-      se = dt_setmo(a, b, t_, -1);
-      sm = m_.setmo(a, b);
-      o << "setmo " << a << " " << b;
+      int s = random_set(), which = op < 52 ? 0 : op < 53 ? 1 : 2;
+      se = which == 0 ? dt_setor(s, t_, -1) : which == 1 ? dt_setro(s, t_, -1) : dt_setmr(s, t_, -1);
+      sm = which == 0 ? m_.setor(s) : which == 1 ? m_.setro(s) : m_.setmr(s);
+      o << (which == 0 ? "setor " : which == 1 ? "setro " : "setmr ") << s;
     } else if (op < 57) {
       int a = random_set(), b = random_set();
-      se = dt_setoo(a, b, t_, -1);
-      sm = m_.setoo(a, b);
-      o << "setoo " << a << " " << b;
+      se = op < 56 ? dt_setmo(a, b, t_, -1) : dt_setoo(a, b, t_, -1);
+      sm = op < 56 ? m_.setmo(a, b) : m_.setoo(a, b);
+      o << (op < 56 ? "setmo " : "setoo ") << a << " " << b;
     } else if (op < 58) {
       int s = random_set();
       DB_ADDR a = 0, b = 0;
@@ -386,27 +369,15 @@ class Differential {
     } else if (op < 62) {
       int s = random_set();
       long f = random_field();
-      std::vector<uint8_t> v(256, 0);
-      const FieldDesc* fd = schema().field(f);
-      if (fd && fd->type != FType::KEY) fill_value(fd->type == FType::STRUCT ? FType::CHARS : FType(fd->type), v.data(), fd->size);
+      auto v = field_value(f);
       se = dt_csowrite(s, f, v.data(), t_, -1);
       sm = m_.csowrite(s, f, v.data());
       o << "csowrite " << s << " " << f;
-    } else if (op < 68) {
-      int s = random_set();
-      se = dt_connect(s, t_, -1);
-      sm = m_.connect(s);
-      o << "connect " << s;
-    } else if (op < 70) {
-      int s = random_set();
-      se = dt_discon(s, t_, -1);
-      sm = m_.discon(s);
-      o << "discon " << s;
     } else if (op < 71) {
-      int s = random_set();
-      se = dt_ismember(s, t_, -1);
-      sm = m_.ismember(s);
-      o << "ismember " << s;
+      int s = random_set(), which = op < 68 ? 0 : op < 70 ? 1 : 2;
+      se = which == 0 ? dt_connect(s, t_, -1) : which == 1 ? dt_discon(s, t_, -1) : dt_ismember(s, t_, -1);
+      sm = which == 0 ? m_.connect(s) : which == 1 ? m_.discon(s) : m_.ismember(s);
+      o << (which == 0 ? "connect " : which == 1 ? "discon " : "ismember ") << s;
     } else if (op < 74) {
       int s = random_set();
       int which = (int)pick(3);

@@ -1,4 +1,5 @@
-// The dt_ interface: currency movements, statuses and edge cases, one behaviour per case.
+// The dt_ interface: what the differential test cannot reach (no database, durability, open modes, file
+// placement, cache sizing) and a few fixed currency walks that pin the model's own semantics.
 #include "db/rec/dt.h"
 
 #include <gtest/gtest.h>
@@ -69,31 +70,6 @@ TEST_F(Dt, NoDatabaseAndNoTransaction) {
   EXPECT_EQ(dt_trend(t), 0);
 }
 
-TEST_F(Dt, DuplicateUniqueKeyStoresNothing) {
-  ASSERT_EQ(dt_trbegin("t", t), 0);
-  DB_ADDR a = new_elem(1, 7);
-  vns_db_elem e{};
-  e.silo_dba = 1;
-  e.dbid = 7;
-  EXPECT_EQ(dt_fillnew(VNS_DB_ELEM, &e, t, -1), S_DUPLICATE);
-  EXPECT_EQ(cr(), a) << "current record unchanged";
-  // recwrite of another row onto the same key value: 3, and the row keeps its old value and key.
-  DB_ADDR b = new_elem(1, 8);
-  e.dbid = 7;
-  EXPECT_EQ(dt_recwrite(&e, t, -1), S_DUPLICATE);
-  key_silo_dbid k{1, 8};
-  EXPECT_EQ(dt_keyfind(VNS_ELEM_KEY, &k, t, -1), 0);
-  EXPECT_EQ(cr(), b);
-  uint32_t v = 7;
-  EXPECT_EQ(dt_crwrite(VNS_ELEM_DBID, &v, t, -1), S_DUPLICATE);
-  ASSERT_EQ(dt_trend(t), 0);
-  long n = 0;
-  int rows = 0;
-  for (int st = dt_recfrst(VNS_DB_ELEM, t, -1); st == 0; st = dt_recnext(t, -1)) rows++;
-  EXPECT_EQ(rows, 2);
-  (void)n;
-}
-
 TEST_F(Dt, RecwriteMovesTheKeyAndDuplicatesComeInDbaOrder) {
   ASSERT_EQ(dt_trbegin("t", t), 0);
   vns_db_dir_ver_ent e{};
@@ -119,33 +95,6 @@ TEST_F(Dt, RecwriteMovesTheKeyAndDuplicatesComeInDbaOrder) {
   key_silo_dir_hash k6{1, 6, 99};
   ASSERT_EQ(dt_keyfind(DIR_VER_ENT_NAME_LOOKUP, &k6, t, -1), 0);
   EXPECT_EQ(cr(), d[1]);
-  key_silo_dir_hash got{};
-  ASSERT_EQ(dt_keyread(&got, t), 0);
-  EXPECT_EQ(got.dir_dbid, 6u);
-  EXPECT_EQ(got.hash, 99u);
-  ASSERT_EQ(dt_trend(t), 0);
-}
-
-TEST_F(Dt, KeyfindMissThenNextAndPrev) {
-  ASSERT_EQ(dt_trbegin("t", t), 0);
-  DB_ADDR e10 = new_elem(1, 10), e20 = new_elem(1, 20);
-  key_silo_dbid k{1, 15};
-  EXPECT_EQ(dt_keyfind(VNS_ELEM_KEY, &k, t, -1), S_NOTFOUND);
-  EXPECT_EQ(cr(), e20) << "a miss leaves the current record";
-  EXPECT_EQ(dt_keyread(&k, t), S_NOCR);
-  ASSERT_EQ(dt_keynext(VNS_ELEM_KEY, t, -1), 0);
-  EXPECT_EQ(cr(), e20);
-  k = {1, 15};
-  EXPECT_EQ(dt_keyfind(VNS_ELEM_KEY, &k, t, -1), S_NOTFOUND);
-  ASSERT_EQ(dt_keyprev(VNS_ELEM_KEY, t, -1), 0);
-  EXPECT_EQ(cr(), e10);
-  EXPECT_EQ(dt_keyprev(VNS_ELEM_KEY, t, -1), S_NOTFOUND);
-  EXPECT_EQ(cr(), e10);
-  ASSERT_EQ(dt_keylast(VNS_ELEM_KEY, t, -1), 0);
-  EXPECT_EQ(cr(), e20);
-  EXPECT_EQ(dt_keynext(VNS_ELEM_KEY, t, -1), S_NOTFOUND);
-  EXPECT_EQ(dt_keyfind(SILO_PATH, &k, t, -1), S_NOTKEY);
-  EXPECT_EQ(dt_keyfind(999999, &k, t, -1), S_INVFLD);
   ASSERT_EQ(dt_trend(t), 0);
 }
 
@@ -177,14 +126,6 @@ TEST_F(Dt, SetsFindAndDisconnect) {
   EXPECT_EQ(cr(), v[2]);
   EXPECT_EQ(dt_findnm(VNS_ELEM_VER_SET, t, -1), S_EOS);
   EXPECT_EQ(cr(), v[2]);
-  // setmr from the member side finds the owner.
-  ASSERT_EQ(dt_crset(&v[0], t, -1), 0);
-  ASSERT_EQ(dt_setmr(VNS_ELEM_VER_SET, t, -1), 0);
-  DB_ADDR o;
-  ASSERT_EQ(dt_csoget(VNS_ELEM_VER_SET, &o, t, -1), 0);
-  EXPECT_EQ(o, el);
-  ASSERT_EQ(dt_findnm(VNS_ELEM_VER_SET, t, -1), 0);
-  EXPECT_EQ(cr(), v[2]);
   // The owner of a non-empty set cannot go; a member cannot be plainly deleted.
   ASSERT_EQ(dt_setro(VNS_ELEM_VER_SET, t, -1), 0);
   EXPECT_EQ(cr(), el);
@@ -192,133 +133,11 @@ TEST_F(Dt, SetsFindAndDisconnect) {
   EXPECT_EQ(dt_crset(&v[0], t, -1), 0);
   EXPECT_EQ(dt_delete(t, -1), S_ISMEM);
   EXPECT_EQ(dt_setor(VNS_ELEM_VER_SET, t, -1), S_INVOWN);
-  // Emptying a set by disdel + findfm.
-  ASSERT_EQ(dt_crset(&el, t, -1), 0);
-  ASSERT_EQ(dt_setor(VNS_ELEM_VER_SET, t, -1), 0);
-  int gone = 0;
-  while (dt_findfm(VNS_ELEM_VER_SET, t, -1) == 0) {
-    ASSERT_EQ(dt_disdel(t, -1), 0);
-    gone++;
-  }
-  EXPECT_EQ(gone, 2);
-  EXPECT_EQ(dt_crset(&v[0], t, -1), S_DELETED);
-  DB_ADDR bogus = (DB_ADDR)30 << 26 | 1;
-  EXPECT_EQ(dt_crset(&bogus, t, -1), S_INVADDR);
-  ASSERT_EQ(dt_trend(t), 0);
-}
-
-TEST_F(Dt, ScanSurvivesDeletingItsRowAndAbortRestores) {
-  ASSERT_EQ(dt_trbegin("t", t), 0);
-  for (int i = 0; i < 10; i++) new_elem(2, i);
-  ASSERT_EQ(dt_trend(t), 0);
-  std::string before = rectest::dump(t);
-  ASSERT_EQ(dt_trbegin("t", t), 0);
-  int seen = 0;
-  for (int st = dt_recfrst(VNS_DB_ELEM, t, -1); st == 0; st = dt_recnext(t, -1)) {
-    seen++;
-    ASSERT_EQ(dt_disdel(t, -1), 0);
-  }
-  EXPECT_EQ(seen, 10);
-  EXPECT_EQ(dt_recfrst(VNS_DB_ELEM, t, -1), S_NOTFOUND);
-  new_elem(3, 3);
-  ASSERT_EQ(dt_trabort(t), 0);
-  EXPECT_EQ(rectest::dump(t), before);
-  EXPECT_EQ(dt_crget(nullptr, t, -1), S_INVADDR);
-  DB_ADDR d;
-  EXPECT_EQ(dt_crget(&d, t, -1), S_NOCR) << "abort clears the positions";
-}
-
-TEST_F(Dt, OptionalKeys) {
-  ASSERT_EQ(dt_trbegin("t", t), 0);
-  DB_ADDR a = new_elem(1, 1);
-  new_elem(1, 2);
-  int32_t one = 1;
-  EXPECT_EQ(dt_keyfind(VNS_ELEM_CHECKEDOUT, &one, t, -1), S_NOTFOUND) << "optional keys exist only when stored";
-  ASSERT_EQ(dt_crset(&a, t, -1), 0);
-  ASSERT_EQ(dt_crwrite(VNS_ELEM_CHECKEDOUT, &one, t, -1), 0);
-  ASSERT_EQ(dt_keystore(VNS_ELEM_CHECKEDOUT, t, -1), 0);
-  ASSERT_EQ(dt_keystore(VNS_ELEM_CHECKEDOUT, t, -1), 0);
-  EXPECT_EQ(dt_keystore(VNS_ELEM_KEY, t, -1), S_NOTOPTKEY);
-  EXPECT_EQ(dt_keystore(DO_SESSION_HOLD, t, -1), S_BADFIELD);
-  ASSERT_EQ(dt_keyfind(VNS_ELEM_CHECKEDOUT, &one, t, -1), 0);
-  EXPECT_EQ(cr(), a);
-  int32_t zero = 0;
-  ASSERT_EQ(dt_crwrite(VNS_ELEM_CHECKEDOUT, &zero, t, -1), 0) << "a stored optional key follows the field";
-  EXPECT_EQ(dt_keyfind(VNS_ELEM_CHECKEDOUT, &one, t, -1), S_NOTFOUND);
-  ASSERT_EQ(dt_keyfind(VNS_ELEM_CHECKEDOUT, &zero, t, -1), 0);
-  ASSERT_EQ(dt_keydel(VNS_ELEM_CHECKEDOUT, t, -1), 0);
-  EXPECT_EQ(dt_keyfind(VNS_ELEM_CHECKEDOUT, &zero, t, -1), S_NOTFOUND);
-  ASSERT_EQ(dt_trend(t), 0);
-}
-
-TEST_F(Dt, RdcurrWrcurrAroundANestedWalk) {
-  ASSERT_EQ(dt_trbegin("t", t), 0);
-  DB_ADDR el = new_elem(1, 1);
-  ASSERT_EQ(dt_setor(VNS_ELEM_VER_SET, t, -1), 0);
-  for (int i = 0; i < 4; i++) {
-    new_ver(1, 10 + i);
-    ASSERT_EQ(dt_connect(VNS_ELEM_VER_SET, t, -1), 0);
-  }
-  DB_ADDR other = new_elem(1, 2);
-  ASSERT_EQ(dt_setor(VNS_ELEM_VER_SET, t, -1), 0);
-  new_ver(1, 50);
-  ASSERT_EQ(dt_connect(VNS_ELEM_VER_SET, t, -1), 0);
-  ASSERT_EQ(dt_crset(&el, t, -1), 0);
-  ASSERT_EQ(dt_setor(VNS_ELEM_VER_SET, t, -1), 0);
-  ASSERT_EQ(dt_findfm(VNS_ELEM_VER_SET, t, -1), 0);
-  ASSERT_EQ(dt_findnm(VNS_ELEM_VER_SET, t, -1), 0);
-  DB_ADDR at = cr();
-  key_silo_dbid k{1, 11};
-  ASSERT_EQ(dt_keyfind(VNS_VER_KEY, &k, t, -1), 0);
-  DB_ADDR* blk;
-  int size;
-  ASSERT_EQ(dt_rdcurr(&blk, &size, t), 0);
-  EXPECT_GT(size, 0);
-  // A nested walk of another owner, including a delete, then restore.
-  ASSERT_EQ(dt_crset(&other, t, -1), 0);
-  ASSERT_EQ(dt_setor(VNS_ELEM_VER_SET, t, -1), 0);
-  ASSERT_EQ(dt_findfm(VNS_ELEM_VER_SET, t, -1), 0);
-  ASSERT_EQ(dt_disdel(t, -1), 0);
-  ASSERT_EQ(dt_keylast(VNS_VER_KEY, t, -1), 0);
-  ASSERT_EQ(dt_wrcurr(blk, t), 0);
-  EXPECT_EQ(cr(), at);
-  ASSERT_EQ(dt_findnm(VNS_ELEM_VER_SET, t, -1), 0);
-  key_silo_dbid got{};
-  ASSERT_EQ(dt_keynext(VNS_VER_KEY, t, -1), 0);
-  ASSERT_EQ(dt_keyread(&got, t), 0);
-  EXPECT_EQ(got.dbid, 12u);
-  ASSERT_EQ(dt_trend(t), 0);
-}
-
-TEST_F(Dt, NestedStructFieldAndTypes) {
-  ASSERT_EQ(dt_trbegin("t", t), 0);
-  db_inode in{};
-  in.inode_silo_dba = 4;
-  in.inode_fstat.mode = 0644;
-  in.inode_fstat.usid_len = 3;
-  memcpy(in.inode_fstat.usid, "bob", 3);
-  ASSERT_EQ(dt_fillnew(DB_INODE, &in, t, -1), 0);
-  int rec;
-  ASSERT_EQ(dt_crtype(&rec, t, -1), 0);
-  EXPECT_EQ(rec, DB_INODE);
-  db_fstat fs{};
-  ASSERT_EQ(dt_crread(INODE_FSTAT, &fs, t, -1), 0);
-  EXPECT_EQ(fs.mode, 0644u);
-  EXPECT_EQ(memcmp(fs.usid, "bob", 3), 0);
-  fs.nlink = 2;
-  ASSERT_EQ(dt_crwrite(INODE_FSTAT, &fs, t, -1), 0);
-  uint32_t nlink = 0;
-  ASSERT_EQ(dt_crread(INODE_FSTAT_NLINK, &nlink, t, -1), 0);
-  EXPECT_EQ(nlink, 2u);
-  EXPECT_EQ(dt_crread(INODE_KEY, &nlink, t, -1), S_ISCOMKEY);
-  EXPECT_EQ(dt_crread(VNS_OBJ_DBID, &nlink, t, -1), S_BADFIELD);
   ASSERT_EQ(dt_trend(t), 0);
 }
 
 TEST_F(Dt, ErrorTexts) {
   EXPECT_EQ(dberr_code(-904), "TVRDB0904E *** view database engine error -904 - unable to allocate sufficient memory");
-  EXPECT_STREQ(dt_errtext(-16), "record not connected to set");
-  EXPECT_STREQ(dt_errtext(-925), "error in Transaction Journaling File");
 }
 
 TEST(DurableCommit, OneJournalSyncPerCommitAndNoneForReadOnly) {
