@@ -7,6 +7,7 @@
 #include <unistd.h>
 
 #include <cerrno>
+#include <climits>
 #include <clocale>
 #include <condition_variable>
 #include <cstdio>
@@ -212,9 +213,9 @@ int tavrel_agent_main(int argc, char** argv) {
       if (i + 1 >= argc) usage_error(argv0);  // an option without its value
       std::string value = argv[++i];
       if (arg == "-trace_level") {
-        long level;
-        if (!strutl_strtol(value, &level) || level < 0 || level > TRACE_LEVEL_DEMO) usage_error(argv0);
-        trace_level = static_cast<int>(level);
+        // A base-10 number as strtol reads it: text that is no number is level 0 (no trace).
+        long level = std::strtol(value.c_str(), nullptr, 10);
+        trace_level = level > INT_MAX ? INT_MAX : level < INT_MIN ? INT_MIN : static_cast<int>(level);
       } else {
         trace_subsystem = value;
       }

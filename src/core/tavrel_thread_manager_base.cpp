@@ -1,5 +1,7 @@
 #include "core/tavrel_thread_manager_base.h"
 
+#include <cstdlib>
+
 #include <cerrno>
 #include <cstring>
 
@@ -91,7 +93,8 @@ int Tavrel_Thread_Manager_Base::initialize() {
   Tavrel_Trace trace(TAVREL, "Tavrel_Thread_Manager_Base", "initialize");
   // The settings are read before the queue mutex is taken: the configuration's lock is an outer one.
   Tavrel_Config* config = Tavrel_Config::get_instance();
-  const long wanted = config->get_int_param(Tavrel_Config::NUM_CMAPI_THREADS, 7);
+  // A base-10 number as strtol reads it (the setting is "7" unless the file says otherwise).
+  const long wanted = std::strtol(config->find(Tavrel_Config::NUM_CMAPI_THREADS).c_str(), nullptr, 10);
   std::unique_lock<Tavrel_Mutex> q(m_queue_mutex);
   if (m_initialized) return 0;
   int status = make_shutdown_pipes();

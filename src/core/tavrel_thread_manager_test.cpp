@@ -76,10 +76,11 @@ class TestRequest : public Tavrel_Request {
 
 class ThreadManagerTest : public ::testing::Test {
  protected:
-  Tavrel_Thread_Manager_Base* start(int pool) {
+  Tavrel_Thread_Manager_Base* start(int pool) { return start(std::to_string(pool)); }
+  Tavrel_Thread_Manager_Base* start(const std::string& pool) {
     setenv("HOME", "/nonexistent-tavrel-home", 1);
     Tavrel_Config::reset_for_test();
-    Tavrel_Config::get_instance()->load_text("tavrelNumCmapi=" + std::to_string(pool) + "\n");
+    Tavrel_Config::get_instance()->load_text("tavrelNumCmapi=" + pool + "\n");
     mgr = Tavrel_Thread_Manager_Base::get_instance();
     EXPECT_EQ(mgr->initialize(), 0);
     EXPECT_EQ(mgr->initialize(), 0);  // a second call is harmless
@@ -108,15 +109,16 @@ TEST_F(ThreadManagerTest, PoolSizeRules) {
     int pool;
     int fg, bg;              // submitted
     int want_fg, want_bg;    // running at once while the gate is shut
+    const char* setting;     // the setting's text when it is not just the number
   } cases[] = {
-      {2, 3, 3, 1, 1},  // one of each kind, never two of a kind
-      {3, 4, 4, 2, 1},  // two fg leave one thread; bg may take it
-      {7, 8, 3, 6, 1},  // six fg; the seventh thread goes to low priority
+      {2, 3, 3, 1, 1, nullptr},  // one of each kind, never two of a kind
+      {3, 4, 4, 2, 1, "3 pool threads"},  // two fg leave one thread; bg may take it; read as strtol reads
+      {7, 8, 3, 6, 1, nullptr},  // six fg; the seventh thread goes to low priority
   };
   for (auto& c : cases) {
     board.~Board();
     new (&board) Board();
-    start(c.pool);
+    c.setting ? start(std::string(c.setting)) : start(c.pool);
     submit(Tavrel_Request::FOREGROUND, 100, c.fg);
     submit(Tavrel_Request::LOW_PRIORITY, 200, c.bg);
     ASSERT_TRUE(board.wait_for([&] { return board.running[1] == c.want_fg && board.running[0] == c.want_bg; }))

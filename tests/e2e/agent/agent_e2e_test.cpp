@@ -193,6 +193,7 @@ TEST(AgentProcess, CommandLine) {
       {"-version", 0, "tavrel_agent"},
       {"-trace_level 3 /tmp/x", 1, ""},
       {"/tmp/tavrel-never -trace_level", 1, ""},
+      {"/tmp/tavrel-never -trace_level abc -trace_level 99 -help", 0, "<view_storage_location>"},  // numbers as read
       {"/tmp/tavrel-never -trace_subsystem", 1, ""},
       {"/tmp/tavrel-never -bogus", 1, ""},
       {"/tmp/tavrel-never -help", 0, "<view_storage_location>"},
