@@ -256,35 +256,6 @@ TEST_F(KfsmFuse, FilesListAndReadThroughTheMountAndInvalidationReachesTheKernel)
   EXPECT_EQ(io().view_get_xstat(root + "/" + kViewTag + "/elsewhere", &vs, nullptr, nullptr, nullptr, nullptr), TBS_ST_NO_SUCH_NAME);
 }
 
-TEST_F(KfsmFuse, BusyMountIsRefusedAndStaysMounted) {
-  start_agent();
-  ASSERT_EQ(io().mount_silo("/proj", "/silos/proj", oid_n(1), oid_n(2)), 0);
-  int go[2], ready[2];
-  ASSERT_EQ(pipe(go), 0);
-  ASSERT_EQ(pipe(ready), 0);
-  pid_t child = fork();
-  ASSERT_GE(child, 0);
-  if (child == 0) {
-    char c = chdir(mp.c_str()) == 0 ? 'y' : 'n';
-    if (write(ready[1], &c, 1) != 1) _exit(2);
-    if (read(go[0], &c, 1) < 0) _exit(3);
-    _exit(0);
-  }
-  char c = 0;
-  ASSERT_EQ(read(ready[0], &c, 1), 1);
-  ASSERT_EQ(c, 'y') << "the child could not enter the mount";
-  int raw = -1;
-  EXPECT_EQ(io().umount_silo("/proj", oid_n(1), &raw), TAVREL_ST_FAILURE);
-  EXPECT_EQ(raw, TBS_ST_BUSY);
-  EXPECT_FALSE(mount_line(mp).empty()) << "a busy mount was taken away";
-  ASSERT_EQ(write(go[1], "x", 1), 1);
-  int status;
-  waitpid(child, &status, 0);
-  for (int f : {go[0], go[1], ready[0], ready[1]}) close(f);
-  EXPECT_EQ(io().umount_silo("/proj", oid_n(1), &raw), 0);
-  EXPECT_TRUE(mount_line(mp).empty());
-}
-
 TEST_F(KfsmFuse, EndOfViewLetsTheThreadsGoDetachesTheMountsAndAStartAgainWorks) {
   start_agent();
   ASSERT_EQ(io().mount_silo("/proj", "/silos/proj", oid_n(1), oid_n(2)), 0);
