@@ -84,6 +84,16 @@ void ensure_utf8_locale() {
   if (!cs || strcmp(cs, "UTF-8") != 0) setlocale(LC_ALL, "C.UTF-8");
 }
 
+// The root element's name of an XML document, after any declaration, comment or doctype.
+std::string root_name(const std::string& doc) {
+  size_t at = doc.find('<');
+  while (at != std::string::npos && at + 1 < doc.size() && (doc[at + 1] == '?' || doc[at + 1] == '!'))
+    at = doc.find('<', at + 1);
+  if (at == std::string::npos) return "";
+  size_t end = doc.find_first_of(" \t\r\n/>", at + 1);
+  return doc.substr(at + 1, end == std::string::npos ? std::string::npos : end - at - 1);
+}
+
 }  // namespace
 
 int fail(int code, const std::string& message) {
@@ -110,6 +120,7 @@ int call(Options& opts, const std::string& document, client::Response* reply, st
   client::Connection::Status st = conn.connect(opts.storage, ms);
   if (st == client::Connection::kTimeout) return fail(kNoAgent, "the view is not running: " + conn.error());
   if (st != client::Connection::kOk) return fail(kNoAgent, conn.error());
+  opts.sent_op = root_name(document);
   st = conn.request(document, raw, ms);
   if (st == client::Connection::kTimeout) return fail(kTimeout, "no reply within " + std::to_string(opts.timeout_s) + " s");
   if (st == client::Connection::kClosed) return fail(kEnded, "the view ended while the request was in flight");
@@ -126,7 +137,13 @@ int print_reply(const Options& opts, const client::Response& r, const std::strin
   } else if (opts.output == Output::kJson) {
     printf("%s\n", client::to_json(r).c_str());
   } else if (r.status != 0) {
-    fprintf(stderr, "tavrel: %s failed: %s (%d)\n", r.root.tag.c_str(), client::status_name(r.status), r.status);
+    // An XMLError 20020 says the agent did not recognise the request: name the one that was sent (the
+    // agent's own words, such as a parse error, follow indented).
+    if (r.status == TAVREL_ST_UNRECOGNIZED && r.root.tag == "XMLError" && !opts.sent_op.empty())
+      fprintf(stderr, "tavrel: the agent does not know the request \"%s\" (%s, %d)\n", opts.sent_op.c_str(),
+              client::status_name(r.status), r.status);
+    else
+      fprintf(stderr, "tavrel: %s failed: %s (%d)\n", r.root.tag.c_str(), client::status_name(r.status), r.status);
     size_t pos = 0;
     while (pos < r.message.size()) {
       size_t nl = r.message.find('\n', pos);

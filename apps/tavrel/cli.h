@@ -28,6 +28,7 @@ struct Options {
   bool quiet = false;
   std::string trace;        // N[:SUBS]
   std::string agent_log;    // where the agent's standard error goes
+  std::string sent_op;      // root element of the last request sent to the view, set by call()
   // Subcommand arguments: flags and values by name, positionals in order.
   std::map<std::string, std::vector<std::string>> values;
   std::vector<std::string> positional;
@@ -60,6 +61,8 @@ client::XmlNode request_root(const Options& opts, const std::string& op, bool wi
 // Sends one request to the running view and prints the reply; returns the exit code.
 int call_and_print(Options& opts, const client::XmlNode& request);
 int call(Options& opts, const std::string& document, client::Response* reply, std::string* raw);
+// Human form of a failure: "<Op> failed: <NAME> (<code>)", or for a request the agent does not know
+// (20020) the request that was sent, from opts.sent_op.
 int print_reply(const Options& opts, const client::Response& reply, const std::string& raw);
 int fail(int code, const std::string& message);
 // The `server` block from the server options; an error text when a secret could not be read.

@@ -239,24 +239,6 @@ int cmd_connect(Options& opts) {
 
 int cmd_disconnect(Options& opts) { return call_and_print(opts, request_root(opts, "Disconnect")); }
 
-int cmd_getcs(Options& opts) {
-  client::XmlNode req = request_root(opts, "GetConfigSpec");
-  if (opts.has("--refresh")) req.attr("refresh", "true");
-  client::Response reply;
-  std::string raw;
-  int rc = call(opts, req.to_document(), &reply, &raw);
-  if (rc != kOk) return rc;
-  std::string part = opts.get("--part");
-  if (reply.status == 0 && !part.empty() && opts.output == Output::kHuman) {
-    const char* tag = part == "elem" ? "element-rules" : part == "tkm" ? "tkm-element-rules" : part == "load" ? "load-rules" : nullptr;
-    if (!tag) return fail(kUsage, "--part takes elem, tkm or load");
-    const client::XmlNode* n = reply.root.find(tag);
-    if (n) fputs(n->text.c_str(), stdout);
-    return kOk;
-  }
-  return print_reply(opts, reply, raw);
-}
-
 int cmd_raw(Options& opts) {
   std::string source = opts.positional.empty() ? "-" : opts.positional[0];
   std::string doc;
@@ -283,6 +265,8 @@ int cmd_raw(Options& opts) {
 
 }  // namespace
 
+// Only commands whose requests the agent serves are listed: a command appears here together with its
+// operation in the agent's table.
 const std::vector<Command>& commands() {
   static const std::vector<Command> table = {
       {"mkview", "make a new view storage and start its agent",
@@ -305,10 +289,6 @@ const std::vector<Command>& commands() {
       {"status", "whether the view runs, and its process", "", {}, {}, cmd_status},
       {"connect", "bring the view online, with new credentials", "", with_server({}), {}, cmd_connect},
       {"disconnect", "take the view offline", "", {}, {}, cmd_disconnect},
-      {"getcs", "print the view's config spec",
-       "  --refresh                   ask the server again\n"
-       "  --part elem|tkm|load        print one part only\n",
-       {"--part"}, {"--refresh"}, cmd_getcs},
       {"raw", "send an XML request from FILE or standard input and print the reply",
        "  --add-txid                  add a tx-id attribute to the root\n", {}, {"--add-txid"}, cmd_raw},
   };

@@ -94,5 +94,6 @@ Curl_Util::Transfer_Limits Curl_Util::get_transfer_limits() {
   l.connect_timeout_ms = bounded_setting(config, CONF_CONNECT_TIMEOUT_MS, DEFAULT_CONNECT_TIMEOUT_MS, 1, MAX_TIME_MS);
   l.low_speed_time_ms = bounded_setting(config, CONF_LOW_SPEED_TIME_MS, DEFAULT_LOW_SPEED_TIME_MS, 1, MAX_TIME_MS);
   l.low_speed_limit = bounded_setting(config, CONF_LOW_SPEED_LIMIT, DEFAULT_LOW_SPEED_LIMIT, 0, MAX_LOW_SPEED_LIMIT);
+  l.request_timeout_ms = bounded_setting(config, CONF_REQUEST_TIMEOUT_MS, DEFAULT_REQUEST_TIMEOUT_MS, 0, MAX_TIME_MS);
   return l;
 }

@@ -18,6 +18,8 @@
 //   tavrelWanLowSpeedTimeMs    a transfer that moves fewer than tavrelWanLowSpeedLimit bytes per second
 //   tavrelWanLowSpeedLimit     over a whole window of this many ms is aborted (defaults 30000 ms, 1 B/s;
 //                              a limit of 0 turns the check off)
+//   tavrelWanRequestTimeoutMs  the whole request, connection to last byte (default 3600000, one hour;
+//                              0: no overall limit); it ends a reply that trickles just above the floor
 // A value that is not a number, or out of range, counts as the default.
 //
 // The host configuration directory is $TAVREL_HOST_CONFIG_DIR when set and not empty, else
@@ -42,9 +44,11 @@ class Curl_Util {
   static constexpr const char* CONF_CONNECT_TIMEOUT_MS = "tavrelWanConnectTimeoutMs";
   static constexpr const char* CONF_LOW_SPEED_TIME_MS = "tavrelWanLowSpeedTimeMs";
   static constexpr const char* CONF_LOW_SPEED_LIMIT = "tavrelWanLowSpeedLimit";
+  static constexpr const char* CONF_REQUEST_TIMEOUT_MS = "tavrelWanRequestTimeoutMs";
   static constexpr long DEFAULT_CONNECT_TIMEOUT_MS = 10000;
   static constexpr long DEFAULT_LOW_SPEED_TIME_MS = 30000;
   static constexpr long DEFAULT_LOW_SPEED_LIMIT = 1;
+  static constexpr long DEFAULT_REQUEST_TIMEOUT_MS = 3600L * 1000;
   static constexpr long MAX_TIME_MS = 24L * 3600 * 1000;
   static constexpr long MAX_LOW_SPEED_LIMIT = 1L << 30;
 
@@ -52,6 +56,7 @@ class Curl_Util {
     long connect_timeout_ms = DEFAULT_CONNECT_TIMEOUT_MS;
     long low_speed_time_ms = DEFAULT_LOW_SPEED_TIME_MS;
     long low_speed_limit = DEFAULT_LOW_SPEED_LIMIT;  // bytes per second; 0: no check
+    long request_timeout_ms = DEFAULT_REQUEST_TIMEOUT_MS;  // 0: no overall limit
   };
 
   // Once per process: curl_global_init with all features. The TLS library (OpenSSL 1.1 and later)

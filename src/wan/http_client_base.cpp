@@ -99,6 +99,7 @@ int Http_Client_Base::init() {
   m_limits = Curl_Util::get_transfer_limits();
   TVR_SETOPT(CURLOPT_HTTP_VERSION, static_cast<long>(CURL_HTTP_VERSION_1_1));
   TVR_SETOPT(CURLOPT_CONNECTTIMEOUT_MS, m_limits.connect_timeout_ms);
+  TVR_SETOPT(CURLOPT_TIMEOUT_MS, m_limits.request_timeout_ms);  // 0: none
   TVR_SETOPT(CURLOPT_XFERINFOFUNCTION, &Http_Client_Base::progress_callback);
   TVR_SETOPT(CURLOPT_XFERINFODATA, static_cast<void*>(this));
   TVR_SETOPT(CURLOPT_NOPROGRESS, 0L);
@@ -176,7 +177,16 @@ int Http_Client_Base::execute() {
       long bytes = static_cast<long>(m_limits.low_speed_limit * m_limits.low_speed_time_ms / 1000);
       error_message += rclient_msg(RCLIENT_MSG_STALLED, bytes < 1 ? 1L : bytes, m_limits.low_speed_time_ms);
     } else if (res == CURLE_OPERATION_TIMEDOUT) {
-      error_message += rclient_msg(RCLIENT_MSG_CONNECT_TIMEOUT, m_limits.connect_timeout_ms);
+      // Connected means the request was ready to go: then only the overall limit can have run out.
+      curl_off_t pretransfer = 0;
+      curl_easy_getinfo(curl, CURLINFO_PRETRANSFER_TIME_T, &pretransfer);
+      long request_ms = m_limits.request_timeout_ms;
+      long connect_ms = m_limits.connect_timeout_ms;
+      if (request_ms > 0 && request_ms < connect_ms) connect_ms = request_ms;  // the shorter one bounds connecting
+      if (pretransfer > 0 && request_ms > 0)
+        error_message += rclient_msg(RCLIENT_MSG_REQUEST_TIMEOUT, request_ms);
+      else
+        error_message += rclient_msg(RCLIENT_MSG_CONNECT_TIMEOUT, connect_ms);
     }
     trace.writeTrace(TRACE_LEVEL_2, "%s", error_message.c_str());
     return RCLIENT_ST_TRANSPORT;

@@ -19,7 +19,9 @@
 // Time limits (Curl_Util::Transfer_Limits): the connection phase, TCP and TLS, is bounded by the
 // connect timeout; once connected, a transfer that has moved fewer than limit x window bytes over the
 // last low_speed_time_ms is aborted (stalled() is then true). The check runs whenever libcurl reports
-// progress, which is at least once a second while nothing moves.
+// progress, which is at least once a second while nothing moves. The whole request, connection
+// included, is bounded by request_timeout_ms unless that is 0: a reply that trickles just fast enough
+// to pass the low-speed check still ends.
 //
 // Not thread-safe: an object belongs to one thread; the handle is exclusive while borrowed.
 #pragma once

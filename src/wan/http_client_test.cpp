@@ -103,9 +103,9 @@ TEST_F(ServedHttpTest, StalledReplyIsAbandoned) {
   }
 }
 
-// A reply sent a few bytes at a time: it moves, so it is not abandoned; but below a higher rate limit
-// the same trickle counts as stalled.
-TEST_F(ServedHttpTest, LowSpeedLimitJudgesTheRate) {
+// A reply sent a few bytes at a time: it moves, so the low-speed check lets it finish; a higher rate
+// limit, or an overall limit shorter than the trickle, ends it, and the session serves the next request.
+TEST_F(ServedHttpTest, SlowRepliesAgainstTheLimits) {
   auto doc = std::make_shared<std::string>(reply_doc({"trickle"}, 0));
   ASSERT_GT(doc->size(), 180u);  // over 0.6 s of trickle: two windows and more
   server->on_rpc("R", [doc](const Recorded&, httplib::Response& res) {
@@ -118,15 +118,21 @@ TEST_F(ServedHttpTest, LowSpeedLimitJudgesTheRate) {
       return sink.write(doc->data() + offset, std::min<size_t>(8, doc->size() - offset));
     });
   });
-  TempHome::set_config("tavrelWanLowSpeedTimeMs=300\ntavrelWanLowSpeedLimit=1\n");
-  Test_Cmd slow_ok("R");
-  EXPECT_EQ(slow_ok.run(), 0) << slow_ok.get_status_message();
-  EXPECT_EQ(slow_ok.get_status_code(), 0);
-  EXPECT_EQ(slow_ok.parts.size(), 1u);
-  TempHome::set_config("tavrelWanLowSpeedTimeMs=300\ntavrelWanLowSpeedLimit=100000\n");
-  Test_Cmd too_slow("R");
-  EXPECT_EQ(too_slow.run(), RCLIENT_ST_TRANSPORT);
-  EXPECT_THAT(too_slow.get_status_message(), HasSubstr("Transfer stalled: fewer than 30000 bytes in 300 ms.\n"));
+  for (auto [conf, failure] : std::vector<std::pair<std::string, std::string>>{
+           {"tavrelWanRequestTimeoutMs=300\n", "Request not finished within 300 ms.\n"},
+           {"tavrelWanLowSpeedTimeMs=300\ntavrelWanLowSpeedLimit=1\n", ""},
+           {"tavrelWanLowSpeedTimeMs=300\ntavrelWanLowSpeedLimit=100000\n",
+            "Transfer stalled: fewer than 30000 bytes in 300 ms.\n"}}) {
+    SCOPED_TRACE(conf);
+    TempHome::set_config(conf);
+    Test_Cmd cmd("R");
+    EXPECT_EQ(cmd.run(), failure.empty() ? 0 : RCLIENT_ST_TRANSPORT) << cmd.get_status_message();
+    if (failure.empty()) {
+      EXPECT_EQ(cmd.parts.size(), 1u);
+    } else {
+      EXPECT_THAT(cmd.get_status_message(), HasSubstr(failure));
+    }
+  }
 }
 
 TEST_F(HttpTest, KeystoreAndPasswordMustComeTogether) {
@@ -143,17 +149,17 @@ TEST_F(HttpTest, KeystoreAndPasswordMustComeTogether) {
   EXPECT_EQ(raw.requests().size(), 1u);  // nothing left the machine before the good combination
 }
 
-// Missing, zero, negative, unreadable or absurd values give the defaults.
+// Values below their floor, unreadable or beyond their ceiling give the defaults.
 TEST_F(HttpTest, TransferLimitsFromTheConfiguration) {
   for (auto [conf, expect] : std::vector<std::pair<std::string, std::string>>{
-           {"", "10000 30000 1"},
-           {"tavrelWanConnectTimeoutMs=250\ntavrelWanLowSpeedTimeMs=900\ntavrelWanLowSpeedLimit=0\n", "250 900 0"},
-           {"tavrelWanConnectTimeoutMs=0\ntavrelWanLowSpeedTimeMs=-5\ntavrelWanLowSpeedLimit=-1\n", "10000 30000 1"},
-           {"tavrelWanConnectTimeoutMs=ten\ntavrelWanLowSpeedTimeMs=999999999999\n", "10000 30000 1"}}) {
+           {"tavrelWanConnectTimeoutMs=250\ntavrelWanLowSpeedTimeMs=900\ntavrelWanLowSpeedLimit=0\n"
+            "tavrelWanRequestTimeoutMs=0\n", "250 900 0 0"},
+           {"tavrelWanConnectTimeoutMs=0\ntavrelWanLowSpeedTimeMs=ten\ntavrelWanLowSpeedLimit=999999999999\n"
+            "tavrelWanRequestTimeoutMs=86400001\n", "10000 30000 1 3600000"}}) {
     TempHome::set_config(conf);
     auto l = Curl_Util::get_transfer_limits();
     EXPECT_EQ(std::to_string(l.connect_timeout_ms) + " " + std::to_string(l.low_speed_time_ms) + " " +
-                  std::to_string(l.low_speed_limit),
+                  std::to_string(l.low_speed_limit) + " " + std::to_string(l.request_timeout_ms),
               expect)
         << conf;
   }

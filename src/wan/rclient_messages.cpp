@@ -21,6 +21,7 @@ const char* const kTexts[] = {
     "Transfer stalled: fewer than %ld bytes in %ld ms.\n",
     "No connection to the WAN server within %ld ms.\n",
     "Reply part larger than %ld bytes refused.\n",
+    "Request not finished within %ld ms.\n",
 };
 }  // namespace
 

@@ -28,6 +28,7 @@ enum : int {
   RCLIENT_MSG_STALLED = 14,        // "Transfer stalled: fewer than %ld bytes in %ld ms.\n"
   RCLIENT_MSG_CONNECT_TIMEOUT = 15,  // "No connection to the WAN server within %ld ms.\n"
   RCLIENT_MSG_REPLY_TOO_LARGE = 16,  // "Reply part larger than %ld bytes refused.\n"
+  RCLIENT_MSG_REQUEST_TIMEOUT = 17,  // "Request not finished within %ld ms.\n"
 };
 
 extern const _imsg_message_table_t _rclient_msg_table;
