@@ -2,7 +2,13 @@
 // It listens on the module socket, keeps the registered views, and shows every mounted SILO of a view
 // as a FUSE file system at <root>/<view tag>/<silo tag>.
 //
-//   tavrel_kfsmd [--socket PATH] [--root DIR] [--lpc-wait SECONDS] [--daemon] [--pid-file PATH]
+//   tavrel_kfsmd [--socket PATH] [--root DIR] [--lpc-wait SECONDS] [--hello-timeout SECONDS]
+//                [--max-conns N] [--max-conns-per-user N] [--daemon] [--pid-file PATH]
+//
+// A new connection must say hello within --hello-timeout seconds (5). Users other than root may hold
+// --max-conns-per-user connections each (512) and --max-conns all together (2048); the per-user cap must
+// be below the total. A connection over a cap is refused with "too many connections"; root's are never.
+// The limit of open files is raised to its hard limit, as every connection holds a descriptor.
 //
 // Defaults: the socket $TAVREL_KFSM_SOCKET or /run/tavrel/kfsm.sock, the root $TAVREL_VIEW_ROOT or
 // /view. With --daemon the program detaches and its first process exits 0 once the socket is ready
@@ -10,6 +16,7 @@
 // (1046) and its mounts detached.
 #include <fcntl.h>
 #include <signal.h>
+#include <sys/resource.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -28,7 +35,11 @@ namespace {
 
 void usage() {
   fprintf(stderr,
-          "usage: tavrel_kfsmd [--socket PATH] [--root DIR] [--lpc-wait SECONDS] [--daemon] [--pid-file PATH]\n");
+          "usage: tavrel_kfsmd [--socket PATH] [--root DIR] [--lpc-wait SECONDS] [--hello-timeout SECONDS]\n"
+          "                    [--max-conns N] [--max-conns-per-user N] [--daemon] [--pid-file PATH]\n"
+          "  --hello-timeout  seconds a new connection may stay silent before it is closed (5)\n"
+          "  --max-conns      connections open at once, all users but root together (2048)\n"
+          "  --max-conns-per-user  connections open at once of one user other than root (512), below --max-conns\n");
 }
 
 // mkdir -p with mode 0755 for the missing parts.
@@ -67,7 +78,25 @@ int main(int argc, char** argv) {
       return true;
     };
     std::string v;
-    if (a == "--socket" && value(&v)) {
+    // A whole number in [lo, hi] from the next argument.
+    auto number = [&](long lo, long hi, long* out) {
+      if (!value(&v)) return false;
+      char* end = nullptr;
+      errno = 0;
+      *out = strtol(v.c_str(), &end, 10);
+      return end && !*end && !v.empty() && errno == 0 && *out >= lo && *out <= hi;
+    };
+    long n = 0;
+    if (a == "--hello-timeout" || a == "--max-conns" || a == "--max-conns-per-user") {
+      const bool secs = a == "--hello-timeout";
+      if (!number(1, secs ? 3600 : 1000000, &n)) {
+        usage();
+        return 1;
+      }
+      if (secs) opt.hello_timeout_ms = static_cast<int>(n * 1000);
+      else if (a == "--max-conns") opt.max_connections = static_cast<size_t>(n);
+      else opt.max_connections_per_user = static_cast<size_t>(n);
+    } else if (a == "--socket" && value(&v)) {
       opt.socket_path = v;
     } else if (a == "--root" && value(&v)) {
       opt.root = v;
@@ -96,6 +125,19 @@ int main(int argc, char** argv) {
     fprintf(stderr, "tavrel_kfsmd: the root and the socket must be absolute paths\n");
     return 1;
   }
+  if (opt.max_connections_per_user >= opt.max_connections) {
+    fprintf(stderr, "tavrel_kfsmd: --max-conns-per-user must be below --max-conns\n");
+    return 1;
+  }
+  struct rlimit files;
+  if (getrlimit(RLIMIT_NOFILE, &files) == 0 && files.rlim_cur < files.rlim_max) {
+    files.rlim_cur = files.rlim_max;
+    setrlimit(RLIMIT_NOFILE, &files);
+  }
+  if (getrlimit(RLIMIT_NOFILE, &files) == 0 && files.rlim_cur != RLIM_INFINITY &&
+      files.rlim_cur < opt.max_connections + 256)
+    fprintf(stderr, "tavrel_kfsmd: only %llu open files allowed; --max-conns %zu may not be reached\n",
+            static_cast<unsigned long long>(files.rlim_cur), opt.max_connections);
 
   int ready[2] = {-1, -1};
   if (daemon_mode) {

@@ -12,7 +12,12 @@ struct Kfsmd_Options {
   double negative_timeout = 5;    // seconds a cached "no such name" stays
   double attr_timeout_silo = 5;   // seconds attributes of a SILO object stay
   double attr_timeout_private = 1;
-  size_t max_connections = 1024;  // connections open at once, all users together
+  // Connections open at once. Root's connections count against neither cap. The per-user cap must stay
+  // below the total (the program refuses such settings), so that no one user can fill the daemon; it is
+  // large enough for a user's 64 views, each with its LPC threads and a downcall or two.
+  size_t max_connections = 2048;          // all users but root together
+  size_t max_connections_per_user = 512;  // one user (uid) but root
+  int hello_timeout_ms = 5 * 1000;        // how long a new connection may wait before its first frame
   size_t max_views = 1024;
   size_t max_views_per_user = 64;
   size_t max_mounts_per_view = 256;

@@ -176,4 +176,100 @@ TEST_F(DaemonSocket, AnotherUserCannotDriveAViewItDidNotRegister) {
   EXPECT_TRUE(rec.unmounts.empty());
 }
 
+// Caps small enough to reach: two connections per user, three of all users but root, and half a second
+// for a hello.
+class DaemonCaps : public Daemon_Test {
+ protected:
+  void SetUp() override {
+    Daemon_Test::SetUp();
+    if (HasFatalFailure()) return;
+    server->stop();
+    opt.max_connections = 3;
+    opt.max_connections_per_user = 2;
+    opt.hello_timeout_ms = 500;
+    server = std::make_unique<Kfsmd_Server>(opt, *registry);
+    ASSERT_EQ(server->start(), 0);
+  }
+  // Opens `n` handles in a child running as `uid` and returns the status of each open; the child keeps
+  // its connections until hold[1] is closed.
+  std::vector<int32_t> opens_as(uid_t uid, int n, int hold[2], std::vector<pid_t>* children) {
+    int report[2];
+    EXPECT_EQ(pipe(report), 0);
+    pid_t pid = fork();
+    if (pid == 0) {
+      close(report[0]);
+      close(hold[1]);
+      if (setgroups(0, nullptr) != 0 || setgid(uid) != 0 || setuid(uid) != 0) _exit(100);
+      for (int i = 0; i < n; ++i) {
+        int32_t err = 0;
+        kfsm_view_root_open_sil_type(1, &err, 1);
+        if (write(report[1], &err, sizeof err) != sizeof err) _exit(101);
+      }
+      close(report[1]);
+      char c;
+      while (read(hold[0], &c, 1) > 0) {
+      }
+      _exit(0);
+    }
+    children->push_back(pid);
+    close(report[1]);
+    std::vector<int32_t> got;
+    int32_t v;
+    while (read(report[0], &v, sizeof v) == sizeof v) got.push_back(v);
+    close(report[0]);
+    return got;
+  }
+  static void release(int hold[2], std::vector<pid_t>* children) {
+    close(hold[1]);
+    for (pid_t c : *children) {
+      int status = 0;
+      ASSERT_EQ(waitpid(c, &status, 0), c);
+      EXPECT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 0);
+    }
+    close(hold[0]);
+    children->clear();
+  }
+};
+
+TEST_F(DaemonCaps, AUserAtItsCapIsRefusedClearlyWhileOthersAndRootGetIn) {
+  int hold[2];
+  ASSERT_EQ(pipe(hold), 0);
+  std::vector<pid_t> children;
+  const int32_t refused = KFSM_ST_TOO_MANY_CONNECTIONS;
+  // The third connection of one user is refused; another user gets the one place left of the three.
+  EXPECT_EQ(opens_as(65534, 3, hold, &children), (std::vector<int32_t>{0, 0, refused}));
+  EXPECT_EQ(opens_as(65533, 2, hold, &children), (std::vector<int32_t>{0, refused}));
+  EXPECT_STREQ(tbs_strerror(refused), "too many connections to the module daemon");
+  EXPECT_EQ(tbs_status2errno(refused), EAGAIN);
+  // Root is never refused, and is served.
+  char buf[KFSM_VIEW_ROOT_MAX];
+  EXPECT_EQ(tbs_view_root_type(1, buf, "v"), 0);
+  EXPECT_EQ(std::string(buf), view_root("v"));
+  release(hold, &children);
+  // The places come back as the children's connections close.
+  EXPECT_TRUE(eventually([&] { return server->connection_count() == 0; }));
+  ASSERT_EQ(pipe(hold), 0);
+  EXPECT_EQ(opens_as(65534, 2, hold, &children), (std::vector<int32_t>{0, 0}));
+  release(hold, &children);
+}
+
+TEST_F(DaemonCaps, ASilentConnectionIsClosedAfterTheDeadlineAndASpeakingOneIsNot) {
+  int err = 0;
+  int h = kfsm_view_root_open_sil_type(1, &err, 1);
+  ASSERT_NE(h, 0);
+  Raw silent(opt.socket_path);
+  EXPECT_TRUE(silent.closed());
+  EXPECT_TRUE(eventually([&] { return server->connection_count() == 1; }));
+  // The handle that said hello in time is still served.
+  char root[KFSM_ROOT_BUF] = {};
+  kfsm_strbuf info[2] = {{root, 0, KFSM_ROOT_BUF}, {nullptr, 0, 0}};
+  kfsm_strbuf zero{nullptr, 0, 0};
+  int st = -1;
+  kfsm_cmd(h, &err, &st, KFSM_CMD_ROOT, 0, &zero, &zero, info, KFSM_ROOT_INFO_IMAGE);
+  EXPECT_EQ(err, 0);
+  EXPECT_EQ(st, 0);
+  EXPECT_EQ(std::string(root), opt.root);
+  kfsm_view_root_close_type(1, h);
+}
+
 }  // namespace

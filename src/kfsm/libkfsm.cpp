@@ -114,6 +114,11 @@ int open_handle(int type, int* err, bool quiet) {
     kfsm_frame answer;
     e = exchange(h.get(), KFSM_FRAME_HELLO, kfsm_hello_body(static_cast<uint32_t>(type), static_cast<uint32_t>(getpid())),
                  KFSM_FRAME_HELLO_OK, g_command_ms.load(), -1, &answer);
+    // A daemon that refuses the connection (a cap reached) answers before it reads the hello and closes:
+    // the hello or the wait for its answer then finds the connection reset, and the answer still queued.
+    if (e == ECONNRESET && wait_readable(h->fd, 0, -1) == 0 && kfsm_frame_recv(h->fd, &answer) == 0 &&
+        answer.type == KFSM_FRAME_HELLO_OK)
+      e = 0;
     int32_t s = 0;
     if (e == 0 && !kfsm_parse_status(answer.body, &s)) e = EPROTO;
     if (e == 0) st = s;
@@ -124,7 +129,7 @@ int open_handle(int type, int* err, bool quiet) {
   if (st != 0) {
     if (!quiet)
       imsg_print(IMSG_WARN, "Cannot open the module socket %s: %s (status %d)\n", path.c_str(),
-                 e ? strerror(e) : "refused", st);
+                 e ? strerror(e) : tbs_strerror(st), st);
     if (h->fd >= 0) close(h->fd);
     *err = st;
     return 0;

@@ -5,7 +5,8 @@
 // Handles. kfsm_view_root_open_type connects, announces itself (HELLO) and returns a small positive
 // number naming the connection (0 on failure, with *err a status of the 1000 range: 1001 when the
 // module is not there or does not answer, 1063 when the socket may not be used, 1084 for a socket
-// path too long, or the module's refusal). One handle is
+// path too long, or the module's refusal, such as 1089 when the caller's user already holds as many
+// connections as the daemon allows). One handle is
 // used by one thread at a time; the table of handles is guarded by a mutex. A handle whose transport
 // failed (timeout, protocol error, lost connection) stays broken: every later call on it fails with
 // ECONNRESET until it is closed. Nothing reconnects behind the caller's back.

@@ -26,6 +26,7 @@ constexpr Pair kTable[] = {
     {TBS_ST_BAD_ARG, EINVAL},          {TBS_ST_NOT_ALLOWED, EROFS},
     {TBS_ST_LOOP, ELOOP},              {TBS_ST_TOO_LONG, ENAMETOOLONG},
     {TBS_ST_NOT_EMPTY, ENOTEMPTY},     {TBS_ST_BUSY, EBUSY},
+    {KFSM_ST_TOO_MANY_CONNECTIONS, EAGAIN},
 };
 
 }  // namespace
@@ -44,4 +45,7 @@ tbs_status_t tbs_errno2status(int err) {
   return TBS_ST_FAILURE;
 }
 
-const char* tbs_strerror(tbs_status_t status) { return strerror(tbs_status2errno(status)); }
+const char* tbs_strerror(tbs_status_t status) {
+  if (status == KFSM_ST_TOO_MANY_CONNECTIONS) return "too many connections to the module daemon";
+  return strerror(tbs_status2errno(status));
+}

@@ -8,7 +8,9 @@
 //
 // Types and bodies (a result answers the request with the same sequence number):
 //   1 HELLO        u32 handle type, u32 pid of the caller
-//   2 HELLO_OK     i32 status (0: the handle is open)
+//   2 HELLO_OK     i32 status (0: the handle is open). A daemon that refuses a connection at once (a cap
+//                  reached) sends it with sequence 1 before reading the HELLO, then closes: the client
+//                  may find the connection reset and this frame still waiting to be read.
 //   3 MCB          a command image (kfsm_records.h): block, info, heap
 //   4 MCB_RESULT   an answer image: i32 err, block with status, info with outputs, heap
 //   5 CMD          as MCB, for the commands of kfsm_cmd (11, 20)
