@@ -32,7 +32,6 @@ TEST(ElementRules, ParseErrorsNameTheLine) {
       {"select src/a.c latest", "must start with the SILO tag"},
       {"select /p/**/x latest", "\"**\""},
       {"select * latest extra", "expected"},
-      {"select * label:", "unknown selector"},
       {"select /** latest", "needs a tag"},
   };
   for (const auto& c : cases) {
@@ -52,7 +51,6 @@ TEST(ElementRules, PatternMatching) {
       {"select * none", "/p/a/b", true},
       {"select *.c none", "/p/a/b.c", true},
       {"select *.c none", "/p/a.c/b", false},
-      {"select Makefile none", "/p/Makefile", true},
       {"select /p/src/** none", "/p/src", true},
       {"select /p/src/** none", "/p/src/x/y.c", true},
       {"select /p/src/** none", "/p/srcx/y.c", false},
@@ -61,7 +59,6 @@ TEST(ElementRules, PatternMatching) {
       {"select /p/*/x none", "/p/a/b/x", false},
       {"select /p/s?c/** none", "/p/src/deep/er", true},
       {"select /p/a.txt none", "/p/a.txt", true},
-      {"select /p/a.txt none", "/q/a.txt", false},
   };
   for (const auto& c : cases) {
     std::vector<ElementRule> rules;

@@ -6,57 +6,47 @@
 
 #include <atomic>
 #include <chrono>
-#include <cstdlib>
+#include <filesystem>
 #include <thread>
 
 #include <gtest/gtest.h>
 
 #include "base/fileutl.h"
-#include "base/hash.h"
 #include "base/imsg.h"
-#include "base/llist_d.h"
 #include "base/olthread.h"
 #include "base/pfm.h"
 #include "base/rt.h"
 #include "base/server.h"
-#include "base/stg.h"
 #include "base/strutl.h"
 
 namespace {
 
-std::string make_temp_dir() {
-  char tmpl[] = "/tmp/tavrel-base-XXXXXX";
-  char* d = mkdtemp(tmpl);
-  EXPECT_NE(d, nullptr);
-  return d ? d : "";
-}
+// A fresh directory, removed with everything in it at the end of the scope.
+struct TempDir {
+  std::string path;
+  TempDir() {
+    char tmpl[] = "/tmp/tavrel-base-XXXXXX";
+    const char* d = mkdtemp(tmpl);
+    EXPECT_NE(d, nullptr);
+    path = d ? d : "";
+  }
+  ~TempDir() { std::filesystem::remove_all(path); }
+};
 
 TEST(Fileutl, PathTables) {
-  struct {
-    const char* in;
-    const char* out;
-  } abs[] = {{"/a/b/../c/./d//", "/a/c/d"}, {"/", "/"}, {"/..", "/"}, {"/a/./b", "/a/b"}};
-  for (auto& c : abs) EXPECT_EQ(fileutl_abspn(c.in), c.out) << c.in;
+  for (auto [in, out] : {std::pair{"/a/b/../c/./d//", "/a/c/d"}, {"/", "/"}, {"/..", "/"}})
+    EXPECT_EQ(fileutl_abspn(in), out) << in;
   EXPECT_EQ(fileutl_abspn("rel")[0], '/');
-
-  struct {
-    const char* in;
-    const char* out;
-  } leaf[] = {{"/a/b/c", "/a/b"}, {"c", ""}, {"/c", "/"}};
-  for (auto& c : leaf) EXPECT_EQ(fileutl_strip_leaf(c.in), c.out) << c.in;
-
-  struct {
-    const char* parent;
-    const char* path;
-    bool want;
-  } par[] = {{"/a", "/a", true},     {"/a", "/a/b", true},    {"/a", "/ab", false},
-             {"/a/", "/a/b", true},  {"/", "/x", true},       {"/a/b", "/a", false},
-             {"", "/a", false}};
-  for (auto& c : par) EXPECT_EQ(fileutl_pname_equal_or_parent(c.parent, c.path), c.want) << c.parent << " " << c.path;
+  for (auto [in, out] : {std::pair{"/a/b/c", "/a/b"}, {"c", ""}, {"/c", "/"}})
+    EXPECT_EQ(fileutl_strip_leaf(in), out) << in;
+  for (auto [parent, path, want] : {std::tuple{"/a", "/a", true}, {"/a", "/a/b", true}, {"/a", "/ab", false},
+                                    {"/a/", "/a/b", true}, {"/", "/x", true}, {"/a/b", "/a", false}, {"", "/a", false}})
+    EXPECT_EQ(fileutl_pname_equal_or_parent(parent, path), want) << parent << " " << path;
 }
 
 TEST(Fileutl, MkpathAndAtomicWrite) {
-  std::string dir = make_temp_dir();
+  TempDir t;
+  const std::string& dir = t.path;
   ASSERT_EQ(fileutl_mkpath(dir + "/x/y/z", 0700), 0);
   struct stat st;
   ASSERT_EQ(stat((dir + "/x/y/z").c_str(), &st), 0);
@@ -76,13 +66,11 @@ TEST(Fileutl, MkpathAndAtomicWrite) {
   ASSERT_EQ(fileutl_cp(dir + "/f", dir + "/g"), 0);
   ASSERT_EQ(fileutl_read_file(dir + "/g", &text, 100), 0);
   EXPECT_EQ(text, "two\n");
-  std::string cmd = "rm -rf " + dir;
-  EXPECT_EQ(system(cmd.c_str()), 0);
 }
 
 TEST(Server, LockIsExclusiveBetweenProcessesAndDiesWithHolder) {
-  std::string dir = make_temp_dir();
-  std::string lock = dir + "/.pid";
+  TempDir t;
+  std::string lock = t.path + "/.pid";
   int ready[2];
   ASSERT_EQ(pipe(ready), 0);
   pid_t child = fork();
@@ -116,12 +104,11 @@ TEST(Server, LockIsExclusiveBetweenProcessesAndDiesWithHolder) {
   EXPECT_EQ(server_lock_clear(lock, cookie), 0);
   close(ready[0]);
   close(ready[1]);
-  std::string cmd = "rm -rf " + dir;
-  EXPECT_EQ(system(cmd.c_str()), 0);
 }
 
 TEST(Server, HostnameFile) {
-  std::string dir = make_temp_dir();
+  TempDir t;
+  const std::string& dir = t.path;
   std::string rec;
   EXPECT_EQ(server_validate_hostname(dir, "h1", &rec), -1);
   ASSERT_EQ(server_create_hostname_file(dir, "h1"), 0);
@@ -129,8 +116,6 @@ TEST(Server, HostnameFile) {
   EXPECT_EQ(server_validate_hostname(dir, "h2", &rec), 0);
   EXPECT_EQ(rec, "h1");
   EXPECT_EQ(server_validate_hostname(dir, "h", &rec), 0);  // exact, not prefix
-  std::string cmd = "rm -rf " + dir;
-  EXPECT_EQ(system(cmd.c_str()), 0);
 }
 
 // The event loop and the signal dispatcher are process-wide: run them in a child so that this test
@@ -262,8 +247,6 @@ TEST(Imsg, CatalogueExpansion) {
   EXPECT_EQ(imsg_format(&table, 1, 42), "n=42\n");
   EXPECT_EQ(imsg_format(&table, 2), "pre: unknown message 2");
   char small[4];
-  va_list dummy;
-  (void)dummy;
   EXPECT_EQ(strutl_cpy_buf(small, sizeof small, "abcdef"), 3u);
   EXPECT_STREQ(small, "abc");
 }
@@ -279,45 +262,6 @@ TEST(Strutl, NumbersAndTrim) {
   EXPECT_EQ(u, 4096u);
   EXPECT_EQ(strutl_trim(" \t a b \r\n"), "a b");
   EXPECT_EQ(strutl_trim("   "), "");
-}
-
-TEST(Containers, IntrusiveListAndHashAndArea) {
-  struct Item {
-    int v;
-    llist_d_t link;
-  };
-  llist_d_t head;
-  llist_d_init_head(&head);
-  Item a{1, {}}, b{2, {}}, c{3, {}};
-  EXPECT_FALSE(llist_d_threaded(&a.link));
-  llist_d_insert_tail(&head, &a.link);
-  llist_d_insert_tail(&head, &b.link);
-  llist_d_insert_head(&head, &c.link);
-  EXPECT_EQ(LLIST_D_ENTRY(llist_d_head(&head), Item, link)->v, 3);
-  llist_d_remove(&c.link);
-  EXPECT_FALSE(llist_d_threaded(&c.link));
-  EXPECT_EQ(LLIST_D_ENTRY(llist_d_head(&head), Item, link)->v, 1);
-  llist_d_remove(&a.link);
-  llist_d_remove(&b.link);
-  EXPECT_TRUE(llist_d_empty(&head));
-
-  hash_str_t* h = hash_str_create();
-  int x = 1, y = 2;
-  EXPECT_EQ(hash_str_enter(h, "k", &x), nullptr);
-  EXPECT_EQ(hash_str_enter(h, "k", &y), &x);
-  EXPECT_EQ(hash_str_lookup(h, "k"), &y);
-  EXPECT_EQ(hash_str_remove(h, "k"), &y);
-  EXPECT_EQ(hash_str_lookup(h, "k"), nullptr);
-  hash_str_free(h);
-
-  stg_area_t* area = stg_create_area(64);
-  char* s1 = stg_area_strdup(area, "hello");
-  void* big = stg_area_alloc(area, 1000);  // larger than a chunk
-  char* s2 = stg_area_strdup(area, "world");
-  memset(big, 0, 1000);
-  EXPECT_STREQ(s1, "hello");
-  EXPECT_STREQ(s2, "world");
-  stg_destroy_area(area);
 }
 
 }  // namespace

@@ -119,7 +119,6 @@ TEST_F(CmdTest, RawRepliesOverTheWire) {
   };
   const int EOF_ = RCLIENT_ST_PREMATURE_EOF, HTTP = RCLIENT_ST_HTTP_STATUS;
   const std::vector<Row> rows = {
-      {refused(401), RCLIENT_ST_AUTH, -1, auth, 0},
       {refused(403), RCLIENT_ST_AUTH, -1, auth, 0},
       {refused(404), RCLIENT_ST_NOT_FOUND, -1, "Not found.\n", 0},
       {refused(500), HTTP, -1, "Status code from RPC = 500", 0},
@@ -129,8 +128,7 @@ TEST_F(CmdTest, RawRepliesOverTheWire) {
       {http_reply(no_status), 0, -1, "", 1},  // a failure of the RPC, not of the transfer
       {http_reply(doc, 0, 200, flood), RCLIENT_ST_TRANSPORT, -1, "", 0},
       {cut(cltxt, 10), EOF_, -1, "", -1},
-      {cut(cltxt, data_at), EOF_, -1, "", -1},
-      {cut(cltxt, data_at + 20000), EOF_, -1, "", -1},
+      {cut(cltxt, data_at + 20000), EOF_, -1, "", -1},  // data half written
       {cut(cltxt, status_at + 30), EOF_, -1, "", -1},
       {cut(cltxt, cltxt.size() - 2), EOF_, 0, "", -1},  // data and Status both there, not the end
       {cut(cltxt, cltxt.size()), 0, 0, "", -1},
