@@ -10,18 +10,23 @@ function(tavrel_library name)
   target_link_libraries(${name} PUBLIC ${A_DEPS} Threads::Threads)
 endfunction()
 
-# tavrel_unit_test(name SOURCES ... [DEPS ...])
-#   A GoogleTest executable; its cases are registered with ctest under the label "unit",
-#   which the sanitizer build runs.
+# tavrel_unit_test(name SOURCES ... [DEPS ...] [SINGLE_THREADED])
+#   A GoogleTest executable; its cases are registered with ctest under the label "unit", which the
+#   sanitizer builds run. SINGLE_THREADED (code no two threads ever run at once) makes the label
+#   "unit-single-threaded": still a unit test, but left out of the ThreadSanitizer run.
 function(tavrel_unit_test name)
-  cmake_parse_arguments(A "" "TIMEOUT" "SOURCES;DEPS" ${ARGN})
+  cmake_parse_arguments(A "SINGLE_THREADED" "TIMEOUT" "SOURCES;DEPS" ${ARGN})
+  set(label unit)
+  if(A_SINGLE_THREADED)
+    set(label unit-single-threaded)
+  endif()
   if(NOT A_TIMEOUT)
     set(A_TIMEOUT 300)
   endif()
   add_executable(${name} ${A_SOURCES})
   target_include_directories(${name} PRIVATE ${PROJECT_SOURCE_DIR}/src ${PROJECT_SOURCE_DIR})
   target_link_libraries(${name} PRIVATE ${A_DEPS} GTest::gtest GTest::gtest_main GTest::gmock Threads::Threads)
-  gtest_discover_tests(${name} PROPERTIES LABELS unit TIMEOUT ${A_TIMEOUT} DISCOVERY_TIMEOUT 60)
+  gtest_discover_tests(${name} PROPERTIES LABELS ${label} TIMEOUT ${A_TIMEOUT} DISCOVERY_TIMEOUT 60)
 endfunction()
 
 # tavrel_e2e_test(name SOURCES ... [DEPS ...])
