@@ -108,8 +108,20 @@ int start_with(Options& opts, const client::XmlNode& request) {
       fprintf(stderr, "tavrel: the agent ended with exit code %d\n", WEXITSTATUS(st));
     return kStatus;
   }
-  if (!wait_until(opts.timeout_s * 1000, [&] { return fileutl_exists(listener(opts)); }))
+  // The view serves once its listener is a FIFO in a real ".ipc"; an agent that refuses to serve ends.
+  int st = 0;
+  bool ended = false;
+  auto listening = [&] {
+    struct stat ipc, lis;
+    return lstat((opts.storage + "/" + VIEW_STG_IPC_DIR).c_str(), &ipc) == 0 && S_ISDIR(ipc.st_mode) &&
+           lstat(listener(opts).c_str(), &lis) == 0 && S_ISFIFO(lis.st_mode);
+  };
+  auto served = [&] { return (ended = client::wait_for_exit(s.watchdog_pid, 0, &st)) || listening(); };
+  if (!wait_until(opts.timeout_s * 1000, served))
     return fail(kNoAgent, "the view answered but never began to listen for clients");
+  if (ended)
+    return fail(kStartFailed, "the agent ended without serving clients (exit code " +
+                                  std::to_string(WIFEXITED(st) ? WEXITSTATUS(st) : -1) + "); see the view's log");
   return print_reply(opts, reply, s.response);
 }
 

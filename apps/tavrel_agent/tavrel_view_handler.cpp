@@ -148,6 +148,7 @@ int Tavrel_View_Handler::run() {
   }
   if (kfsm) kfsm->stop_listening();
   if (conn_started) conn->join();
+  if (status == 0 && conn && conn->failure() != 0) status = conn->failure();  // it refused to serve
   delete conn;
   return status;
 }

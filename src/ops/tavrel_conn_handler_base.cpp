@@ -1,19 +1,23 @@
 #include "ops/tavrel_conn_handler_base.h"
 
+#include <fcntl.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
 #include <cerrno>
 #include <cstring>
 
-#include "base/fileutl.h"
+#include "core/tavrel_config.h"
 #include "core/tavrel_status.h"
 #include "core/tavrel_thread_manager_base.h"
 #include "core/tavrel_trace.h"
 #include "core/tavrel_view.h"
 #include "ops/tavrel_conn_handler_unix.h"
 
-Tavrel_Conn_Handler_Base::Tavrel_Conn_Handler_Base(Tavrel_View* view) : m_view(view) {}
+Tavrel_Conn_Handler_Base::Tavrel_Conn_Handler_Base(Tavrel_View* view) : m_view(view) {
+  long n = Tavrel_Config::get_instance()->get_int_param("tavrelMaxClients", MAX_CLIENTS);
+  m_max_clients = n < 1 ? 1 : n > 1024 ? 1024 : n;
+}
 
 Tavrel_Conn_Handler_Base* Tavrel_Conn_Handler_Base::get_conn_handler(Tavrel_View* view) {
   return new Tavrel_Conn_Handler_Unix(view);
@@ -41,6 +45,7 @@ int Tavrel_Conn_Handler_Base::run() {
     if (status != 0) {
       mgr->set_should_exit();
       if (status == TAVREL_ST_EXIT_REQUESTED) break;
+      if (m_failure == 0) m_failure = status;  // the agent stops serving: its start or its run failed
     } else {
       status = handle_connection();
       trace.writeTrace(TRACE_LEVEL_4, "Status from handle_connection = %d", status);
@@ -51,28 +56,24 @@ int Tavrel_Conn_Handler_Base::run() {
   return 0;
 }
 
-int Tavrel_Conn_Handler_Base::create_pipe(const std::string& path, bool exclusive) {
+int Tavrel_Conn_Handler_Base::create_pipe(int dir_fd, const std::string& name, bool exclusive) {
   Tavrel_Trace trace(TAVREL, "Tavrel_Conn_Handler_Base", "create_pipe");
-  std::string parent = fileutl_strip_leaf(path);
-  if (!parent.empty() && fileutl_mkpath(parent, 0700) != 0) {
-    trace.writeTrace(TRACE_LEVEL_1, "Mkpath failed for %s", parent.c_str());
-    return TAVREL_ST_MKPATH;
-  }
-  if (mkfifo(path.c_str(), 0700) == 0) {
-    trace.writeTrace(TRACE_LEVEL_4, "mkfifo success for %s", path.c_str());
+  if (mkfifoat(dir_fd, name.c_str(), 0700) == 0) {
+    trace.writeTrace(TRACE_LEVEL_4, "mkfifo success for %s", name.c_str());
     return 0;
   }
   if (errno != EEXIST) {
-    trace.writeTrace(TRACE_LEVEL_1, "mkfifo failed for %s: %s", path.c_str(), strerror(errno));
+    trace.writeTrace(TRACE_LEVEL_1, "mkfifo failed for %s: %s", name.c_str(), strerror(errno));
     return TAVREL_ST_MKFIFO;
   }
   if (exclusive) {
-    trace.writeTrace(TRACE_LEVEL_1, "mkfifo failed, file exists at %s", path.c_str());
+    trace.writeTrace(TRACE_LEVEL_1, "mkfifo failed, file exists at %s", name.c_str());
     return TAVREL_ST_MKFIFO;
   }
   struct stat st;
-  // lstat: a symbolic link at the path is refused, never followed.
-  if (lstat(path.c_str(), &st) == 0 && S_ISFIFO(st.st_mode) && st.st_uid == geteuid()) return 0;
-  trace.writeTrace(TRACE_LEVEL_1, "mkfifo failed, non-fifo present at %s", path.c_str());
+  // Not following: a symbolic link at the name is refused.
+  if (fstatat(dir_fd, name.c_str(), &st, AT_SYMLINK_NOFOLLOW) == 0 && S_ISFIFO(st.st_mode) && st.st_uid == geteuid())
+    return 0;
+  trace.writeTrace(TRACE_LEVEL_1, "mkfifo failed, non-fifo present at %s", name.c_str());
   return TAVREL_ST_MKFIFO;
 }

@@ -1,5 +1,6 @@
 #include "ops/tavrel_conn_handler_unix.h"
 
+#include <dirent.h>
 #include <fcntl.h>
 #include <sys/stat.h>
 #include <unistd.h>
@@ -8,6 +9,7 @@
 #include <cstring>
 
 #include "base/sysutl.h"
+#include "core/tavrel_log.h"
 #include "core/tavrel_status.h"
 #include "core/tavrel_thread_manager_base.h"
 #include "core/tavrel_thread_manager_unix.h"
@@ -17,50 +19,76 @@
 #include "ops/tavrel_request_handler_base.h"
 
 Tavrel_Conn_Handler_Unix::Tavrel_Conn_Handler_Unix(Tavrel_View* view) : Tavrel_Conn_Handler_Base(view) {
-  initialize();
-}
-
-void Tavrel_Conn_Handler_Unix::initialize() {
   m_listener_path = listener_path(m_view->get_storage_path());
-  m_listener_fd = -1;
 }
 
 Tavrel_Conn_Handler_Unix::~Tavrel_Conn_Handler_Unix() {
   Tavrel_Trace trace(TAVREL, "Tavrel_Conn_Handler_Unix", "~Tavrel_Conn_Handler_Unix");
   if (m_listener_fd >= 0) close(m_listener_fd);
-  trace.writeTrace(TRACE_LEVEL_4, "Removing %s", m_listener_path.c_str());
-  remove(m_listener_path.c_str());
+  if (m_ipc_fd >= 0) {
+    trace.writeTrace(TRACE_LEVEL_4, "Removing %s", m_listener_path.c_str());
+    unlinkat(m_ipc_fd, VIEW_STG_LISTENER, 0);
+    close(m_ipc_fd);
+  }
 }
 
-int Tavrel_Conn_Handler_Unix::check_ipc_dir(const std::string& storage_path) {
-  Tavrel_Trace trace(TAVREL, "Tavrel_Conn_Handler_Unix", "check_ipc_dir");
+int Tavrel_Conn_Handler_Unix::open_ipc_dir(const std::string& storage_path, int* fd) {
+  Tavrel_Trace trace(TAVREL, "Tavrel_Conn_Handler_Unix", "open_ipc_dir");
   std::string dir = storage_path + "/" + VIEW_STG_IPC_DIR;
+  if (mkdir(dir.c_str(), 0700) != 0 && errno != EEXIST) return TAVREL_ST_PIPE;
+  int d = open(dir.c_str(), O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC);
   struct stat st;
-  if (lstat(dir.c_str(), &st) != 0) {
-    if (errno != ENOENT) return TAVREL_ST_PIPE;
-    if (mkdir(dir.c_str(), 0700) != 0 && errno != EEXIST) return TAVREL_ST_PIPE;
-    if (lstat(dir.c_str(), &st) != 0) return TAVREL_ST_PIPE;
-  }
-  if (!S_ISDIR(st.st_mode) || st.st_uid != geteuid()) {
+  if (d < 0 || fstat(d, &st) != 0 || !S_ISDIR(st.st_mode) || st.st_uid != geteuid() ||
+      ((st.st_mode & 0777) != 0700 && fchmod(d, 0700) != 0)) {
     trace.writeTrace(TRACE_LEVEL_1, "%s is not a directory owned by this user; refusing to serve clients", dir.c_str());
+    if (d >= 0) close(d);
     return TAVREL_ST_PIPE;
   }
-  if ((st.st_mode & 0777) != 0700 && chmod(dir.c_str(), 0700) != 0) return TAVREL_ST_PIPE;
+  *fd = d;
   return 0;
+}
+
+int Tavrel_Conn_Handler_Unix::remove_stale_pipes(int dir_fd) {
+  int d = dup(dir_fd);
+  DIR* dir = d >= 0 ? fdopendir(d) : nullptr;
+  if (!dir) {
+    if (d >= 0) close(d);
+    return 0;
+  }
+  const std::string req = std::string(VIEW_STG_REQUEST_PIPE) + VIEW_STG_PIPE_SEP,
+                    resp = std::string(VIEW_STG_RESPONSE_PIPE) + VIEW_STG_PIPE_SEP;
+  int removed = 0;
+  while (struct dirent* e = readdir(dir)) {
+    std::string name = e->d_name;
+    struct stat st;
+    if ((name.rfind(req, 0) == 0 || name.rfind(resp, 0) == 0) &&
+        fstatat(dir_fd, e->d_name, &st, AT_SYMLINK_NOFOLLOW) == 0 && S_ISFIFO(st.st_mode) &&
+        unlinkat(dir_fd, e->d_name, 0) == 0)
+      removed++;
+  }
+  closedir(dir);
+  return removed;
 }
 
 int Tavrel_Conn_Handler_Unix::setup_listener() {
   Tavrel_Trace trace(TAVREL, "Tavrel_Conn_Handler_Unix", "setup_listener");
-  if (!m_ipc_checked) {
-    if (check_ipc_dir(m_view->get_storage_path()) != 0) return TAVREL_ST_PIPE;
-    m_ipc_checked = true;
+  if (m_ipc_fd < 0) {
+    if (open_ipc_dir(m_view->get_storage_path(), &m_ipc_fd) != 0) {
+      m_failure = TAVREL_ST_PIPE;
+      if (Tavrel_Log* log = Tavrel_Log::peek_instance())
+        log->write_log(TAVREL_LOG_ERROR, "%s/%s is not a directory of this user; refusing to serve clients.\n",
+                       m_view->get_storage_path().c_str(), VIEW_STG_IPC_DIR);
+      return TAVREL_ST_PIPE;
+    }
+    int n = remove_stale_pipes(m_ipc_fd);
+    trace.writeTrace(TRACE_LEVEL_3, "Removed %d FIFOs of earlier clients", n);
   }
-  if (create_pipe(m_listener_path, false) != 0) {
+  if (create_pipe(m_ipc_fd, VIEW_STG_LISTENER, false) != 0) {
     trace.writeTrace(TRACE_LEVEL_1, "Unable to create listener %s", m_listener_path.c_str());
     return TAVREL_ST_PIPE;
   }
   trace.writeTrace(TRACE_LEVEL_4, "Attempting to open listener request pipe %s", m_listener_path.c_str());
-  m_listener_fd = open(m_listener_path.c_str(), O_RDONLY | O_NONBLOCK | O_CLOEXEC);
+  m_listener_fd = openat(m_ipc_fd, VIEW_STG_LISTENER, O_RDONLY | O_NONBLOCK | O_CLOEXEC | O_NOFOLLOW);
   if (m_listener_fd < 0) {
     trace.writeTrace(TRACE_LEVEL_1, "Error opening listener pipe: %s", strerror(errno));
     return TAVREL_ST_PIPE;
@@ -91,6 +119,13 @@ int Tavrel_Conn_Handler_Unix::handle_connection() {
   }
   if (!valid_client_id(id)) {
     trace.writeTrace(TRACE_LEVEL_1, "Refusing client id that is not a plain name (%zu bytes)", id.size());
+    return TAVREL_ST_FAILURE;
+  }
+  if (Tavrel_Client::live_count() >= m_max_clients) {
+    trace.writeTrace(TRACE_LEVEL_1, "Refusing client %s: %ld clients are served already", id.c_str(), m_max_clients);
+    if (Tavrel_Log* log = Tavrel_Log::peek_instance())
+      log->write_log(TAVREL_LOG_WARN, "Refusing client %s: %ld clients are connected already (tavrelMaxClients).\n",
+                     id.c_str(), m_max_clients);
     return TAVREL_ST_FAILURE;
   }
   auto* client = new Tavrel_Client();
@@ -158,21 +193,21 @@ int Tavrel_Conn_Handler_Unix::get_connection_request(std::string& id) {
 
 int Tavrel_Conn_Handler_Unix::create_client_connections(const std::string& id, Tavrel_Client* client) {
   Tavrel_Trace trace(TAVREL, "Tavrel_Conn_Handler_Unix", "create_client_connections");
-  std::string dir = m_view->get_storage_path() + "/" + VIEW_STG_IPC_DIR + "/";
-  std::string req = dir + VIEW_STG_REQUEST_PIPE + VIEW_STG_PIPE_SEP + id;
-  int status = create_pipe(req, false);
+  client->m_dir_fd = m_ipc_fd;
+  client->m_client_id = id;
+  std::string req = std::string(VIEW_STG_REQUEST_PIPE) + VIEW_STG_PIPE_SEP + id;
+  int status = create_pipe(m_ipc_fd, req, false);
   if (status != 0) {
     trace.writeTrace(TRACE_LEVEL_1, "Error creating client request pipe (%d)", status);
     return status;
   }
-  client->m_request_path = req;
-  std::string resp = dir + VIEW_STG_RESPONSE_PIPE + VIEW_STG_PIPE_SEP + id;
-  status = create_pipe(resp, false);
+  client->m_request_name = req;
+  std::string resp = std::string(VIEW_STG_RESPONSE_PIPE) + VIEW_STG_PIPE_SEP + id;
+  status = create_pipe(m_ipc_fd, resp, false);
   if (status != 0) {
     trace.writeTrace(TRACE_LEVEL_1, "Error creating client response  pipe (%d)", status);
     return status;
   }
-  client->m_client_id = id;
-  client->m_response_path = resp;
+  client->m_response_name = resp;
   return 0;
 }

@@ -22,29 +22,12 @@ Tavrel_Request_Handler_Base* Tavrel_Request_Handler_Base::get_request_handler(Ta
   return new Tavrel_Request_Handler_Unix(client, view);
 }
 
-int Tavrel_Request_Handler_Base::execute() {
-  Tavrel_Trace trace(TAVREL, "Tavrel_Request_Handler_Base", "execute");
-  Tavrel_Thread_Manager_Base* mgr = Tavrel_Thread_Manager_Base::get_instance();
-  for (;;) {
-    std::string text;
-    int status = read_request(text);
-    trace.writeTrace(TRACE_LEVEL_4, "Request sent %d", status);
-    if (status == 0) {
-      auto* request = new Tavrel_CMAPI_Request(this, text);
-      add_outstanding();
-      mgr->process_request(request);
-      trace.writeTrace(TRACE_LEVEL_4, "Request queued");
-      continue;
-    }
-    if (status == TAVREL_ST_REQ_PIPE || status == TAVREL_ST_EXIT_REQUESTED || status == TAVREL_ST_TIMED_OUT ||
-        status == TAVREL_ST_SELECT) {
-      trace.writeTrace(TRACE_LEVEL_4, "Request pipe not usable [%d], exiting run()", status);
-      break;
-    }
-    trace.writeTrace(TRACE_LEVEL_2, "Request failed [%d], continuing", status);
-  }
-  wait_for_outstanding();
-  return 0;
+void Tavrel_Request_Handler_Base::queue_request(const std::string& text) {
+  Tavrel_Trace trace(TAVREL, "Tavrel_Request_Handler_Base", "queue_request");
+  auto* request = new Tavrel_CMAPI_Request(this, text);
+  add_outstanding();
+  Tavrel_Thread_Manager_Base::get_instance()->process_request(request);
+  trace.writeTrace(TRACE_LEVEL_4, "Request queued");
 }
 
 int Tavrel_Request_Handler_Base::read_request(std::istream& in, std::string& out) {

@@ -1,23 +1,16 @@
 // Tavrel_Request_Handler_Base: the thread that serves one client. It reads framed requests from the
-// client's request FIFO and queues each as a Tavrel_CMAPI_Request; pool threads answer on the
-// response FIFO. Several requests of one client may run at once; their answers leave in the order
+// client's request FIFO and queues each as a Tavrel_CMAPI_Request; pool threads answer through
+// send_response. Several requests of one client may run at once; their answers leave in the order
 // they finish. The thread ends when the client closes its end or the agent stops, after all its
-// queued requests are gone.
+// queued requests are gone (see Tavrel_Request_Handler_Unix for the channel itself).
 //
 // Frames as proto/pipe_frame.h has them; a request body over PIPE_FRAME_MAX_REQUEST bytes is dropped
 // as malformed.
-//
-// Locks: the request channel mutex is held for a whole read_request (only this thread reads); the
-// response channel mutex is held for a whole send_response, so frames of parallel operations never
-// interleave. Request before response (ranks CLIENT_REQUEST, CLIENT_RESPONSE); neither is held while
-// an operation runs, and nothing but the trace is taken under them.
 #pragma once
 
 #include <iosfwd>
-#include <mutex>
 #include <string>
 
-#include "base/tavrel_mutex.h"
 #include "core/tavrel_olthread.h"
 
 class Tavrel_Client;
@@ -31,8 +24,7 @@ class Tavrel_Request_Handler_Base : public Tavrel_Request_Thread {
   static Tavrel_Request_Handler_Base* get_request_handler(Tavrel_Client* client, Tavrel_View* view);
   ~Tavrel_Request_Handler_Base() override;
 
-  int execute() override;
-  virtual int read_request(std::string& out) = 0;
+  // Called by pool threads; never waits on the client.
   virtual int send_response(const std::string& text) = 0;
   virtual void close_pipes() = 0;
 
@@ -47,10 +39,9 @@ class Tavrel_Request_Handler_Base : public Tavrel_Request_Thread {
 
  protected:
   Tavrel_Request_Handler_Base(Tavrel_Client* client, Tavrel_View* view);
+  // Queues one request of this client (counted as outstanding until the request is deleted).
+  void queue_request(const std::string& text);
 
   Tavrel_Client* m_client;  // owned
   Tavrel_View* m_view;
-  std::string m_request;
-  Tavrel_Mutex m_request_mutex{Tavrel_Lock_Rank::CLIENT_REQUEST, "client request channel"};
-  Tavrel_Mutex m_response_mutex{Tavrel_Lock_Rank::CLIENT_RESPONSE, "client response channel"};
 };

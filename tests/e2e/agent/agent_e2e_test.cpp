@@ -3,6 +3,7 @@
 // (built with test operations in place of the view's, see fixture_agent.cpp) in temporary directories.
 #include <fcntl.h>
 #include <poll.h>
+#include <sys/stat.h>
 
 #include <random>
 #include <regex>
@@ -56,6 +57,15 @@ std::string echoed(const std::string& tx) { return "Echo 0 " + tx + " " + std::t
 std::string ask(Connection& c, const std::string& doc) {
   std::string reply;
   return c.request(doc, &reply, 10000) == Connection::kOk ? summary(reply) : "no answer: " + c.error();
+}
+
+// Writes "<id>\n" to a listener by hand (retrying while the agent reopens it).
+bool announce(const std::string& listener, const std::string& id) {
+  int fd = -1;
+  if (!wait_for(10000, [&] { return (fd = open(listener.c_str(), O_WRONLY | O_NONBLOCK)) >= 0; })) return false;
+  bool ok = write(fd, (id + "\n").data(), id.size() + 1) == static_cast<ssize_t>(id.size() + 1);
+  close(fd);
+  return ok;
 }
 
 #define CONNECT(c, agent) \
@@ -285,16 +295,28 @@ TEST(AgentProcess, TransportFaults) {
     std::string big = echo("big", std::string(600 * 1024, 'p'));
     EXPECT_EQ(ask(c, big), "Echo 0 big " + std::to_string(big.size()));
     EXPECT_EQ(c.send(echo("huge", std::string(c.pipe_capacity(), 'h'))), Connection::kTooLarge);
+    // Written as it is, a frame of several pipefuls is read to its declared length.
+    std::string whole = echo("whole", std::string(4 * c.pipe_capacity(), 'w')), reply;
+    ASSERT_EQ(c.send_raw(frame(whole)), Connection::kOk);
+    ASSERT_EQ(c.receive(&reply, 10000), Connection::kOk) << c.error();
+    EXPECT_EQ(summary(reply), "Echo 0 whole " + std::to_string(whole.size()));
+  }
+  {  // A client that reads no replies costs only itself: the others are answered meanwhile, and once it is
+     // more than the outbox bound behind, its connection is closed.
+    CONNECT(slow, a);
+    for (int i = 0; i < 12; i++)
+      ASSERT_EQ(slow.send("<Echo version=\"1\" tx-id=\"s" + std::to_string(i) + "\" reply=\"1048576\"/>"),
+                Connection::kOk);
+    still_serves("beside a client that does not read");
+    ASSERT_TRUE(wait_for(10000, [&] { return a.traces().find("too far behind") != std::string::npos; }));
+    EXPECT_EQ(answers(slow), "EOF");
   }
   // Ids written to the listener by hand: one that would leave .ipc, one whose request FIFO is taken by
   // a regular file. Neither gets a handler or makes anything; the clients after them are served (the
   // listener takes one client at a time, so the bad one was read by then).
   a.put("view/.ipc/request_fixed", "not a fifo");
   for (std::string id : {"../escaped", "fixed"}) {
-    int fd = -1;
-    ASSERT_TRUE(wait_for(10000, [&] { return (fd = open(a.listener().c_str(), O_WRONLY | O_NONBLOCK)) >= 0; }));
-    ASSERT_EQ(write(fd, (id + "\n").data(), id.size() + 1), static_cast<ssize_t>(id.size() + 1));
-    close(fd);
+    ASSERT_TRUE(announce(a.listener(), id));
     still_serves(id);
   }
   EXPECT_FALSE(fileutl_exists(a.storage + "/request_..") || fileutl_exists(a.storage + "/escaped"));
@@ -323,6 +345,62 @@ TEST(AgentProcess, TransportFaults) {
   }
   still_serves("after the random frames");
   EXPECT_EQ(a.end(), 0);
+}
+
+TEST(AgentProcess, ClientDeadlinesAndCap) {
+  Agent a(3, "tavrelMaxClients=2\ntavrelFirstRequestTimeout=1\ntavrelRequestTimeout=1\ntavrelResponseTimeout=1\n");
+  ASSERT_TRUE(a.run(kTrace4));
+  CONNECT(c1, a);
+  EXPECT_EQ(ask(c1, echo("c1")), echoed("c1"));
+  CONNECT(c2, a);
+  EXPECT_EQ(ask(c2, echo("c2")), echoed("c2"));
+  Connection refused;  // a third is dropped: no pipes are made for it
+  EXPECT_NE(refused.connect(a.storage, 2000), Connection::kOk);
+  EXPECT_NE(a.log().find("clients are connected already"), std::string::npos) << a.log();
+  ASSERT_EQ(c1.send_raw("100\n<Echo"), Connection::kOk);  // and nothing more: closed after the deadline
+  EXPECT_EQ(answers(c1), "EOF");
+  // An announcement whose pipes are never opened: its FIFOs go after the deadline, and its place with them.
+  const std::string ghost = a.storage + "/" + VIEW_STG_IPC_DIR + "/" + VIEW_STG_REQUEST_PIPE + "_ghost";
+  ASSERT_TRUE(announce(a.listener(), "ghost"));
+  ASSERT_TRUE(wait_for(10000, [&] { return fileutl_exists(ghost); }));
+  ASSERT_TRUE(wait_for(10000, [&] { return !fileutl_exists(ghost); }));
+  CONNECT(c3, a);
+  EXPECT_EQ(ask(c3, echo("c3")), echoed("c3"));
+  EXPECT_EQ(ask(c2, echo("c2")), echoed("c2"));
+  // One that takes no byte of a reply for the response deadline is cut off.
+  ASSERT_EQ(c3.send("<Echo version=\"1\" tx-id=\"big\" reply=\"1048576\"/>"), Connection::kOk);
+  ASSERT_TRUE(wait_for(10000, [&] { return a.traces().find("took no reply in time") != std::string::npos; }));
+  EXPECT_EQ(answers(c3), "EOF");
+  EXPECT_EQ(a.end(), 0);
+}
+
+TEST(AgentProcess, IpcDirectory) {
+  const std::string dead = std::string(VIEW_STG_PIPE_SEP) + "dead";
+  {  // FIFOs of an earlier agent's clients go before serving; a later swap of .ipc for a link is not followed.
+    Agent a;
+    const std::string ipc = a.storage + "/" + VIEW_STG_IPC_DIR, real = ipc + "-real", away = a.at("away");
+    ASSERT_EQ(fileutl_mkpath(ipc, 0700), 0);
+    for (const char* kind : {VIEW_STG_REQUEST_PIPE, VIEW_STG_RESPONSE_PIPE})
+      ASSERT_EQ(mkfifo((ipc + "/" + kind + dead).c_str(), 0600), 0);
+    ASSERT_TRUE(a.run());
+    EXPECT_FALSE(fileutl_exists(ipc + "/" + VIEW_STG_REQUEST_PIPE + dead) ||
+                 fileutl_exists(ipc + "/" + VIEW_STG_RESPONSE_PIPE + dead));
+    ASSERT_EQ(rename(ipc.c_str(), real.c_str()) | mkdir(away.c_str(), 0700) | symlink(away.c_str(), ipc.c_str()), 0);
+    ASSERT_TRUE(announce(real + "/" + VIEW_STG_LISTENER, "moved"));
+    EXPECT_TRUE(wait_for(10000, [&] { return fileutl_exists(real + "/" + VIEW_STG_REQUEST_PIPE + "_moved"); }));
+    EXPECT_FALSE(fileutl_exists(away + "/" + VIEW_STG_REQUEST_PIPE + "_moved"));
+    EXPECT_EQ(a.end(), 0);
+  }
+  // A link at the start: the agent logs its refusal and ends with an error, and startview says so.
+  Agent a;
+  ASSERT_EQ(fileutl_mkpath(a.at("away"), 0700) | fileutl_mkpath(a.storage, 0700), 0);
+  ASSERT_EQ(symlink(a.at("away").c_str(), (a.storage + "/" + VIEW_STG_IPC_DIR).c_str()), 0);
+  Outcome o = a.sh("TAVREL_AGENT=" + q(bin("tavrel_agent_fixture")) + " " + q(bin("tavrel")) + " -s " + q(a.storage) +
+                   " startview --offline");
+  EXPECT_EQ(o.code, 7) << o.out << o.err;
+  EXPECT_NE(o.err.find("ended without serving clients (exit code 4)"), std::string::npos) << o.err;
+  EXPECT_NE(a.log().find("refusing to serve clients"), std::string::npos) << a.log();
+  EXPECT_FALSE(fileutl_exists(a.at("away") + "/" + VIEW_STG_LISTENER));
 }
 
 TEST(AgentProcess, PoolSizesAndASignalWithWorkQueued) {

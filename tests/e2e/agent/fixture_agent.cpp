@@ -4,7 +4,8 @@
 //                                     keeps the request in .first-request); status N fails it
 //   <Sleep tx-id=".." ms="N"/>        writes .started-<tx-id>, then holds until .release exists or N ms
 //                                     passed; the reply carries the most Sleeps seen running at once
-//   <Echo tx-id=".." [pad=".."]/>     answers at once with the size of the request it got
+//   <Echo tx-id=".." [pad=".."] [reply="N"]/>  answers at once with the size of the request it got
+//                                     (and N bytes of padding in the reply)
 //   <Throw tx-id=".."/>               throws out of the operation
 //   anything else, or no root         XMLError 20020
 #include <fcntl.h>
@@ -12,6 +13,7 @@
 
 #include <atomic>
 #include <chrono>
+#include <cstdlib>
 #include <regex>
 #include <stdexcept>
 #include <string>
@@ -82,6 +84,7 @@ class FixtureOp : public Tavrel_AbstractOp {
       --g_sleep_running;
     } else if (m_request_name == "Echo") {
       m_extra = "<size>" + std::to_string(m_req.size()) + "</size>";
+      if (long n = std::atol(attr(m_req, "reply").c_str()); n > 0) m_extra += "<pad>" + std::string(n, 'r') + "</pad>";
     } else if (m_request_name == "Throw") {
       throw std::runtime_error("thrown by the operation");
     } else {
