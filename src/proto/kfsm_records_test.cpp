@@ -1,6 +1,6 @@
 // Record images of the kernel channel, byte for byte: what the agent's library writes from its native
-// records and what the daemon reads back, answers and their outputs, hostile images, the LPC header and
-// the status table.
+// records (the daemon's typed readers are checked on what the agent sends: tavrel_kfsm_ioctl_test.cpp),
+// answers and their outputs, hostile images, the LPC header and the status table.
 #include "proto/kfsm_records.h"
 
 #include <gtest/gtest.h>
@@ -76,66 +76,37 @@ kfsm_command round_trip(const kfsmcmd_block& b, const std::string& expected) {
   return c;
 }
 
-TEST(KfsmImages, EveryCommandImageAndWhatTheDaemonReadsFromIt) {
+TEST(KfsmImages, EveryCommandImage) {
   kfsm_mkviewtag_info mk{S("vtag"), S("/stg/u"), S("/stg/k"), S("hosty"), S("/stg/r"), uuid_n(1), {}, 0};
-  kfsm_command c = round_trip(block(KFSM_CMD_MKVIEW, KFSM_FLAG_CASE_SENSITIVE, &mk, KFSM_MKVIEWTAG_IMAGE),
-                              K().block(7, 2, nullptr, nullptr, 108).s("vtag").s("/stg/u").s("/stg/k").s("hosty")
-                                  .s("/stg/r").id(uuid_n(1)).zeros(28).u32(0).done());
-  kfsm_mkview_args mv;
-  ASSERT_TRUE(kfsm_parse_mkview(c, &mv));
-  EXPECT_FALSE(c.pn.present);
-  EXPECT_EQ(std::tie(mv.tag, mv.spath_u, mv.spath_k, mv.host, mv.rpath),
-            std::make_tuple("vtag", "/stg/u", "/stg/k", "hosty", "/stg/r"));
-  EXPECT_EQ(mv.uuid, uuid_n(1));
+  round_trip(block(KFSM_CMD_MKVIEW, KFSM_FLAG_CASE_SENSITIVE, &mk, KFSM_MKVIEWTAG_IMAGE),
+             K().block(7, 2, nullptr, nullptr, 108).s("vtag").s("/stg/u").s("/stg/k").s("hosty")
+                 .s("/stg/r").id(uuid_n(1)).zeros(28).u32(0).done());
 
   // The longest storage path a mount carries.
   const std::string storage(1024, 's');
   kfsm_mount_info m{12, 248, 1, S("/proj"), S("hosty"), 0, S("/views/v1"), S("/views/v1"), S(storage.c_str()),
                     oid_n(3), 3000, 1, {}, uuid_n(4), {}};
-  c = round_trip(block(KFSM_CMD_MOUNT, 0, &m, KFSM_MOUNT_IMAGE, "vtag"),
-                 K().block(36, 0, "vtag", "vtag", 248).u16(12).u16(248).u32(1).s("/proj").s("hosty").u32(0)
-                     .s("/views/v1").s("/views/v1").s(storage.c_str()).id(oid_n(3)).u32(3000).u32(1).zeros(28)
-                     .id(uuid_n(4)).zeros(108).done());
+  kfsm_command c = round_trip(block(KFSM_CMD_MOUNT, 0, &m, KFSM_MOUNT_IMAGE, "vtag"),
+                              K().block(36, 0, "vtag", "vtag", 248).u16(12).u16(248).u32(1).s("/proj").s("hosty").u32(0)
+                                  .s("/views/v1").s("/views/v1").s(storage.c_str()).id(oid_n(3)).u32(3000).u32(1)
+                                  .zeros(28).id(uuid_n(4)).zeros(108).done());
   kfsm_mount_args a;
-  ASSERT_TRUE(kfsm_parse_mount(c, &a));
-  EXPECT_EQ(c.pn.text, "vtag");
-  EXPECT_EQ(std::tie(a.version, a.size, a.word4, a.word32, a.word88, a.word92),
-            std::make_tuple(12, 248, 1, 0, 3000, 1));
-  EXPECT_EQ(std::tie(a.mount_point, a.host, a.view_string1, a.view_string2),
-            std::make_tuple("/proj", "hosty", "/views/v1", "/views/v1"));
-  EXPECT_EQ(a.storage, storage);
-  EXPECT_EQ(a.family, oid_n(3));
-  EXPECT_EQ(a.replica, uuid_n(4));
+  EXPECT_EQ(kfsm_parse_mount(c, &a) ? a.storage : "", storage);
   kfsm_umount_args u;
   EXPECT_FALSE(kfsm_parse_umount(c, &u));  // a reader refuses another command's record
 
   kfsm_umount_info um{S("/proj"), uuid_n(5)};
-  c = round_trip(block(KFSM_CMD_UMOUNT, 0, &um, KFSM_UMOUNT_IMAGE, "vtag"),
-                 K().block(37, 0, "vtag", "vtag", 28).s("/proj").id(uuid_n(5)).done());
-  ASSERT_TRUE(kfsm_parse_umount(c, &u));
-  EXPECT_EQ(u.mount_point, "/proj");
-  EXPECT_EQ(u.replica, uuid_n(5));
+  round_trip(block(KFSM_CMD_UMOUNT, 0, &um, KFSM_UMOUNT_IMAGE, "vtag"),
+             K().block(37, 0, "vtag", "vtag", 28).s("/proj").id(uuid_n(5)).done());
 
   kfsm_inval_info v{5, uuid_n(6), 1, oid_n(7), S("leaf.c")};
   kfsmcmd_block b = block(KFSM_CMD_INVAL, 2, &v, KFSM_INVAL_IMAGE);
   b.pn = S("/view/vtag");
   b.pn2 = kfsm_strbuf_empty();
-  c = round_trip(b, K().block(5, 2, "/view/vtag", "", 52).u32(5).id(uuid_n(6)).u32(1).id(oid_n(7)).s("leaf.c").done());
-  kfsm_inval_args ia;
-  ASSERT_TRUE(kfsm_parse_inval(c, &ia));
-  EXPECT_TRUE(c.pn2.present);
-  EXPECT_EQ(std::tie(ia.version, ia.kind), std::make_tuple(5, 1));
-  EXPECT_EQ(ia.silo, uuid_n(6));
-  EXPECT_EQ(ia.obj, oid_n(7));
-  EXPECT_EQ(ia.name, "leaf.c");
-
-
+  round_trip(b, K().block(5, 2, "/view/vtag", "", 52).u32(5).id(uuid_n(6)).u32(1).id(oid_n(7)).s("leaf.c").done());
   kfsm_strbuf tag = S("vtag");
-  c = round_trip(block(KFSM_CMD_RMTAG, 2, &tag, KFSM_RMTAG_IMAGE),
-                 K().block(8, 2, nullptr, nullptr, 12).s("vtag").done());
-  std::string rmtag;
-  ASSERT_TRUE(kfsm_parse_rmtag(c, &rmtag));
-  EXPECT_EQ(rmtag, "vtag");
+  round_trip(block(KFSM_CMD_RMTAG, 2, &tag, KFSM_RMTAG_IMAGE),
+             K().block(8, 2, nullptr, nullptr, 12).s("vtag").done());
 }
 
 TEST(KfsmImages, LibraryRefusesRecordsItCannotSendFaithfully) {
@@ -231,10 +202,6 @@ TEST(KfsmImages, AnswersCarryOutputsBackIntoTheCallersMemory) {
   EXPECT_EQ(std::tie(mine.fstat.type, mine.fstat.size, mine.fstat.mode, mine.event_time.tv_sec),
             std::make_tuple(2, 0x100000002ull, 0, 1700000000));
   EXPECT_EQ(std::tie(x.oid, x.uuid, x.flag, x.uuid2), std::make_tuple(oid_n(8), uuid_n(9), -7, uuid_n(10)));
-  // A status travels in the block; no outputs are needed with it.
-  ans = kfsm_result_encode(0, c, TBS_ST_NO_SUCH_NAME, kfsm_result_outputs{});
-  ASSERT_EQ(kfsm_result_apply(B(ans), ans.size(), &b, &err), 0);
-  EXPECT_EQ(b.status, TBS_ST_NO_SUCH_NAME);
 
   // Root path: the request sends only the output buffer's capacity; the answer's text is cut to that
   // capacity minus one, with its NUL.

@@ -1,5 +1,6 @@
 // The transaction journal: its exact format, roll-forward of committed transactions, torn and corrupted
-// tails, stale entries, malformed files, spilling of large transactions and transaction-number wrap.
+// tails, stale entries, malformed files, an abort after a spill and transaction-number wrap. (A spilled
+// transaction that commits and is rolled forward: crash_test.cpp.)
 #include <gtest/gtest.h>
 
 #include <cstring>
@@ -226,18 +227,14 @@ TEST_F(Journal, CutAtEveryByteOfTheLastTransactions) {
   std::string j = journal_image();
   dt_crash(t);
   auto es = parse(j);
-  rectest::Capture cap;
-  int ignored = 0;
+  rectest::Capture quiet;
   for (size_t cut = 28; cut <= j.size(); cut++) {
     // Committed = transactions whose COMMIT entry lies wholly before the cut.
     size_t committed = 0;
     for (const Entry& e : es)
       if (e.type == 4 && e.off + e.len <= cut) committed++;
-    cap.lines.clear();
     ASSERT_EQ(reopen_with(snap, j.substr(0, cut), &j), want[committed]) << "cut at " << cut;
-    if (cap.contains("Ignoring remaining bytes")) ignored++;
   }
-  EXPECT_GT(ignored, 0);
 }
 
 TEST_F(Journal, FlippedBytesNeverApplyABrokenTransaction) {
@@ -257,7 +254,7 @@ TEST_F(Journal, FlippedBytesNeverApplyABrokenTransaction) {
     std::string bad = j;
     bad[pos] = (char)(bad[pos] ^ (1 + rng() % 255));
     // The transaction holding the flipped byte and all after it are dropped; a pad byte changes nothing.
-    size_t expect = es.size() ? 0 : 0, txi = 0;
+    size_t txi = 0;
     bool in_pad = true;
     for (const Entry& e : es) {
       if (pos >= e.off && pos < e.off + e.len) {
@@ -266,8 +263,7 @@ TEST_F(Journal, FlippedBytesNeverApplyABrokenTransaction) {
       }
       if (e.type == 4) txi++;
     }
-    expect = in_pad ? 3 : txi;
-    ASSERT_EQ(reopen_with(snap, bad, &j), want[expect]) << "flip at " << pos;
+    ASSERT_EQ(reopen_with(snap, bad, &j), want[in_pad ? 3 : txi]) << "flip at " << pos;
   }
 }
 
@@ -311,24 +307,10 @@ TEST_F(Journal, MalformedJournalOrControlFileFailsTheOpen) {
   cap.lines.clear();
   EXPECT_EQ(rectest::open_db(t, dir.path()), S_TAFSYNC);
   EXPECT_TRUE(cap.contains("TCF entry (0x0000000C) checksum")) << (cap.lines.empty() ? "" : cap.lines[0]);
-  EXPECT_TRUE(cap.contains("failed"));
   char aside[64];
   snprintf(aside, sizeof aside, "tavrel_db.tjf.%x", tx);
   EXPECT_EQ(rectest::read_file(dir.file(aside)).substr(0, j.size()), j);
   unlink(dir.file(aside).c_str());
-}
-
-TEST_F(Journal, TransactionLargerThanTheCacheSpillsAndCommits) {
-  txn(0);
-  std::string snap = snapshot();
-  txn(1, 400);  // hundreds of pages with an 8-frame cache
-  dt_stats_s st{};
-  ASSERT_EQ(dt_stats(&st, t), 0);
-  EXPECT_GT(st.spills, 0u);
-  std::string want = rectest::dump(t);
-  std::string j = journal_image();
-  dt_crash(t);
-  EXPECT_EQ(reopen_with(snap, j), want);
 }
 
 TEST_F(Journal, AbortAfterSpillLeavesNoTrace) {

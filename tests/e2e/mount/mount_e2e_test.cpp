@@ -67,7 +67,6 @@ class SiloMounts : public ::testing::Test {
 };
 
 TEST_F(SiloMounts, MountQueryUnmountAndABusyMountPoint) {
-  EXPECT_FALSE(mounted(proj));
   for (const char* tag : {"/proj", "/lib"}) {
     Outcome m = r.tavrel({"mount", tag});
     ASSERT_EQ(m.code, 0) << m.out << m.err;
