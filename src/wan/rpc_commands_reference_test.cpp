@@ -1,6 +1,6 @@
 // The client against the project's reference WAN server in the same process, checking that the two
-// sides agree: login with a domain and a password holding colons, a SILO known and unknown, config
-// specs set and read back per view, versions of every size fetched into a temporary file and renamed
+// sides agree: login with a domain and a password holding colons, a SILO known and unknown,
+// the config specs of each view set and read back, versions of every size fetched into a temporary file and renamed
 // into place, replies cut, corrupted or refused on purpose, a session the server dropped, logout.
 #include <unistd.h>
 
