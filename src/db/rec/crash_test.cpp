@@ -4,7 +4,8 @@
 // every death the database is reopened (running roll-forward) and must equal, row for row, key for key and
 // set for set, a reference database that ran the same workload up to the last reported commit or the one
 // after it (a transaction killed inside dt_trend may have become durable). The next child then continues
-// the workload on the recovered database.
+// the workload on the recovered database. Both durability modes run: a commit synced at once, and a
+// commit whose journal sync is deferred (a killed process must lose nothing in either).
 #include <gtest/gtest.h>
 #include <signal.h>
 #include <sys/wait.h>
@@ -135,7 +136,7 @@ class Reference {
 
 // Run transactions first..first+count-1 in a child; returns the last transaction the child reported.
 int run_child(const std::string& dir, uint64_t seed, int first, int count, const char* failpoint, int fp_count,
-              int kill_after_us) {
+              int kill_after_us, bool deferred) {
   int fds[2];
   if (pipe(fds) != 0) abort();
   pid_t pid = fork();
@@ -145,6 +146,7 @@ int run_child(const std::string& dir, uint64_t seed, int first, int count, const
     DB_TASK* t;
     dt_opentask(&t);
     if (rectest::open_db(t, dir) != 0) _exit(3);
+    if (deferred) dt_on_opt(DT_OPT_DEFER_SYNC, t);
     for (int i = first; i < first + count; i++) {
       workload_txn(t, seed, i);
       if (write(fds[1], &i, sizeof i) != sizeof i) _exit(4);
@@ -168,9 +170,12 @@ int run_child(const std::string& dir, uint64_t seed, int first, int count, const
   return last;
 }
 
-TEST(Crash, KilledAtRandomMomentsAndFailPoints) {
+class Crash : public ::testing::TestWithParam<bool> {};
+
+TEST_P(Crash, KilledAtRandomMomentsAndFailPoints) {
   const char* s = getenv("TAVREL_REC_SEED");
   uint64_t seed = s ? strtoull(s, nullptr, 10) : 4242;
+  bool deferred = GetParam();
   rectest::TempDir dir;
   Reference ref(seed);
   std::mt19937 rng((uint32_t)seed);
@@ -184,7 +189,7 @@ TEST(Crash, KilledAtRandomMomentsAndFailPoints) {
       fp = kFailPoints[rng() % (sizeof kFailPoints / sizeof kFailPoints[0])];
       fp_count = 1 + (int)(rng() % 4);
     }
-    int last = run_child(dir.path(), seed, next, 12, fp, fp_count, kill_us);
+    int last = run_child(dir.path(), seed, next, 12, fp, fp_count, kill_us, deferred);
     // Sometimes die again in the middle of the recovery itself.
     if (iter % 4 == 1) {
       pid_t pid = fork();
@@ -219,6 +224,41 @@ TEST(Crash, KilledAtRandomMomentsAndFailPoints) {
   }
   EXPECT_GT(next, 36) << "the workload made progress";
   EXPECT_GT(recovered_twice, 0) << "a recovery was itself interrupted";
+}
+
+INSTANTIATE_TEST_SUITE_P(SyncModes, Crash, ::testing::Values(false, true),
+                         [](const ::testing::TestParamInfo<bool>& i) { return i.param ? "Deferred" : "AtCommit"; });
+
+// Deferred commits stay pending until a sync from another thread or a checkpoint makes them durable.
+TEST(DeferredSync, PendingUntilSyncedOrCheckpointed) {
+  rectest::TempDir dir;
+  DB_TASK* t;
+  ASSERT_EQ(dt_opentask(&t), 0);
+  ASSERT_EQ(rectest::open_db(t, dir.path()), 0);
+  auto sp = dt_journal_sync_point(t);
+  ASSERT_TRUE(sp);
+  auto commit_one = [&](uint32_t dbid) {
+    vns_db_elem e{};
+    e.silo_dba = 1;
+    e.dbid = dbid;
+    ASSERT_EQ(dt_trbegin("w", t), 0);
+    ASSERT_EQ(dt_fillnew(VNS_DB_ELEM, &e, t, -1), 0);
+    ASSERT_EQ(dt_trend(t), 0);
+  };
+  commit_one(1);
+  EXPECT_FALSE(sp->pending()) << "without the option a commit is synced at once";
+  dt_on_opt(DT_OPT_DEFER_SYNC, t);
+  commit_one(2);
+  EXPECT_TRUE(sp->pending());
+  std::thread([&] { EXPECT_EQ(sp->sync(), 0); }).join();
+  EXPECT_FALSE(sp->pending());
+  commit_one(3);
+  ASSERT_TRUE(sp->pending());
+  ASSERT_EQ(dt_syncfiles(t), 0);
+  EXPECT_FALSE(sp->pending()) << "a checkpoint makes the written commits durable";
+  commit_one(4);
+  ASSERT_EQ(dt_closetask(t), 0);
+  EXPECT_EQ(sp->sync(), 0) << "the sync point outlives the database";
 }
 
 }  // namespace

@@ -219,7 +219,15 @@ int dt_trbegin(const char* tid, DB_TASK* task) {
 }
 
 int dt_trend(DB_TASK* task) {
-  return read_op(task, -1, [&](Database& db) { return db.trend((task->options & DT_OPT_SYNC_FILES) != 0); });
+  return read_op(task, -1, [&](Database& db) {
+    db.set_deferred_sync((task->options & DT_OPT_DEFER_SYNC) != 0);
+    return db.trend((task->options & DT_OPT_SYNC_FILES) != 0);
+  });
+}
+
+std::shared_ptr<tavrel::rec::SyncPoint> dt_journal_sync_point(DB_TASK* task) {
+  if (!task || !task->db) return nullptr;
+  return task->db->sync_point();
 }
 
 int dt_trabort(DB_TASK* task) {

@@ -35,8 +35,10 @@
 #pragma once
 
 #include <cstdint>
+#include <memory>
 #include <string>
 
+#include "db/rec/journal.h"
 #include "db/rec/tavrel_db_schema.h"
 
 struct DB_TASK;
@@ -103,6 +105,9 @@ enum : int {
   DT_OPT_TXJOURNAL = 0x100,     // transaction journal (default on). Off: for a bulk load only; changes go
                                 // to the files without the journal, a crash leaves them half done, and
                                 // dt_trabort answers -925
+  DT_OPT_DEFER_SYNC = 0x200,    // commit returns after writing the journal, without its data sync; the
+                                // sync follows through dt_journal_sync_point (from any thread), before any
+                                // committed page reaches its file, and at every checkpoint and close
 };
 
 // ---- session ----------------------------------------------------------------------------------------------
@@ -233,6 +238,10 @@ struct dt_stats_s {
 int dt_stats(dt_stats_s* out, DB_TASK* task);
 // Write the dictionary file of the compiled-in schema (what the build installs as "tavrel_db.dbd").
 int dt_write_dictionary(const char* path);
+// The open database's journal sync point: sync() makes every commit so far durable; it may be called from
+// any thread without serialising with the other calls, and stays harmless after the database closes.
+// Null while no database is open.
+std::shared_ptr<tavrel::rec::SyncPoint> dt_journal_sync_point(DB_TASK* task);
 // Tests only: cap the page cache allocation at `bytes` (0 = no cap) to exercise the -904 path.
 void d_set_cache_alloc_cap(size_t bytes);
 // Tests only: give up the open database as a crash would (no abort, no flush, no checkpoint).

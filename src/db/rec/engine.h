@@ -59,6 +59,9 @@ class Database {
   int trend(bool sync_files);
   int trabort();
   bool in_tx() const { return active_; }
+  // Deferred durability of commits (journal.h, SyncPoint).
+  void set_deferred_sync(bool on) { journal_.set_deferred(on); }
+  std::shared_ptr<SyncPoint> sync_point() const { return journal_.sync_point(); }
 
   // Rows.
   int fillnew(int rec, const void* values);

@@ -31,8 +31,11 @@
 // every CHANGE of every transaction that has a COMMIT, in journal order, which is idempotent.
 #pragma once
 
+#include <atomic>
 #include <cstdint>
 #include <functional>
+#include <memory>
+#include <mutex>
 #include <string>
 #include <vector>
 
@@ -47,6 +50,36 @@ constexpr size_t kMaxChangeData = 65535 - 20;
 
 // Where messages go: level 0 information, 1 warning, 2 error.
 using MsgFn = std::function<void(int level, const std::string& text)>;
+
+// Deferred durability. With deferral on, a commit writes its entries and COMMIT but does not sync the
+// journal; the commit counts as written. Its data sync comes later, from whichever is first:
+//   - SyncPoint::sync() from any thread (the database layer's flusher, within its delay);
+//   - settle(), which the page cache calls before committed pages are written to their files (a data
+//     file never holds a change whose COMMIT is not durable), and every checkpoint and close.
+// A killed process loses nothing (the entries are in the file); a power loss can take the commits not
+// yet synced, whole, never part of one.
+class SyncPoint {
+ public:
+  explicit SyncPoint(int fd) : fd_(fd) {}
+  ~SyncPoint();
+  SyncPoint(const SyncPoint&) = delete;
+  SyncPoint& operator=(const SyncPoint&) = delete;
+  // Makes every commit written so far durable. Safe from any thread, without the engine's caller lock;
+  // it syncs its own descriptor of the journal, so it stays valid after the journal is closed.
+  int sync();
+  bool pending() const { return synced_.load() < written_.load(); }
+  void note_written() { written_.fetch_add(1); }
+  // Everything written so far is durable by other means (a sync of the journal, or a checkpoint).
+  void mark_synced() {
+    std::lock_guard<std::mutex> g(mutex_);
+    synced_.store(written_.load());
+  }
+
+ private:
+  int fd_;
+  std::mutex mutex_;  // one data sync at a time; guards nothing else
+  std::atomic<uint64_t> written_{0}, synced_{0};
+};
 
 class Journal {
  public:
@@ -80,6 +113,10 @@ class Journal {
   int truncate();
   int sync();
   int fd() const { return fd_; }
+  // Deferred durability (see SyncPoint). settle() syncs when a written commit is not yet durable.
+  void set_deferred(bool on) { deferred_ = on; }
+  int settle() { return sync_point_ && sync_point_->pending() ? sync_point_->sync() : 0; }
+  std::shared_ptr<SyncPoint> sync_point() const { return sync_point_; }
   // Re-read the header after roll-forward changed the file.
   int reload(const MsgFn& msg);
 
@@ -99,6 +136,8 @@ class Journal {
   uint32_t cur_ = 0;
   bool active_ = false;
   bool in_file_ = false;  // part of the current transaction has been written to the file
+  bool deferred_ = false;
+  std::shared_ptr<SyncPoint> sync_point_;  // made at open over a duplicate of fd_
   std::vector<uint8_t> buf_;
 };
 

@@ -150,7 +150,8 @@ int PageCache::evict(int f) {
   Frame& fr = frames_[f];
   if (fr.key == ~0ull) return 0;
   if (fr.cdirty) {
-    int st = write_frame(f);
+    int st = journal_ ? journal_->settle() : 0;
+    if (st == 0) st = write_frame(f);
     if (st != 0) return st;
     stats_.writebacks++;
   }
@@ -178,7 +179,8 @@ int PageCache::release_batch() {
       // The committed content under the change may not be in the file yet: put it there first.
       if (fr.cdirty) {
         CacheFile& cf = (*files_)[file];
-        st = io_write(cf.fd, fr.before, ps_, (uint64_t)page * ps_);
+        st = journal_->settle();
+        if (st == 0) st = io_write(cf.fd, fr.before, ps_, (uint64_t)page * ps_);
         if (st != 0) return st;
         cf.unsynced = true;
         if (page + 1ull > cf.pages) cf.pages = page + 1ull;
@@ -340,7 +342,9 @@ int PageCache::tx_commit(bool sync_files_now, bool* applying) {
     stats_.journal_bytes += journal_->length() - before_len;
     *applying = true;
     failpoint("commit.before_apply");
-    // Pages that were spilled and are not dirty in the cache now: copy their image to the file.
+    // Pages that were spilled and are not dirty in the cache now: copy their image to the file, once the
+    // commit is durable.
+    if (!spill_.empty() && (st = journal_->settle()) != 0) return st;
     std::vector<uint8_t> tmp(ps_);
     for (auto& [key, at] : spill_) {
       int hit = map_.find(key);
@@ -423,6 +427,11 @@ int PageCache::tx_abort() {
 }
 
 int PageCache::write_back() {
+  // Committed pages reach their files only after their commits are durable.
+  if (journal_) {
+    int st = journal_->settle();
+    if (st != 0) return st;
+  }
   for (size_t f = 0; f < frames_.size(); f++) {
     Frame& fr = frames_[f];
     if (!fr.cdirty || fr.key == ~0ull) continue;
