@@ -57,8 +57,8 @@ void Tavrel_Startview::process_request() {
   if (st != 0) {
     // The view starts offline; Connect brings it online later.
     trace.writeTrace(TRACE_LEVEL_2, "Login failed: %s", message.c_str());
+    // The answer stays 0 and says nothing of it: the warning in the view's log is what tells that the
+    // view runs offline (the command line shows it from there).
     log->write_log(TAVREL_LOG_WARN, &_tvr_lib_lib_msg_table, TVR_LIB_CANNOT_CONNECT, Tavrel_Server::get_url().c_str());
-    // The answer stays 0, and its message tells the client that the view runs offline.
-    append_message(TVR_LIB_CANNOT_CONNECT, Tavrel_Server::get_url().c_str());
   }
 }

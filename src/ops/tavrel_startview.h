@@ -9,7 +9,8 @@
 // registration; its status and messages are the answer's); install it; mount again the SILOs of the
 // mount table (a failure is logged as a warning, message 23, and the answer stays 0); online: log in.
 // A failed login is logged as a warning (message 17 with the URL) and the view starts offline with
-// answer 0 and that message as status message; `Connect` brings it online later. A failed StartView leaves the storage untouched.
+// answer 0 and nothing added to the answer; the view's log is where a client finds the warning, and
+// `Connect` brings the view online later. A failed StartView leaves the storage untouched.
 #pragma once
 
 #include <memory>
