@@ -105,8 +105,8 @@ enum : int {
   TVR_LIB_UNHIJACK_SILO_ROOT = 84,      // path
   TVR_LIB_UNHIJACK_FAILED = 85,         // path, error text
   TVR_LIB_KFSM_UNREGISTER = 86,         // error text
-  TVR_LIB_REMOUNT_STATUS = 87,          // status
-  TVR_LIB_REMOUNTED = 88,               // -
+  TVR_LIB_REMOUNT_STATUS = 87,          // SILO tag, status
+  TVR_LIB_REMOUNTED = 88,               // SILO tag
   TVR_LIB_READDIR_DBID = 89,            // path
   TVR_LIB_BAD_AGGREGATED_STATE = 90,    // state
   TVR_LIB_GET_METADATA = 91,            // path

@@ -1,5 +1,6 @@
 #include "ops/tavrel_endview.h"
 
+#include "base/imsg.h"
 #include "core/tavrel_status.h"
 #include "core/tavrel_thread_manager_base.h"
 #include "core/tavrel_trace.h"
@@ -87,6 +88,10 @@ int Tavrel_Endview::unmount_silos() {
     append_message(TVR_LIB_UNMOUNT_FAILED, e.silo_tag.c_str(), tbs_strerror(error));
     trace.writeTrace(TRACE_LEVEL_1, "Unmount failed for %s: %s", e.silo_tag.c_str(), tbs_strerror(error));
     status = st;
+    // Also to the view's log (through the message redirection), since a forced end has no client.
+    imsg_print(IMSG_ERR, "%s",
+               imsg_format(&_tvr_lib_lib_msg_table, TVR_LIB_UNMOUNT_FAILED, e.silo_tag.c_str(), tbs_strerror(error))
+                   .c_str());
   }
   if (status != 0) {
     append_message(TVR_LIB_UNMOUNT_INCOMPLETE);
@@ -105,14 +110,12 @@ int Tavrel_Endview::remount_silos() {
                               Tavrel_Mountsilo::as_oid(e.family_uuid));
     if (st == TAVREL_ST_ALREADY_MOUNTED) st = 0;
     trace.writeTrace(TRACE_LEVEL_3, "Remount %s: %d", e.silo_tag.c_str(), st);
-    if (st != 0) result = st;
-  }
-  if (m_unmounted.empty()) return 0;
-  if (result == 0) {
-    append_message(TVR_LIB_REMOUNTED);
-  } else {
-    append_message(TVR_LIB_REMOUNT_STATUS, result);
-    m_status = result;
+    if (st == 0) {
+      append_message(TVR_LIB_REMOUNTED, e.silo_tag.c_str());
+    } else {
+      append_message(TVR_LIB_REMOUNT_STATUS, e.silo_tag.c_str(), st);
+      m_status = result = st;
+    }
   }
   return result;
 }

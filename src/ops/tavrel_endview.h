@@ -10,8 +10,9 @@
 //   2. forced only: the running update is aborted and awaited; a normal end lets it run;
 //   3. every SILO of the mount table is unmounted in the module, in tag order; a busy one is tried
 //      once more after 2 s. Unmounted (or already gone): message 76. Failed: message 75 and that
-//      status; after the last one, message 77 and the SILOs unmounted so far are mounted again
-//      (message 88, or 87 with the status). The mount table and ".mounted_silos" stay as they are,
+//      status, and message 75 also to the view's log as an error (imsg_print); after the last one,
+//      message 77 and the SILOs unmounted so far are mounted again, each answered by message 88, or
+//      87 with its status. The mount table and ".mounted_silos" stay as they are,
 //      so the next start mounts the same set;
 //   4. a normal end stops here when an unmount failed: the view stays up and the client sees which
 //      SILO is busy;

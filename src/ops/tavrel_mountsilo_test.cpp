@@ -10,6 +10,7 @@
 #include <vector>
 
 #include "base/fileutl.h"
+#include "base/imsg.h"
 #include "core/tavrel_config.h"
 #include "core/tavrel_view.h"
 #include "core/tavrel_view_storage.h"
@@ -19,6 +20,7 @@
 #include "ops/tavrel_endview.h"
 #include "ops/tavrel_mountsilo.h"
 #include "ops/tavrel_server.h"
+#include "proto/kfsm_status.h"
 #include "proto/view_storage_names.h"
 #include "server/importer.h"
 #include "server/wan_server.h"
@@ -326,19 +328,39 @@ TEST_F(MountOps, EndOfViewUnmountsInTheModuleAndKeepsTheTable) {
   EXPECT_EQ(mounted_file(), file) << "the table stays for the next start";
   EXPECT_EQ(listed(), (std::vector<std::string>{"silo-tag=/other", "silo-tag=/proj"}));
 
-  // /other busy twice (the report is shown with the real programs): /proj is still unmounted, and
-  // then mounted again since the view stays up.
+  // /other busy twice: /proj is still unmounted, and then mounted again since the view stays up; each
+  // remount is reported on its own line, and the failed unmount also reaches the log as an error. The
+  // second time the module refuses the remount too.
+  static std::vector<std::string> printed;
+  static const imsg_redirect_proc_t err_proc = [](void*, const char* text) { printed.push_back(text); };
+  imsg_redirect_proc_t procs[11] = {};
+  procs[6] = procs[7] = err_proc;
+  imsg_set_redirect_procs(procs, 11, nullptr);
+  const std::string busy = "Unable to unmount SILO /other: " + std::string(tbs_strerror(TBS_ST_BUSY)) + "\n";
   const size_t mounts_before = commands_of(KFSM_CMD_MOUNT).size();
-  peer->push_status(KFSM_CMD_UMOUNT, TBS_ST_BUSY);
-  peer->push_status(KFSM_CMD_UMOUNT, TBS_ST_BUSY);
-  {
+  struct {
+    int32_t remount;  // the module's answer to the remount of /proj
+    std::string last_line;
+  } rounds[] = {{0, "Remounted SILO /proj.\n"}, {TBS_ST_FAILURE, "Unable to remount SILO /proj (status "}};
+  for (const auto& round : rounds) {
+    printed.clear();
+    peer->push_status(KFSM_CMD_UMOUNT, TBS_ST_BUSY);
+    peer->push_status(KFSM_CMD_UMOUNT, TBS_ST_BUSY);
+    peer->push_status(KFSM_CMD_MOUNT, round.remount);
     Tavrel_Endview end(storage, false);
     EXPECT_NE(end.unmount_silos(), 0);
-    EXPECT_NE(end.get_status_message().find("SILOs remounted.\n"), std::string::npos) << end.get_status_message();
+    EXPECT_EQ(end.get_status_message().rfind(busy + "Unmounted SILO /proj.\nNot every SILO could be unmounted; "
+                                              "the view stays up.\n" + round.last_line, 0), 0u)
+        << end.get_status_message();
+    EXPECT_EQ(printed, std::vector<std::string>{busy});
+    if (round.remount != 0) {
+      EXPECT_NE(end.get_status(), 0);
+    }
   }
-  EXPECT_EQ(commands_of(KFSM_CMD_UMOUNT).size(), 6u);
+  imsg_set_redirect_procs(nullptr, 0, nullptr);
+  EXPECT_EQ(commands_of(KFSM_CMD_UMOUNT).size(), 9u);
   auto mounts = commands_of(KFSM_CMD_MOUNT);
-  ASSERT_EQ(mounts.size(), mounts_before + 1);
+  ASSERT_EQ(mounts.size(), mounts_before + 2);
   kfsm_mount_args again;
   ASSERT_TRUE(kfsm_parse_mount(mounts.back(), &again));
   EXPECT_EQ(again.mount_point, "/proj");
@@ -346,7 +368,7 @@ TEST_F(MountOps, EndOfViewUnmountsInTheModuleAndKeepsTheTable) {
   Tavrel_AbstractOp::set_view_source(nullptr);
   Tavrel_Endview none(storage, false);
   EXPECT_EQ(none.unmount_silos(), TAVREL_ST_NO_VIEW_INFO);
-  EXPECT_EQ(commands_of(KFSM_CMD_UMOUNT).size(), 6u);
+  EXPECT_EQ(commands_of(KFSM_CMD_UMOUNT).size(), 9u);
 }
 
 }  // namespace
