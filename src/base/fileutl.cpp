@@ -1,11 +1,14 @@
 #include "base/fileutl.h"
 
+#include <dirent.h>
+
 #include <fcntl.h>
 #include <unistd.h>
 
 #include <cerrno>
 #include <climits>
 #include <cstdlib>
+#include <cstring>
 #include <vector>
 
 #include "base/sysutl.h"
@@ -46,6 +49,46 @@ bool fileutl_exists(const std::string& path) {
 int fileutl_rm(const std::string& path) {
   if (unlink(path.c_str()) == 0 || errno == ENOENT) return 0;
   return -1;
+}
+
+namespace {
+
+// Empties the directory open as `dfd` (which it closes).
+int rm_tree_at(int dfd) {
+  DIR* d = fdopendir(dfd);
+  if (!d) {
+    close(dfd);
+    return -1;
+  }
+  int rc = 0;
+  while (struct dirent* e = readdir(d)) {
+    if (strcmp(e->d_name, ".") == 0 || strcmp(e->d_name, "..") == 0) continue;
+    if (unlinkat(dirfd(d), e->d_name, 0) == 0 || errno == ENOENT) continue;
+    if (errno != EISDIR && errno != EPERM) {
+      rc = -1;
+      break;
+    }
+    int sub = openat(dirfd(d), e->d_name, O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC);
+    if (sub < 0 || rm_tree_at(sub) != 0 || unlinkat(dirfd(d), e->d_name, AT_REMOVEDIR) != 0) {
+      rc = -1;
+      break;
+    }
+  }
+  int e = errno;
+  closedir(d);
+  errno = e;
+  return rc;
+}
+
+}  // namespace
+
+int fileutl_rm_tree(const std::string& path) {
+  if (unlink(path.c_str()) == 0 || errno == ENOENT) return 0;
+  if (errno != EISDIR && errno != EPERM) return -1;
+  int fd = open(path.c_str(), O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC);
+  if (fd < 0) return -1;
+  if (rm_tree_at(fd) != 0) return -1;
+  return rmdir(path.c_str()) == 0 ? 0 : -1;
 }
 
 int fileutl_rename(const std::string& from, const std::string& to) {

@@ -13,6 +13,9 @@ int fileutl_stat(const std::string& path, struct stat* st);
 bool fileutl_exists(const std::string& path);
 // Removes a file (not a directory); a missing file counts as success.
 int fileutl_rm(const std::string& path);
+// Removes a file or a whole directory tree; symbolic links are removed, never followed. 0 also when
+// nothing is there; -1 with errno on the first failure.
+int fileutl_rm_tree(const std::string& path);
 int fileutl_rename(const std::string& from, const std::string& to);
 // Copies a regular file's bytes and mode; writes to a temporary then renames, so `to` is whole or absent.
 int fileutl_cp(const std::string& from, const std::string& to);

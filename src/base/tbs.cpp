@@ -1,6 +1,7 @@
 #include "base/tbs.h"
 
 #include <sys/random.h>
+#include <unistd.h>
 
 #include <cerrno>
 #include <cstdlib>
@@ -75,6 +76,16 @@ bool tbs_oid_is_null(const tbs_oid_s& o) { return all_zero(o.bytes); }
 
 void tbs_uuid_to_str(const tbs_uuid_s& u, char out[37]) { bytes_to_text(u.bytes, out); }
 void tbs_oid_to_str(const tbs_oid_s& o, char out[37]) { bytes_to_text(o.bytes, out); }
+
+std::string tbs_product_server_dir() {
+  if (const char* env = getenv("TAVREL_PRODUCT_DIR"); env && *env) return env;
+  char exe[4096];
+  ssize_t n = readlink("/proc/self/exe", exe, sizeof exe - 1);
+  if (n <= 0) return "product";
+  std::string path(exe, (size_t)n);
+  std::string bin = path.substr(0, path.find_last_of('/'));
+  return bin.substr(0, bin.find_last_of('/') == std::string::npos ? 0 : bin.find_last_of('/')) + "/product";
+}
 
 std::string tbs_uuid_to_str(const tbs_uuid_s& u) {
   char buf[37];

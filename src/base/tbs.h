@@ -82,5 +82,10 @@ tbs_status_t tbs_str_to_uuid(const std::string& text, tbs_uuid_s* out);
 tbs_status_t tbs_str_to_oid(const std::string& text, tbs_oid_s* out);
 
 // A new random identity (version-4 layout) from the kernel's random source.
+// The directory of the product's installed files (the database dictionary and schema version, the
+// dumper): $TAVREL_PRODUCT_DIR when set, else "product" beside the folder of the running program
+// (<prefix>/bin/prog -> <prefix>/product).
+std::string tbs_product_server_dir();
+
 tbs_uuid_s tbs_uuid_create();
 tbs_oid_s tbs_oid_create();

@@ -124,7 +124,15 @@ std::string tvr_db_storage_name();
 // `object` (record, set or operation label) and returns 1008.
 int tvr_engine_err(const char* op, const char* object, int status);
 
-// ---- repair steps implemented by the dump module ---------------------------------------------------
+// ---- steps of other modules of this library ---------------------------------------------------------
+// At every open of an existing database: drops what build sessions held, in a write transaction of its own.
+int tvr_db_start_cleanup();
+// Inside a read transaction at start: schedules the scrubber of stranded containers.
+int tvr_db_start_scrubber();
+// Written by the loader before it starts and removed when it has finished: a start that finds it (with
+// the dump beside it) loads that dump again instead of dumping the half-loaded database over it.
+constexpr const char* TVR_DB_LOADING_MARKER = "db/.loading";
+
 // Dumps the database with the product's dumper into "tavrel_db.dump_file", moves "db" aside and sets
 // 'd'; *dumped receives the moved directory's path. 1001 if the dumper is not executable.
 int tvr_db_dump_db(std::string* dumped);
