@@ -17,6 +17,7 @@
 #include "ops/tavrel_abstract_op.h"
 #include "ops/tavrel_conn_handler_base.h"
 #include "ops/tavrel_request_handler_base.h"
+#include "ops/tavrel_tag.h"
 #include "wan/rclient_session.h"
 
 Tavrel_View_Handler* Tavrel_View_Handler::g_instance = nullptr;
@@ -91,16 +92,24 @@ int Tavrel_View_Handler::prepare_view() {
   Tavrel_AbstractOp* op = Tavrel_AbstractOp::create_xml_request_handler(request, m_location, &status);
   if (op) {
     const std::string& name = op->get_request_name();
-    if (name != "MkView" && name != "StartView") {
-      // Only these two can bring a view into being; anything else would leave the process without one.
-      trace.writeTrace(TRACE_LEVEL_1, "First request %s is neither MkView nor StartView", name.c_str());
-      status = TAVREL_ST_UNRECOGNIZED;
-      Tavrel_AbstractOp::get_error_response(status, request, response);
-    } else {
+    if (name == "MkView" || name == "StartView") {
       if (name == "StartView") Tavrel_Log::g_enabled = 1;
       op->process_request();
       op->get_response(response);
       status = op->get_status();
+    } else if (name == Tavrel_Tag::XMLERROR) {
+      // Not a document, or a root that names no operation: the framework's own answer ("XMLError",
+      // 20020 with message 7 or 22; 20057 for an unconvertible character). No view comes of it.
+      trace.writeTrace(TRACE_LEVEL_1, "First request is not a request");
+      op->process_request();
+      op->get_response(response);
+      status = op->get_status() != 0 ? op->get_status() : TAVREL_ST_UNRECOGNIZED;
+    } else {
+      // Only MkView and StartView can bring a view into being; any other operation would reach a view
+      // that does not exist.
+      trace.writeTrace(TRACE_LEVEL_1, "First request %s is neither MkView nor StartView", name.c_str());
+      status = TAVREL_ST_UNRECOGNIZED;
+      Tavrel_AbstractOp::get_error_response(status, request, response);
     }
   } else {
     if (status == 0) status = TAVREL_ST_NO_OBJECT;
@@ -131,8 +140,8 @@ int Tavrel_View_Handler::run() {
     if (rc != 0) trace.writeTrace(TRACE_LEVEL_1, "No KFSM listening: %d", rc);
     rc = conn->start();
     if (rc != 0) {
+      // The status stays as it is: the process ends here with the exit code of a normal end.
       trace.writeTrace(TRACE_LEVEL_1, "Unable to start connection handler thread: error %d", rc);
-      status = TAVREL_ST_THREAD_START;
       mgr->set_should_exit();
       mgr->terminate();
     } else {

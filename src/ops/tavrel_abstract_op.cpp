@@ -215,9 +215,11 @@ OlXmlElem* Tavrel_AbstractOp::parse_validate_request(const int& txid_required) {
     assign_message(TVR_LIB_PARSE_ERROR, m_view_location.c_str());
     return nullptr;
   }
-  // The tx-id is copied whenever it is there; only operations that require it refuse its absence.
+  // Only operations that require a tx-id read it; the answer carries the transaction id read here, so
+  // the first requests (MkView, StartView) and envelopes refused before this point answer an empty one.
+  if (txid_required == 0) return root;
   m_txid = root->get_attr(Tavrel_Tag::TRANS_ID);
-  if (txid_required != 0 && m_txid.empty()) {
+  if (m_txid.empty()) {
     trace.writeTrace(TRACE_LEVEL_2, "Transaction id not specified");
     m_status = TAVREL_ST_MALFORMED;
     assign_message(TVR_LIB_PARSE_ERROR, m_view_location.c_str());
@@ -401,20 +403,11 @@ void Tavrel_AbstractOp::assign_message(int number, ...) {
 
 // ---- Response ---------------------------------------------------------------------------------------
 
-std::string Tavrel_AbstractOp::request_txid() const {
-  if (!m_txid.empty()) return m_txid;
-  if (m_request_doc && m_request_doc->get_root()) {
-    std::string attr = m_request_doc->get_root()->get_attr(Tavrel_Tag::TRANS_ID);
-    if (!attr.empty()) return attr;
-  }
-  return m_txid_guess;
-}
-
 int Tavrel_AbstractOp::create_response_root(OlXmlDoc& doc, int status_code) {
   Tavrel_Trace trace(TAVREL, "Tavrel_AbstractOp", "create_response_root");
   trace.writeTrace(TRACE_LEVEL_5, "Calling create_root_elem");
   int rc = doc.create_root_elem(m_request_name);
-  if (rc == 0) rc = doc.add_attr(Tavrel_Tag::TRANS_ID, request_txid());
+  if (rc == 0) rc = doc.add_attr(Tavrel_Tag::TRANS_ID, m_txid);
   if (rc == 0) rc = doc.add_attr(Tavrel_Tag::STATUS_CODE, std::to_string(status_code));
   if (rc == 0 && !m_status_message.empty()) rc = doc.add_elem(Tavrel_Tag::STATUS_MESSAGE, m_status_message);
   trace.writeTrace(TRACE_LEVEL_5, "Status from create_root_elem = %d", rc);
@@ -427,7 +420,7 @@ void Tavrel_AbstractOp::finish_response(OlXmlDoc& doc, std::string& response) {
     // Nothing could be serialised (not even a root): the envelope as text still tells the client.
     trace.writeTrace(TRACE_LEVEL_1, "Could not serialise the response document of %s", m_request_name.c_str());
     const std::string root = plain_name(m_request_name) ? m_request_name : std::string(Tavrel_Tag::XMLERROR);
-    response = make_status_response(root, request_txid(), m_status, m_status_message);
+    response = make_status_response(root, m_txid, m_status, m_status_message);
   }
   if (trace.shouldTrace(TRACE_LEVEL_4))
     trace.writeTrace(TRACE_LEVEL_4, "Returning response [%s]", Tavrel_Trace::redact(response).c_str());
@@ -443,21 +436,18 @@ void Tavrel_AbstractOp::get_envelope_response(std::string& response) {
 
 void Tavrel_AbstractOp::get_shutdown_response(const Tavrel_AbstractOp* op, std::string& response) {
   Tavrel_Trace trace(TAVREL, "Tavrel_AbstractOp", "get_shutdown_response");
+  // The operation never ran, so it read no tx-id: the answer has none (a client matches it to the
+  // oldest request it still waits for).
   std::string root = Tavrel_Tag::SHUTDOWN_IN_PROGRESS;
-  std::string txid;
-  if (op && !op->get_request_name().empty()) {
-    root = op->get_request_name();
-    txid = op->request_txid();  // lets a client with several requests in flight match the reply
-  }
+  if (op && !op->get_request_name().empty()) root = op->get_request_name();
   std::string message;
   Tavrel_Util::format(message, &_tvr_lib_lib_msg_table, TVR_LIB_SHUTTING_DOWN);
   OlXmlDoc doc;
   int rc = doc.create_root_elem(root);
-  if (rc == 0 && !txid.empty()) rc = doc.add_attr(Tavrel_Tag::TRANS_ID, txid);
   if (rc == 0) rc = doc.add_attr(Tavrel_Tag::STATUS_CODE, std::to_string(TAVREL_ST_VIEW_ENDING));
   if (rc == 0) rc = doc.add_elem(Tavrel_Tag::STATUS_MESSAGE, message);
   if (doc.get_string(response) != 0 || response.empty())
-    response = make_status_response(root, txid, TAVREL_ST_VIEW_ENDING, message);
+    response = make_status_response(root, "", TAVREL_ST_VIEW_ENDING, message);
 }
 
 std::string Tavrel_AbstractOp::xml_escape(const std::string& text, bool attribute) {

@@ -9,6 +9,7 @@
 // Response envelope, built with OlXmlDoc in this order (building stops at the first failing step and
 // the partial document is sent):
 //   <Op tx-id="..." status-code="N"><status-message>...</status-message>...operation elements...</Op>
+// tx-id is the transaction id the operation read (see parse_validate_request), empty when it read none.
 // status-message only when the status message is not empty; the operation's own elements normally
 // only on success.
 //
@@ -128,8 +129,7 @@ class Tavrel_AbstractOp {
   // status, and `request` as status message (when not empty).
   static void get_error_response(int status, const std::string& request, std::string& response);
   // The reply to a request cancelled because the view is ending: root = the operation's request name,
-  // or "ShutdownInProgress" without an operation or name; its tx-id when it has one; status 20026 and
-  // message 73.
+  // or "ShutdownInProgress" without an operation or name; no tx-id; status 20026 and message 73.
   static void get_shutdown_response(const Tavrel_AbstractOp* op, std::string& response);
   // A complete envelope built as text, without operation elements; tx-id left out when empty. The
   // text is escaped, and bytes that are not UTF-8 or characters XML cannot carry become U+FFFD, so the
@@ -146,7 +146,9 @@ class Tavrel_AbstractOp {
   // ---- Request parsing (each failure sets the status field and, where said, the message) ------------
   // Checks the envelope: document and root present (20021), "version" present (20021, message 7) and
   // not above the highest version (20024, message 7), and when `txid_required` is not 0, "tx-id"
-  // present (20021, message 7). Returns the root, or null with the status set.
+  // present (20021, message 7). Returns the root, or null with the status set. The transaction id
+  // that the answer carries is read here, last and only when required: without it (MkView, StartView)
+  // or when an earlier check fails, the answer's tx-id is empty.
   //
   // The version test keeps its historic form: the number is cut to eight bits and kept as a text of
   // one character with that code, which is converted to a number again. So "1" reads as 0 and every
@@ -203,9 +205,6 @@ class Tavrel_AbstractOp {
   void finish_response(OlXmlDoc& doc, std::string& response);
   // The whole answer of an operation without elements of its own.
   void get_envelope_response(std::string& response);
-  // The tx-id for replies made before or without process_request: the transaction id when known, else
-  // the root's attribute, else the text-search guess made for an unparsable request.
-  std::string request_txid() const;
 
   int m_status = 0;
   std::string m_status_message;

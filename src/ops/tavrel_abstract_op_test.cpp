@@ -134,12 +134,14 @@ TEST(OperationFramework, ErrorReplies) {
       // A character the native character set (here ASCII) cannot hold.
       {"Unconvertible", through_factory("<Probe version=\"1\" tx-id=\"t-5\"><path>caf\xc3\xa9</path></Probe>"),
        "XMLError", "t-5", TAVREL_ST_ENCODING, kParseError, TAVREL_ST_ENCODING},
-      // Known root, bad envelope: own root, tx-id as given.
-      {"NoVersion", through_factory("<Probe tx-id=\"t-6\"/>"), "Probe", "t-6", TAVREL_ST_MALFORMED, kParseError, TAVREL_ST_MALFORMED},
+      // Known root, bad envelope: own root; the tx-id is read last, so a refusal before it answers "".
+      {"NoVersion", through_factory("<Probe tx-id=\"t-6\"/>"), "Probe", "", TAVREL_ST_MALFORMED, kParseError, TAVREL_ST_MALFORMED},
       {"NoTxid", through_factory("<Probe version=\"1\"/>"), "Probe", "", TAVREL_ST_MALFORMED, kParseError, TAVREL_ST_MALFORMED},
-      {"VersionTooHigh", through_factory("<Probe version=\"50\" tx-id=\"t-7\"/>"), "Probe", "t-7", TAVREL_ST_VERSION,
+      {"VersionTooHigh", through_factory("<Probe version=\"50\" tx-id=\"t-7\"/>"), "Probe", "", TAVREL_ST_VERSION,
        kParseError, TAVREL_ST_VERSION},
       {"NoTxidFirstRequest", through_factory("<ProbeFirst version=\"1\"/>"), "ProbeFirst", "", 0, "", 0},
+      // An operation that does not require a tx-id does not read one.
+      {"TxidFirstRequest", through_factory("<ProbeFirst version=\"1\" tx-id=\"f-1\"/>"), "ProbeFirst", "", 0, "", 0},
       {"TxidWithEntities", through_factory("<Probe version=\"1\" tx-id=\"a&amp;&quot;b\"/>"), "Probe", "a&\"b", 0, "", 0},
       // First request for which no operation could be built: no tx-id, the request as message.
       {"FirstRequestRefused",
@@ -150,9 +152,9 @@ TEST(OperationFramework, ErrorReplies) {
          return reply;
        },
        "Unknown", nullptr, TAVREL_ST_UNRECOGNIZED, first, TAVREL_ST_UNRECOGNIZED},
-      // Cancelled because the view is ending: own root (or ShutdownInProgress), the tx-id, message 73.
-      {"Cancelled", cancelled("<Probe version=\"1\" tx-id=\"t-8\"/>"), "Probe", "t-8", TAVREL_ST_VIEW_ENDING, kShuttingDown, 0},
-      {"CancelledUnparsable", cancelled("<Probe tx-id=\"t-9\""), "XMLError", "t-9", TAVREL_ST_VIEW_ENDING, kShuttingDown, 0},
+      // Cancelled because the view is ending: own root (or ShutdownInProgress), no tx-id, message 73.
+      {"Cancelled", cancelled("<Probe version=\"1\" tx-id=\"t-8\"/>"), "Probe", nullptr, TAVREL_ST_VIEW_ENDING, kShuttingDown, 0},
+      {"CancelledUnparsable", cancelled("<Probe tx-id=\"t-9\""), "XMLError", nullptr, TAVREL_ST_VIEW_ENDING, kShuttingDown, 0},
       {"CancelledNoOperation",
        [](int* op_status) {
          std::string reply;
