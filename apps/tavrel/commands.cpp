@@ -73,8 +73,36 @@ std::vector<std::string> trace_args(const Options& o) {
   return {"-trace_level", level, "-trace_subsystem", subs};
 }
 
+std::string view_log(const Options& o) { return o.storage + "/" + VIEW_STG_LOG_DIR + "/" + VIEW_STG_LOG_FILE; }
+
+off_t file_size(const std::string& path) {
+  struct stat st;
+  return stat(path.c_str(), &st) == 0 ? st.st_size : 0;
+}
+
+// Shows the warnings and errors the agent wrote to the view's log since `from` (a byte offset): a
+// start that succeeds may still have something to say, such as a failed login (the view then runs
+// offline) or SILOs that could not be mounted again, and the answer itself does not carry it. Log
+// lines read "<TYPE>::<time>::<pid>::<message>", one entry per line.
+void show_start_warnings(const Options& o, off_t from) {
+  std::ifstream in(view_log(o), std::ios::binary);
+  if (!in || !in.seekg(from)) return;
+  for (std::string line; std::getline(in, line);) {
+    const bool warn = line.rfind("WARN::", 0) == 0, error = line.rfind("ERROR::", 0) == 0;
+    if (!warn && !error) continue;
+    size_t at = 0;
+    for (int i = 0; i < 3 && at != std::string::npos; i++) {
+      at = line.find("::", at);
+      if (at != std::string::npos) at += 2;
+    }
+    if (at == std::string::npos) continue;
+    fprintf(stderr, "tavrel: %s: %s\n", warn ? "warning" : "error", line.c_str() + at);
+  }
+}
+
 // Starts the agent with a first request and reports as the start flow says.
 int start_with(Options& opts, const client::XmlNode& request) {
+  const off_t log_before = file_size(view_log(opts));
   client::AgentStart how;
   how.program = opts.agent;
   how.storage = opts.storage;
@@ -122,6 +150,7 @@ int start_with(Options& opts, const client::XmlNode& request) {
   if (ended)
     return fail(kStartFailed, "the agent ended without serving clients (exit code " +
                                   std::to_string(WIFEXITED(st) ? WEXITSTATUS(st) : -1) + "); see the view's log");
+  show_start_warnings(opts, log_before);
   return print_reply(opts, reply, s.response);
 }
 

@@ -7,6 +7,7 @@
 #include "core/tavrel_trace.h"
 #include "core/tavrel_view.h"
 #include "kfsm/tavrel_kfsm_ioctl.h"
+#include "proto/kfsm_status.h"
 #include "core/tavrel_msg_table.h"
 #include "ops/tavrel_server.h"
 #include "core/tavrel_util.h"

@@ -9,6 +9,7 @@
 #include <string>
 
 #include "base/fileutl.h"
+#include "core/tavrel_log.h"
 #include "core/tavrel_view.h"
 #include "core/tavrel_view_storage.h"
 #include "ops/ops_test_util.h"
@@ -103,6 +104,24 @@ TEST_F(ViewOps, MkViewOfflineMakesTheViewWithoutFetchingRules) {
   EXPECT_NE(meta.find("server-url=http://127.0.0.1:9/tavrel\n"), std::string::npos) << meta;
   EXPECT_NE(meta.find("preserve-silo-modified-time=true\n"), std::string::npos) << meta;
   EXPECT_FALSE(fileutl_exists(storage + "/" + VIEW_STG_CONFIG_SPEC)) << "offline: no rules fetched";
+}
+
+TEST_F(ViewOps, StartViewThatCannotLogInRunsOfflineAndSaysSoInTheLogOnly) {
+  ASSERT_EQ(run(mkview("", kOffline)).status(), 0);
+  Tavrel_Log::reset_for_test();
+  Tavrel_Log::g_enabled = 1;
+  Reply r = run("<StartView version=\"1\" tx-id=\"s1\"><server online=\"true\"><server-url>http://127.0.0.1:9/"
+                "</server-url><username>u</username><password>p</password></server></StartView>");
+  Tavrel_Log::g_enabled = 0;
+  Tavrel_Log::reset_for_test();
+  EXPECT_EQ(r.status(), 0);
+  EXPECT_EQ(r.message, "") << "the answer carries nothing of the failed login";
+  EXPECT_EQ(r.attr("tx-id"), "") << "StartView reads no tx-id";
+  EXPECT_FALSE(Tavrel_Server::is_online());
+  std::string log;
+  ASSERT_EQ(fileutl_read_file(storage + "/" + VIEW_STG_LOG_DIR + "/" + VIEW_STG_LOG_FILE, &log, 1 << 16), 0);
+  EXPECT_EQ(log.rfind("WARN::", 0), 0u) << log;
+  EXPECT_NE(log.find("::Unable to connect to server :\"http://127.0.0.1:9/tavrel\".\n"), std::string::npos) << log;
 }
 
 TEST_F(ViewOps, StartViewAndConnectRefusals) {
