@@ -133,8 +133,8 @@ void Tavrel_View::assign_message(int number, ...) {
 
 int Tavrel_View::create() {
   Tavrel_Trace trace(TAVREL, "Tavrel_View", "create");
-  // Refuse a view whose next start would fail, before anything is made on disk.
-  if (!is_valid()) return TAVREL_ST_VIEW_IDENTITY;
+  // The identity is not checked here: MkView checked what it requires, and a view made offline without
+  // a URL (or with a text mode no start accepts) is made all the same; its start reports what is missing.
   int status = create_view_storage();
   if (status != 0) return status;
   // The lock is taken as soon as the directory exists, so that a concurrent creation of the same
@@ -486,7 +486,6 @@ int Tavrel_View::read_metadata_file(int full) {
       assign_message(TVR_LIB_PARSE_ERROR, m_metadata_path.c_str());
       return TAVREL_ST_METADATA_FILE;
     }
-    append_message(TVR_LIB_NO_VIEW_INFO);
     return TAVREL_ST_NO_VIEW_INFO;
   }
   trace.writeTrace(TRACE_LEVEL_4, "%s is open", m_metadata_path.c_str());
@@ -542,7 +541,6 @@ int Tavrel_View::set_view_uuid(const std::string& uuid) {
   tbs_uuid_s u;
   if (tbs_str_to_uuid(uuid, &u) != 0) {
     trace.writeTrace(TRACE_LEVEL_1, "Invalid view UUID %s", uuid.c_str());
-    append_message(TVR_LIB_BAD_VIEW_UUID, uuid.c_str(), m_storage_path.c_str());
     return TAVREL_ST_VIEW_IDENTITY;
   }
   m_view_uuid = u;
@@ -556,22 +554,26 @@ bool Tavrel_View::is_valid() {
   auto shown = [](const std::string& s) { return s.empty() ? "EMPTY" : s.c_str(); };
   trace.writeTrace(TRACE_LEVEL_4, "server tag = %s, text mode = %s, uuid = %s, type = %s, server url = %s",
                    shown(m_server_tag), shown(m_text_mode), shown(m_view_uuid_str), shown(m_view_type), shown(url));
-  // Every missing field is named: the messages are appended, not one replacing another.
+  // In this order; the messages of the server tag, the text mode and the view type replace what the
+  // status message holds, the others are appended to it.
   const char* path = m_storage_path.c_str();
   bool ok = true;
-  auto fail = [&](int number, auto... args) {
+  auto fail = [&](bool assign, int number, auto... args) {
     ok = false;
-    append_message(number, args...);
+    if (assign)
+      assign_message(number, args...);
+    else
+      append_message(number, args...);
   };
-  if (m_server_tag.empty()) fail(TVR_LIB_NO_SERVER_TAG, path);
-  if (get_view_textmode().empty()) fail(TVR_LIB_NO_TEXT_MODE, path);
+  if (m_server_tag.empty()) fail(true, TVR_LIB_NO_SERVER_TAG, path);
+  if (get_view_textmode().empty()) fail(true, TVR_LIB_NO_TEXT_MODE, path);
   tbs_uuid_s u;
   if (m_view_uuid_str.empty())
-    fail(TVR_LIB_NO_VIEW_UUID, path);
+    fail(false, TVR_LIB_NO_VIEW_UUID, path);
   else if (tbs_str_to_uuid(m_view_uuid_str, &u) != 0 || tbs_uuid_is_null(u))
-    fail(TVR_LIB_BAD_VIEW_UUID, m_view_uuid_str.c_str(), path);
-  if (url.empty()) fail(TVR_LIB_BAD_SERVER_INFO, path);
-  if (m_view_type.empty()) fail(TVR_LIB_NO_VIEW_TYPE, path);
+    fail(false, TVR_LIB_BAD_VIEW_UUID, m_view_uuid_str.c_str(), path);
+  if (url.empty()) fail(false, TVR_LIB_BAD_SERVER_INFO, path);
+  if (m_view_type.empty()) fail(true, TVR_LIB_NO_VIEW_TYPE, path);
   return ok;
 }
 

@@ -76,7 +76,8 @@ class Tavrel_View {
 
   // A view on an existing storage; nothing is read until start() or get_view_info().
   explicit Tavrel_View(const std::string& location);
-  // A view to be created (MkView). The uuid text is parsed at once; a bad one fails is_valid().
+  // A view to be created (MkView). The uuid text is parsed at once; one that does not convert fails
+  // create() at the view's namespace record (20001).
   Tavrel_View(const std::string& uuid, const std::string& server_tag, const std::string& text_mode,
               const std::string& view_type, const std::string& cache_dir, const std::string& location,
               int preserve_time);
@@ -96,9 +97,10 @@ class Tavrel_View {
   static const Tavrel_View_Hooks& get_hooks();
 
   // --- Life of the storage -------------------------------------------------------------------------
-  // Makes the storage of a new view. 0, or the status of the first failing step: 20009 invalid
-  // identity, 20018 exists, 20005 path, 3 view lock, 20021/20050/20051/20052 cache directory, 2 host
-  // name file, 20008 metadata, 20007 cache or database, 20001 namespace record or registration.
+  // Makes the storage of a new view. 0, or the status of the first failing step: 20018 exists, 20005
+  // path, 3 view lock, 20021/20050/20051/20052 cache directory, 2 host name file, 20008 metadata, 20007
+  // cache or database, 20001 namespace record (also for a uuid that does not convert) or registration.
+  // The identity is not checked (is_valid): the first start of such a view reports what is missing.
   virtual int create();
   // Opens the storage of an existing view. 0, or: 20023 storage missing, not a directory or another
   // user's; 20019/20006/20009 metadata; 20059 wrong host; 3 view lock; 20008; 20007; 20001.
@@ -124,13 +126,18 @@ class Tavrel_View {
   int validate_hostname_file();
 
   // --- Metadata ------------------------------------------------------------------------------------
+  // All identity fields present, checked in this order: server tag (message 5, assigned), text mode
+  // (11, assigned), uuid text (1) or a uuid that is null or does not convert (21), server URL (4), view
+  // type (2, assigned); "assigned" replaces the status message, the others are appended.
   bool is_valid();
   // read_metadata_file(0).
   virtual int get_view_info();
-  // Reads ".tavrel" into the fields. With `full`, also is_valid() (20009) and set_cache_size.
+  // Reads ".tavrel" into the fields. With `full`, also is_valid() (20009) and set_cache_size. A file
+  // that cannot be opened gives 20019 and a uuid that does not convert 20009, neither with a message.
   int read_metadata_file(int full);
   // Rewrites ".tavrel" atomically. 0 or 20008.
   int create_metadata_file();
+  // 20009 (traced only) when the text is not a uuid.
   int set_view_uuid(const std::string& uuid);
   // The text mode in its canonical spelling; empty when it is not a known mode.
   std::string get_view_textmode() const;
