@@ -80,9 +80,7 @@ int Tavrel_Mountsilo::mount_silo() {
   SILO_mount_info info = cmd.to_mount_info();
   info.silo_tag = m_silo_tag;
   info.mount_state = 1;
-  st = do_mount(info);
-  if (st == TAVREL_ST_KERNEL_MOUNT) append_message(TVR_LIB_MOUNT_FAILED, m_silo_tag.c_str());
-  return st;
+  return do_mount(info);  // a refusal of the module is its status alone (20037)
 }
 
 int Tavrel_Mountsilo::do_mount(const SILO_mount_info& info) {

@@ -11,7 +11,7 @@
 //   20032  nothing to do: already mounted (message 12) or not mounted (message 13) in the table
 //   20035  the server could not say what the SILO is, or the view is offline (message 18)
 //   20036  the table entry has no replica
-//   20037  the module refused the mount, or the unmount (message 75 with the reason)
+//   20037  the module refused the mount (no message), or the unmount (message 75 with the reason)
 //   20043  the table file could not be written; the table in memory and the module have changed
 //   20019  no view (message 14)
 // The table changes only after the module did what was asked, so a failed mount or unmount leaves
