@@ -28,6 +28,7 @@
 #include "base/strutl.h"
 #include "base/sysutl.h"
 #include "base/tavrel_mutex.h"
+#include "core/tavrel_assert.h"
 #include "core/tavrel_config.h"
 #include "core/tavrel_log.h"
 #include "core/tavrel_status.h"
@@ -182,8 +183,9 @@ int tavrel_agent_main(int argc, char** argv) {
   imsg_set_redirect_procs(redirect_table, 11, nullptr);
   setlocale(LC_ALL, "");
   mode_t mask;
-  PFM_ASSERT(sysutl_get_umask(&mask) == KS_ST_OK);
-  PFM_ASSERT(sysutl_initialize_umask(false, mask & ~(KS_FMODE_IRWXU | KS_FMODE_IRWXG)) == KS_ST_OK);
+  TAVREL_ASSERT(sysutl_get_umask(&mask) == KS_ST_OK);
+  TAVREL_ASSERT_TEXT(sysutl_initialize_umask(false, mask & ~(KS_FMODE_IRWXU | KS_FMODE_IRWXG)) == KS_ST_OK,
+                     "sysutl_initialize_umask(FALSE, mask & ~(KS_FMODE_IRWXU | KS_FMODE_IRWXG)) == KS_ST_OK");
   pfm_signal(SIGTERM, tavrel_agent_destroy);
   pfm_signal(SIGINT, tavrel_agent_destroy);
   pfm_signal(SIGHUP, tavrel_agent_destroy);

@@ -1,5 +1,5 @@
-// The composition root: every seam installed, the process's operation table in comparison order, and
-// the view-protocol dispatcher answering through the LPC threads' seam.
+// The composition root: every seam installed, the process's operation table in comparison order, the
+// view-protocol dispatcher answering through the LPC threads' seam, and the view handler's assertions.
 #include <rpc/xdr.h>
 
 #include <gtest/gtest.h>
@@ -7,14 +7,29 @@
 #include <algorithm>
 #include <memory>
 #include <string>
+#include <thread>
 #include <vector>
 
 #include "apps/tavrel_agent/tavrel_agent_seams.h"
 #include "apps/tavrel_agent/tavrel_op_table.h"
+#include "apps/tavrel_agent/tavrel_view_handler.h"
 #include "kfsm/tavrel_kfsm_thread_unix.h"
 #include "ops/tavrel_abstract_op.h"
 
 namespace {
+
+TEST(AgentRootDeathTest, ViewHandlerAssertionsNameTheAgent) {
+  GTEST_FLAG_SET(death_test_style, "threadsafe");
+  const struct {
+    void (*fn)();
+    const char* text;  // a regular expression
+  } cases[] = {
+      {[] { Tavrel_View_Handler::get_view(); }, "g_view != NULL"},
+      {[] { std::thread([] { Tavrel_View_Handler::set_view(nullptr); }).join(); }, "OLTHREAD_IS_MAIN_THREAD\\(\\)"},
+  };
+  for (const auto& c : cases)
+    EXPECT_DEATH(c.fn(), std::string("Assertion failed: ") + c.text + ", file tavrel_agent, line") << c.text;
+}
 
 TEST(AgentRoot, InstallsEverySeam) {
   Tavrel_AbstractOp::set_op_table(nullptr, 0);

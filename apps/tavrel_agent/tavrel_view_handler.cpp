@@ -8,6 +8,7 @@
 #include "base/olthread.h"
 #include "base/pfm.h"
 #include "base/rt.h"
+#include "core/tavrel_assert.h"
 #include "core/tavrel_status.h"
 #include "core/tavrel_thread_manager_base.h"
 #include "core/tavrel_trace.h"
@@ -66,13 +67,13 @@ Tavrel_View_Handler* Tavrel_View_Handler::get_instance(const std::string& locati
 }
 
 void Tavrel_View_Handler::set_view(Tavrel_View* view) {
-  PFM_ASSERT(OLTHREAD_IS_MAIN_THREAD());
-  PFM_ASSERT(g_view == NULL);
+  TAVREL_ASSERT(OLTHREAD_IS_MAIN_THREAD());
+  TAVREL_ASSERT(g_view == NULL);
   g_view = view;
 }
 
 Tavrel_View* Tavrel_View_Handler::get_view() {
-  PFM_ASSERT(g_view != NULL);
+  TAVREL_ASSERT(g_view != NULL);
   return g_view;
 }
 

@@ -8,6 +8,7 @@
 #include "base/pfm.h"
 #include "base/rt.h"
 #include "base/sysutl.h"
+#include "core/tavrel_assert.h"
 #include "core/tavrel_config.h"
 #include "core/tavrel_log.h"
 #include "core/tavrel_request_cleanup_thread.h"
@@ -354,7 +355,7 @@ void Tavrel_Thread_Manager_Base::terminate() {
   m_work_cond.notify_all();
   std::unique_lock<Tavrel_Mutex> q(m_queue_mutex);
   if (!m_initialized) return;
-  PFM_ASSERT(m_should_exit.load());
+  TAVREL_ASSERT(m_should_exit);
   trace.writeTrace(TRACE_LEVEL_3, "started with %d live and %d pending", m_live, m_pending);
   while (m_live + m_pending >= 1) {
     do_cleanup_locked(q);

@@ -200,3 +200,22 @@ TEST_F(ThreadManagerTest, TerminateBeforeInitializeReturnsAtOnce) {
 }
 
 }  // namespace
+
+// A failed assertion names the agent program as its source and reports the text it is known by.
+TEST(ThreadManagerDeathTest, AssertionsNameTheAgent) {
+  GTEST_FLAG_SET(death_test_style, "threadsafe");
+  const struct {
+    void (*fn)();
+    const char* text;
+  } cases[] = {
+      {[] { Tavrel_Thread_Manager_Unix::wait_for_input(0); }, "g_instance != NULL"},
+      {[] {
+         Tavrel_Thread_Manager_Base* m = Tavrel_Thread_Manager_Base::get_instance();
+         m->initialize();
+         m->terminate();  // without set_should_exit
+       },
+       "m_should_exit"},
+  };
+  for (const auto& c : cases)
+    EXPECT_DEATH(c.fn(), std::string("Assertion failed: ") + c.text + ", file tavrel_agent, line") << c.text;
+}

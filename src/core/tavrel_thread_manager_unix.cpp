@@ -7,6 +7,7 @@
 #include <cstring>
 
 #include "base/pfm.h"
+#include "core/tavrel_assert.h"
 #include "core/tavrel_status.h"
 #include "core/tavrel_trace.h"
 
@@ -23,8 +24,8 @@ void Tavrel_Thread_Manager_Unix::post_shutdown_notice() {
 
 int Tavrel_Thread_Manager_Unix::wait_for_input(int fd) {
   Tavrel_Trace trace(TAVREL, "Tavrel_Thread_Manager_Unix", "wait_for_input");
+  TAVREL_ASSERT(g_instance != NULL);
   Tavrel_Thread_Manager_Base* mgr = g_instance.load();
-  PFM_ASSERT(mgr != NULL);
   int shut = static_cast<Tavrel_Thread_Manager_Unix*>(mgr)->m_shutdown_read;
   if (shut < 0) return TAVREL_ST_FAILURE;
   // poll rather than select: descriptors above FD_SETSIZE must work too.
