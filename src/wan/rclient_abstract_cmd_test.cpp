@@ -20,6 +20,7 @@
 #include "wan/base64.h"
 #include "wan/get_cleartext.h"
 #include "wan/logout.h"
+#include "wan/rclient_messages.h"
 #include "wan/rclient_exceptions.h"
 #include "wan/rpc_cmd_test_util.h"
 #include "wan/wan_test_cmd.h"
@@ -194,6 +195,10 @@ TEST_F(ServedCmdTest, FailedRpcIsLoggedWithItsStatuses) {
                                     "-1, message \"Authorization failure, check username and password.\\n\"."));
   Tavrel_Log::g_enabled = 0;
   Tavrel_Log::reset_for_test();
+  // The catalogue the texts come from: section "client_lib", prefix "rclient" (which names it in the
+  // text for a number it does not have).
+  EXPECT_STREQ(_rclient_msg_table.section, "client_lib");
+  EXPECT_EQ(imsg_format(&_rclient_msg_table, 99), "rclient: unknown message 99");
 }
 
 TEST_F(ServedCmdTest, ManyThreadsShareTheSessionAndItsPool) {

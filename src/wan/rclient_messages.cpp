@@ -25,7 +25,7 @@ const char* const kTexts[] = {
 };
 }  // namespace
 
-const _imsg_message_table_t _rclient_msg_table = {"rclient", "client_lib",
+const _imsg_message_table_t _rclient_msg_table = {"client_lib", "rclient",
                                                   static_cast<int>(sizeof(kTexts) / sizeof(kTexts[0])), kTexts};
 
 std::string rclient_msg(int number, ...) {

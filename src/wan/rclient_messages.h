@@ -1,4 +1,4 @@
-// The WAN client's message catalogue (section "rclient" of the group "client_lib"). Its statuses,
+// The WAN client's message catalogue (section "client_lib", prefix "rclient"). Its statuses,
 // RCLIENT_ST_*, are the results of the transport and of the reply parser (proto/tavrel_status.h); the
 // server never sends them. The server's verdict on an RPC travels in the reply's Status part
 // (RClient_Status).

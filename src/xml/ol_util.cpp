@@ -31,7 +31,7 @@ std::string vformat_message(const _imsg_message_table_t* table, int number, va_l
 }  // namespace
 
 const _imsg_message_table_t _ol_xml_msg_table = {
-    "ol_xml", "xml_odfs", static_cast<int>(sizeof(kXmlTexts) / sizeof(kXmlTexts[0])), kXmlTexts};
+    "xml_odfs", "ol_xml", static_cast<int>(sizeof(kXmlTexts) / sizeof(kXmlTexts[0])), kXmlTexts};
 
 std::string OlUtil::format(const _imsg_message_table_t* table, int number, ...) {
   va_list ap;

@@ -17,7 +17,7 @@
 // `scope` names the place, e.g. "XML:OlXmlParser:parse_impl"; `text` is one finished line.
 using OlTraceSink = void (*)(int level, const char* scope, const char* text);
 
-// The XML layer's message catalogue (section "ol_xml", prefix "xml_odfs"). Message 0 takes the
+// The XML layer's message catalogue (section "xml_odfs", prefix "ol_xml"). Message 0 takes the
 // text that could not be converted to the native character set.
 extern const _imsg_message_table_t _ol_xml_msg_table;
 

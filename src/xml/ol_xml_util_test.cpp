@@ -101,6 +101,9 @@ TEST(OlUtilFormat, MessageZeroAndFailures) {
   EXPECT_EQ(OlUtil::format(&_ol_xml_msg_table, 1, "x"), "Internal error: could not load message 1");
   EXPECT_EQ(OlUtil::format(&_ol_xml_msg_table, -3), "Internal error: could not load message -3");
   EXPECT_EQ(OlUtil::format(nullptr, 0), "Internal error: could not load message 0");
+  // The catalogue's section and prefix; the prefix names it in a text for an unknown number.
+  EXPECT_STREQ(_ol_xml_msg_table.section, "xml_odfs");
+  EXPECT_EQ(imsg_format(&_ol_xml_msg_table, 7), "ol_xml: unknown message 7");
   // The expansion must fit the buffer with its terminator.
   const size_t fixed = OlUtil::format(&_ol_xml_msg_table, 0, "").size();
   std::string fits(OlUtil::kFormatBufferSize - 1 - fixed, 'x');
