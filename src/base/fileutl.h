@@ -4,6 +4,8 @@
 #include <sys/stat.h>
 #include <sys/types.h>
 
+#include <cstddef>
+#include <cstdint>
 #include <string>
 
 // Makes every missing directory of `path` (the path itself included) with `mode`.
@@ -31,3 +33,6 @@ bool fileutl_pname_equal_or_parent(const std::string& parent, const std::string&
 int fileutl_write_atomic(const std::string& path, const std::string& data, mode_t mode);
 // Reads a whole file, refusing one larger than `limit` bytes (errno EFBIG). 0 or -1.
 int fileutl_read_file(const std::string& path, std::string* out, size_t limit);
+// CRC-32 (the IEEE 802.3 polynomial, reflected, initial and final value 0xffffffff) of `len` bytes:
+// "123456789" gives 0xcbf43926.
+uint32_t fileutl_crc_buffer(const void* data, size_t len);
