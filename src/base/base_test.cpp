@@ -1,6 +1,7 @@
 // Tests of the base layer's helpers that carry real logic: paths, atomic files, the view lock between
 // processes, the event loop, signal dispatch and the trace filter.
 #include <signal.h>
+#include <sys/stat.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -11,6 +12,7 @@
 
 #include <gtest/gtest.h>
 
+#include "base/credutl.h"
 #include "base/fileutl.h"
 #include "base/imsg.h"
 #include "base/olthread.h"
@@ -111,7 +113,19 @@ TEST(Server, HostnameFile) {
   const std::string& dir = t.path;
   std::string rec;
   EXPECT_EQ(server_validate_hostname(dir, "h1", &rec), -1);
-  ASSERT_EQ(server_create_hostname_file(dir, "h1"), 0);
+  credutl_sid_t me;
+  ASSERT_EQ(credutl_get_sid_credentials(&me), 0);
+  EXPECT_EQ(me.uid, geteuid());
+  EXPECT_EQ(me.gid, getegid());
+  // A directory that hands down another group (set-group-id): the file is still the process's.
+  if (geteuid() == 0) {
+    ASSERT_EQ(chown(dir.c_str(), static_cast<uid_t>(-1), 54321), 0);
+    ASSERT_EQ(chmod(dir.c_str(), 02700), 0);
+  }
+  ASSERT_EQ(server_create_hostname_file(dir, "h1", me), 0);
+  struct stat st;
+  ASSERT_EQ(stat((dir + "/" SERVER_HOSTNAME_FILE).c_str(), &st), 0);
+  EXPECT_EQ(st.st_gid, me.gid);
   EXPECT_EQ(server_validate_hostname(dir, "h1", &rec), 1);
   EXPECT_EQ(server_validate_hostname(dir, "h2", &rec), 0);
   EXPECT_EQ(rec, "h1");

@@ -1,6 +1,7 @@
 #include "base/server.h"
 
 #include <fcntl.h>
+#include <sys/stat.h>
 #include <unistd.h>
 
 #include <cerrno>
@@ -64,8 +65,18 @@ pid_t server_lock_holder(const std::string& path) {
   return r;
 }
 
-int server_create_hostname_file(const std::string& dir, const std::string& host) {
-  return fileutl_write_atomic(dir + "/" SERVER_HOSTNAME_FILE, host + "\n", 0600);
+int server_create_hostname_file(const std::string& dir, const std::string& host, const credutl_sid_t& owner) {
+  const std::string path = dir + "/" SERVER_HOSTNAME_FILE;
+  if (fileutl_write_atomic(path, host + "\n", 0600) != 0) return -1;
+  int fd = open(path.c_str(), O_RDONLY | O_CLOEXEC | O_NOFOLLOW);
+  if (fd < 0) return -1;
+  struct stat st;
+  int rc = fstat(fd, &st);
+  if (rc == 0 && (st.st_uid != owner.uid || st.st_gid != owner.gid)) rc = fchown(fd, owner.uid, owner.gid);
+  int e = errno;
+  close(fd);
+  errno = e;
+  return rc == 0 ? 0 : -1;
 }
 
 int server_validate_hostname(const std::string& dir, const std::string& host, std::string* recorded) {

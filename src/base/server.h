@@ -14,6 +14,8 @@
 
 #include <string>
 
+#include "base/credutl.h"
+
 #define SERVER_HOSTNAME_FILE ".hostname"
 
 // Takes the lock. Returns a cookie >= 0 (keep it for server_lock_clear), -2 when another process holds
@@ -24,8 +26,9 @@ int server_lock_clear(const std::string& path, int cookie);
 // Who holds the lock now: its pid, 0 when nobody, -1 when the file cannot be read.
 pid_t server_lock_holder(const std::string& path);
 
-// Writes `<dir>/.hostname` atomically with `host`. 0 or -1.
-int server_create_hostname_file(const std::string& dir, const std::string& host);
+// Writes `<dir>/.hostname` atomically with `host`, owned by `owner` (so that its group is the
+// owner's even in a directory that hands its own group down). 0 or -1 with errno kept.
+int server_create_hostname_file(const std::string& dir, const std::string& host, const credutl_sid_t& owner);
 // 1 when the recorded host equals `host`, 0 when it differs, -1 when the file is missing or unreadable.
 // *recorded receives the recorded name when it could be read.
 int server_validate_hostname(const std::string& dir, const std::string& host, std::string* recorded);

@@ -12,6 +12,7 @@
 #include <set>
 #include <vector>
 
+#include "base/credutl.h"
 #include "base/fileutl.h"
 #include "base/imsg.h"
 #include "base/server.h"
@@ -398,7 +399,15 @@ int Tavrel_View::validate_create_cache_dir() {
 
 int Tavrel_View::create_hostname_file() {
   Tavrel_Trace trace(TAVREL, "Tavrel_View", "create_hostname_file");
-  // The file is made by the agent's effective user, inside the 0700 storage.
+  // The file belongs to the credentials the agent acts with, inside the 0700 storage.
+  credutl_sid_t creds;
+  if (credutl_get_sid_credentials(&creds) != 0) {
+    int e = errno;
+    trace.writeTrace(TRACE_LEVEL_1, "can't get my creds");
+    m_status_message +=
+        imsg_format(&_tvr_base_msg_table, TVR_BASE_MSG_CALL_FAILED, "credutl_get_sid_credentials", strerror(e));
+    return 2;
+  }
   char buf[HOST_NAME_MAX + 1] = {};
   if (gethostname(buf, sizeof buf - 1) != 0) {
     int e = errno;
@@ -406,7 +415,7 @@ int Tavrel_View::create_hostname_file() {
     m_status_message += imsg_format(&_tvr_base_msg_table, TVR_BASE_MSG_CALL_FAILED, "gethostname", strerror(e));
     return 2;
   }
-  if (server_create_hostname_file(m_storage_path, buf) != 0) {
+  if (server_create_hostname_file(m_storage_path, buf, creds) != 0) {
     int e = errno;
     trace.writeTrace(TRACE_LEVEL_1, "can't create hostname file: %s", strerror(e));
     m_status_message +=
