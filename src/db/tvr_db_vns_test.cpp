@@ -364,6 +364,107 @@ TEST_F(VnsTest, ViewRowKeepsItsInitialGeneration) {
   EXPECT_EQ(initial, 7u);
 }
 
+// Bad handles and lengths: each answers its own status and changes nothing.
+TEST_F(VnsTest, HandlesAndLengthLimits) {
+  int r = root(1, 2);
+  const std::string n255(255, 'a'), n256(256, 'a');
+  uint32_t stale_silo = 0;
+  ASSERT_EQ(write([&] { return tvr_db_silo_create(tbs_uuid_create(), "h:/gone", &stale_silo); }), 0);
+  ASSERT_EQ(write([&] { return tvr_db_silo_delete(stale_silo); }), 0);
+  struct Row {
+    const char* what;
+    uint32_t silo;
+    const std::string* name;
+    int want;
+  } rows[] = {
+      {"no silo", 0, &n255, TBS_ST_NOT_FOUND},
+      {"silo without the dbid flag", silo_dba_, &n255, TBS_ST_INTERNAL},
+      {"deleted silo", stale_silo, &n255, TBS_ST_STALE},
+      {"name of 256 bytes", silo_, &n256, TBS_ST_TOO_LONG},
+      {"name of 255 bytes", silo_, &n255, 0},
+  };
+  for (const auto& row : rows) {
+    uint32_t dbid = 0;
+    int st = write([&] {
+      int s = tvr_db_create_vns_elem(silo_, oid(3), SILO_MTYPE_FILE_ELEM, kTime, kFstat, 0, nullptr, &dbid);
+      return s != 0 ? s : tvr_db_create_vns_ver(row.silo, r, oid(4), oid(3), SILO_MTYPE_FILE_VER, kTime,
+                                                row.name->c_str(), kFstat, nullptr, 1, 0, &dbid, nullptr, nullptr);
+    });
+    EXPECT_EQ(st, row.want) << row.what;
+  }
+  EXPECT_EQ(lookup(r, n255.c_str()), 0);
+  // Scope names: 54 bytes inline, the rest chained; a buffer must hold the name and its NUL.
+  const std::string scope_name(1023, 's');
+  EXPECT_EQ(tavrel_db_create_lr_scope(scope1_, 1, (scope_name + "x").c_str()), TBS_ST_TOO_LONG);
+  ASSERT_EQ(tavrel_db_create_lr_scope(scope1_, 1, scope_name.c_str()), 0);
+  char small[55];
+  DB_ADDR dba = 0;
+  ASSERT_EQ(read([&] { return tvr_db_lookup_lr_scope_name(scope_name.c_str(), &dba); }), 0);
+  EXPECT_EQ(read([&] { return tvr_db_get_lr_scope_name(dba, sizeof small, small); }), TBS_ST_TOO_LONG);
+  // Creating it again at generation 1 idles it and keeps its name.
+  ASSERT_EQ(tavrel_db_begin_lr_scope_update(scope1_, 6), 0);
+  ASSERT_EQ(tavrel_db_create_lr_scope(scope1_, 1, "other"), 0);
+  tavrel_scope s{};
+  ASSERT_EQ(read([&] { return tvr_db_get_scope_by_name(scope_name.c_str(), &s); }), 0);
+  EXPECT_EQ(s.gn, 1u);
+  std::vector<tavrel_scope> all;
+  ASSERT_EQ(tavrel_db_get_lr_scopes(0, all), 0);
+  EXPECT_EQ(all.size(), 2u) << "idle again, so listed";
+  check("after limits");
+}
+
+// Check-out marks follow the element, given by the element or a version; moving a scope's names to the
+// default scope keeps the objects; cleaning removes every namespace row but the elements.
+TEST_F(VnsTest, CheckoutsRehomingAndCleanup) {
+  ASSERT_EQ(tavrel_db_create_lr_scope(scope1_, 1, "/silo/d"), 0);
+  int r = root(1, 2);
+  int d = add(r, "d", 3, 4, true, &scope1_);
+  int f = add(d, "f", 5, 6, false, &scope1_);
+  bool any = true;
+  ASSERT_EQ(read([&] { return tvr_db_has_checkouts(&any); }), 0);
+  EXPECT_FALSE(any);
+  tbs_oid_s co = oid(77);
+  ASSERT_EQ(write([&] { return tvr_db_elem_set_checkedout(silo_, f, &co, 1); }), 0);
+  ASSERT_EQ(write([&] { return tvr_db_elem_set_checkedout(silo_, r, nullptr, 1); }), 0);
+  std::vector<tavrel_hijack_co_info> cos;
+  ASSERT_EQ(read([&] { return tvr_db_find_checkouts(cos); }), 0);
+  ASSERT_EQ(cos.size(), 2u);
+  std::map<std::string, tbs_oid_s> by_name;
+  for (const auto& c : cos) by_name[c.name] = c.parent_oid;
+  EXPECT_EQ(by_name.at("f"), oid(3)) << "the parent is named by its element";
+  EXPECT_EQ(by_name.at(TVR_DB_ROOT_DIR_NAME), TBS_OID_NULL);
+  int flag = 0;
+  tbs_oid_s ver{};
+  ASSERT_EQ(write([&] { return tvr_db_elem_set_checkedout(silo_, f, nullptr, 0); }), 0);
+  ASSERT_EQ(read([&] { return tvr_db_elem_get_checkedout(silo_, f, &flag, &ver); }), 0);
+  EXPECT_EQ(flag, 0);
+  EXPECT_EQ(ver, co) << "a null OID leaves the former one";
+  ASSERT_EQ(tavrel_db_remove_lr_scope(scope1_, 1, nullptr), 0);
+  EXPECT_EQ(tree(r), (std::map<std::string, uint32_t>{{"d", 4}, {"d/f", 6}}));
+  tbs_oid_s scope{};
+  ASSERT_EQ(read([&] { return tvr_db_get_ver_scope_oid(silo_, f, &scope, nullptr); }), 0);
+  EXPECT_EQ(scope, AUTOMATIC_LOAD_SCOPE_OID);
+  int empty = 0;
+  ASSERT_EQ(tavrel_db_is_def_scope_silo_empty(tbs_uuid_create(), &empty), 0);
+  EXPECT_EQ(empty, 1);
+  tbs_uuid_s replica{};
+  ASSERT_EQ(read([&] { return tvr_db_silo_get_uuid(silo_, &replica); }), 0);
+  ASSERT_EQ(tavrel_db_is_def_scope_silo_empty(replica, &empty), 0);
+  EXPECT_EQ(empty, 0);
+  check("rehomed");
+  ASSERT_EQ(write([] { return tvr_db_cleanup_vns_recs(0); }), 0);
+  int has = 1;
+  ASSERT_EQ(read([&] { return tvr_db_silo_has_root_dir(silo_, &has); }), 0);
+  EXPECT_EQ(has, 0);
+  uint32_t elem = 0;
+  EXPECT_EQ(read([&] { return tvr_db_vns_elem_lookup(silo_dba_, oid(5), &elem); }), 0) << "elements stay";
+  EXPECT_EQ(read([&] { return tvr_db_vns_ver_lookup(silo_dba_, oid(6), &elem, nullptr); }), TBS_ST_NOT_FOUND);
+  check("cleaned");
+  ASSERT_EQ(write([] { return tvr_db_cleanup_vns_recs(1); }), 0);
+  EXPECT_EQ(root(1, 2), 3) << "a full clean restarts the dbids: element 2, root version 3";
+  check("cleaned all");
+}
+
 // A seeded random workload of creates, version changes, evil twins, marked removals and validation
 // changes, against a model of the visible tree, with the checker after every step.
 TEST_F(VnsTest, RandomWorkloadKeepsTheInvariants) {
