@@ -41,6 +41,7 @@ const std::map<std::string, std::set<std::string>>& allowed() {
     below("src/update", {}, "src/ops");
     below("src/elem", {}, "src/ops");
     below("apps/tavrel_agent", {"src/update", "src/elem"}, "src/ops");
+    below("apps/tavrel_dumper", {"src/db"}, "src/db/rec");
     // The other programs stand on the shared vocabulary, not on the agent.
     below("src/client", {"src/xml"}, "src/proto");
     below("server", {}, "src/proto");
