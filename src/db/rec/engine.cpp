@@ -183,7 +183,7 @@ int Database::open(const OpenParams& p, const MsgFn& msg) {
   }
   std::vector<std::string> names;
   for (CacheFile& f : files_) names.push_back(f.name);
-  st = tcf_write(tcf, names);
+  st = tcf_write(tcf, names, msg_);
   if (st != 0) {
     close_files();
     return st;

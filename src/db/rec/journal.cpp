@@ -4,6 +4,7 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <cerrno>
 #include <cstdarg>
 #include <cstdio>
 #include <cstring>
@@ -239,13 +240,10 @@ int Journal::commit() {
 }
 
 int Journal::abort() {
-  int st = 0;
-  if (in_file_) {
-    put_entry(TJF_ENTRY_ABORT, nullptr, 0);
-    st = flush();
-  } else {
-    buf_.clear();
-  }
+  // The ABORT entry is appended and written out, without a sync, whether or not anything of the
+  // transaction reached the file before.
+  put_entry(TJF_ENTRY_ABORT, nullptr, 0);
+  int st = flush();
   active_ = false;
   in_file_ = false;
   return st;
@@ -297,7 +295,7 @@ int Journal::set_tx(uint32_t tx) {
 
 // ---- TCF --------------------------------------------------------------------------------------------------
 
-int tcf_write(const std::string& path, const std::vector<std::string>& names) {
+int tcf_write(const std::string& path, const std::vector<std::string>& names, const MsgFn& msg) {
   std::vector<uint8_t> img(12);
   for (size_t slot = 0; slot < names.size(); slot++) {
     const std::string& n = names[slot];
@@ -317,20 +315,33 @@ int tcf_write(const std::string& path, const std::vector<std::string>& names) {
   put32(img.data() + 4, 1);
   put32(img.data() + 8, (uint32_t)img.size());
   int fd = ::open(path.c_str(), O_RDWR | O_CREAT | O_CLOEXEC, 0640);
-  if (fd < 0) return S_NOFILE;
+  if (fd < 0) {
+    msg(2, fmt("Unable to write TCF file \"%s\": %s", path.c_str(), strerror(errno)));
+    return S_NOFILE;
+  }
   int st = io_write(fd, img.data(), img.size(), 0);
   if (st == 0) st = io_truncate(fd, img.size());
   if (st == 0) st = io_sync(fd);
   ::close(fd);
+  if (st != 0) msg(2, fmt("Unable to write TCF file \"%s\": status %d", path.c_str(), st));
   return st;
 }
 
 int tcf_read(const std::string& path, std::vector<std::string>* names, const MsgFn& msg) {
   names->clear();
   int fd = ::open(path.c_str(), O_RDONLY | O_CLOEXEC);
+  struct stat sb;
+  if (fd >= 0 && (fstat(fd, &sb) != 0 || !S_ISREG(sb.st_mode))) {
+    ::close(fd);
+    fd = -1;
+    errno = EISDIR;
+  }
   if (fd < 0) {
+    // A missing file names no database file: the journal can never be applied. One that is there but
+    // cannot be opened now is no format problem: the journal is kept for the next open.
+    const bool missing = errno == ENOENT;
     msg(2, "Invalid TCF file hdr");
-    return S_TAFSYNC;
+    return missing ? S_TAFSYNC : S_NOFILE;
   }
   uint64_t size = io_size(fd);
   std::vector<uint8_t> img(size);
@@ -412,7 +423,7 @@ int tjf_roll_forward(int fd, const std::string& tjf_path, const std::string& tcf
   hdr_tx = get32(h + 16);
   std::vector<std::string> names;
   int st = tcf_read(tcf_path, &names, msg);
-  if (st != 0) return fail(st, true);
+  if (st != 0) return fail(st, st == S_TAFSYNC);
   std::vector<int> fds(names.size(), -1);
   for (size_t i = 0; i < names.size(); i++) {
     fds[i] = open_slot((int)i, names[i]);

@@ -105,7 +105,7 @@ class Journal {
   int flush();
   // COMMIT, write out, one data sync.
   int commit();
-  // ABORT (written only if part of the transaction already reached the file; no sync).
+  // ABORT, written out with whatever of the transaction is still buffered; no sync.
   int abort();
   // Read bytes back from the journal (spilled page images).
   int read(uint64_t off, uint8_t* buf, size_t n);
@@ -141,9 +141,12 @@ class Journal {
   std::vector<uint8_t> buf_;
 };
 
-// Rewrite the TCF: header plus one entry for each (slot, base name).
-int tcf_write(const std::string& path, const std::vector<std::string>& names);
-// Read the TCF; messages and -925 on a bad header or entry.
+// Rewrite the TCF: header plus one entry for each (slot, base name). A file that cannot be written is
+// reported ("Unable to write TCF file ...") and answers -905 or the write's status.
+int tcf_write(const std::string& path, const std::vector<std::string>& names, const MsgFn& msg);
+// Read the TCF; messages and -925 on a bad header or entry, or when the file is missing. A TCF that is
+// there but cannot be opened (or is no regular file) gives "Invalid TCF file hdr" and -905, and
+// roll-forward then keeps the journal where it is for the next open.
 int tcf_read(const std::string& path, std::vector<std::string>* names, const MsgFn& msg);
 
 // Roll forward the journal at `tjf_path`. `open_slot` returns a writable fd for a file slot (or -1 when

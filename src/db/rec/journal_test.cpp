@@ -1,6 +1,9 @@
 // The transaction journal: its exact format, roll-forward of committed transactions, torn and corrupted
 // tails, stale entries, malformed files, an abort after a spill and transaction-number wrap. (A spilled
 // transaction that commits and is rolled forward: crash_test.cpp.)
+#include <sys/stat.h>
+#include <unistd.h>
+
 #include <gtest/gtest.h>
 
 #include <cstring>
@@ -313,29 +316,72 @@ TEST_F(Journal, MalformedJournalOrControlFileFailsTheOpen) {
   unlink(dir.file(aside).c_str());
 }
 
-TEST_F(Journal, AbortAfterSpillLeavesNoTrace) {
+TEST_F(Journal, AControlFileThatCannotBeOpenedLosesNothing) {
   txn(0);
-  std::string before = rectest::dump(t);
-  ASSERT_EQ(dt_trbegin("t", t), 0);
-  for (int r = 0; r < 400; r++) {
-    vns_db_ver v{};
-    v.silo_dba = 9;
-    v.dbid = (uint32_t)r;
-    ASSERT_EQ(dt_fillnew(VNS_DB_VER, &v, t, -1), 0);
-  }
-  ASSERT_EQ(dt_trabort(t), 0);
-  EXPECT_EQ(rectest::dump(t), before);
+  std::string want_before = rectest::dump(t);
+  txn(1);
+  std::string want = rectest::dump(t);
   std::string j = journal_image();
-  auto es = parse(j);
-  ASSERT_FALSE(es.empty());
-  EXPECT_EQ(es.back().type, 5) << "an abort entry ends a transaction that reached the file";
-  EXPECT_EQ(u16(j, es.back().off + 10), (uint16_t)(es.back().tx + 15727));
-  // Crash now: recovery must not apply the aborted pages.
   dt_crash(t);
+  std::string tcf = rectest::read_file(dir.file("tavrel_db.tcf"));
+  // In the way of the control file: reported, the open fails, and the journal stays where it is.
+  unlink(dir.file("tavrel_db.tcf").c_str());
+  ASSERT_EQ(mkdir(dir.file("tavrel_db.tcf").c_str(), 0700), 0);
+  rectest::Capture cap;
+  EXPECT_EQ(rectest::open_db(t, dir.path()), S_NOFILE);
+  EXPECT_TRUE(cap.contains("Invalid TCF file hdr"));
+  EXPECT_EQ(rectest::read_file(dir.file("tavrel_db.tjf")).substr(0, j.size()), j) << "the journal is kept";
+  // Once it can be read again, the next open replays the journal.
+  rmdir(dir.file("tavrel_db.tcf").c_str());
+  rectest::write_file(dir.file("tavrel_db.tcf"), tcf);
   ASSERT_EQ(rectest::open_db(t, dir.path()), 0);
-  EXPECT_EQ(rectest::dump(t), before);
-  std::string why;
-  EXPECT_EQ(dt_check(&why, t), 0) << why;
+  EXPECT_EQ(rectest::dump(t), want);
+  EXPECT_NE(want, want_before);
+  // With nothing to replay the control file is rewritten at the open; a failure to write it is said.
+  ASSERT_EQ(dt_close(t), 0);
+  unlink(dir.file("tavrel_db.tcf").c_str());
+  ASSERT_EQ(mkdir(dir.file("tavrel_db.tcf").c_str(), 0700), 0);
+  cap.lines.clear();
+  EXPECT_NE(rectest::open_db(t, dir.path()), 0);
+  EXPECT_TRUE(cap.contains("Unable to write TCF file \"" + dir.file("tavrel_db.tcf") + "\"")) << (cap.lines.empty() ? "" : cap.lines[0]);
+  rmdir(dir.file("tavrel_db.tcf").c_str());
+}
+
+TEST_F(Journal, AbortLeavesNoTraceWhetherOrNotItsPagesSpilled) {
+  // An abort entry ends the transaction in the journal, written out (no sync), also when nothing of
+  // the transaction had reached the file (only its start entry then precedes it).
+  int round = 0;
+  for (int rows : {400, 2}) {
+    SCOPED_TRACE(rows);
+    txn(round++);
+    ASSERT_EQ(dt_syncfiles(t), 0);
+    std::string before = rectest::dump(t);
+    ASSERT_EQ(dt_trbegin("t", t), 0);
+    for (int r = 0; r < rows; r++) {
+      vns_db_ver v{};
+      v.silo_dba = 9;
+      v.dbid = (uint32_t)r;
+      ASSERT_EQ(dt_fillnew(VNS_DB_VER, &v, t, -1), 0);
+    }
+    ASSERT_EQ(dt_trabort(t), 0);
+    EXPECT_EQ(rectest::dump(t), before);
+    std::string j = journal_image();
+    auto es = parse(j);
+    ASSERT_GE(es.size(), 2u);
+    EXPECT_EQ(es.front().type, 1);
+    EXPECT_EQ(es.back().type, 5);
+    EXPECT_EQ(es.back().tx, es.front().tx);
+    EXPECT_EQ(u16(j, es.back().off + 10), (uint16_t)(es.back().tx + 15727));
+    if (rows == 2) {
+      EXPECT_EQ(es.size(), 2u) << "nothing but the start and the abort";
+    }
+    // Crash now: recovery must not apply the aborted pages.
+    dt_crash(t);
+    ASSERT_EQ(rectest::open_db(t, dir.path()), 0);
+    EXPECT_EQ(rectest::dump(t), before);
+    std::string why;
+    EXPECT_EQ(dt_check(&why, t), 0) << why;
+  }
 }
 
 TEST_F(Journal, TransactionNumberWraps) {
