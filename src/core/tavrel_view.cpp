@@ -148,11 +148,6 @@ int Tavrel_View::create() {
   status = create_metadata_file();
   if (status != 0) return status;
 
-  if (g_hooks.without_store) {
-    trace.writeTrace(TRACE_LEVEL_4, "No name-service cache and view database in this process");
-    set_current_gn(0, false);
-    return register_kfsm();
-  }
   status = start_store();
   if (status != 0) return status;
 
@@ -197,11 +192,6 @@ int Tavrel_View::start() {
   status = create_metadata_file();
   if (status != 0) return status;
 
-  if (g_hooks.without_store) {
-    trace.writeTrace(TRACE_LEVEL_4, "No name-service cache and view database in this process");
-    set_current_gn(0, false);
-    return register_kfsm();
-  }
   status = start_store();
   if (status != 0) return status;
 
@@ -400,7 +390,7 @@ int Tavrel_View::validate_create_cache_dir() {
 int Tavrel_View::create_hostname_file() {
   Tavrel_Trace trace(TAVREL, "Tavrel_View", "create_hostname_file");
   // The file belongs to the credentials the agent acts with, inside the 0700 storage.
-  credutl_sid_t creds;
+  credutl_creds_t creds;
   if (credutl_get_sid_credentials(&creds) != 0) {
     int e = errno;
     trace.writeTrace(TRACE_LEVEL_1, "can't get my creds");
@@ -594,14 +584,6 @@ std::string Tavrel_View::get_view_textmode() const {
 
 int Tavrel_View::set_cache_size(unsigned size, std::string& message, bool save) {
   Tavrel_Trace trace(TAVREL, "Tavrel_View", "set_cache_size");
-  if (g_hooks.without_store) {
-    // No cache to size: the size is only kept for the metadata file.
-    m_cache_size = size;
-    if (!save) return 0;
-    int rc = create_metadata_file();
-    if (rc != 0) message += imsg_format(&_tvr_lib_lib_msg_table, TVR_LIB_CACHE_SAVE);
-    return rc;
-  }
   if (!g_hooks.cache_set_size) {
     trace.writeTrace(TRACE_LEVEL_1, "No name-service cache to size");
     message += imsg_format(&_tvr_lib_lib_msg_table, TVR_LIB_CACHE_SIZE, size, tbs_status_text(TBS_ST_FAILURE).c_str());

@@ -62,10 +62,6 @@ struct Tavrel_View_Hooks {
   int (*get_kfsm_root)(std::string* root) = nullptr;
   // The server URL of the process, as customised from the request's server element. Null: empty.
   std::string (*server_url)() = nullptr;
-  // Set by a process that has no name-service cache and no view database yet: creation and start
-  // then skip those steps (whatever the cache and database members hold), and the view's GN starts
-  // at 0 and lives in memory only. Unset, a missing cache or database member fails as said above.
-  bool without_store = false;
 };
 
 class Tavrel_View {

@@ -198,25 +198,6 @@ TEST_F(ViewTest, CreateMakesTheStorageAndRunsTheSequenceInOrder) {
   EXPECT_EQ(server_lock_holder(m_pid), 0) << "the lock goes with the object";
 }
 
-TEST_F(ViewTest, AProcessWithoutStoreSkipsCacheAndDatabaseButStillRegisters) {
-  Tavrel_View_Hooks h = fake_hooks();
-  h.without_store = true;
-  Tavrel_View::install_hooks(h);
-  for (bool create : {true, false}) {
-    SCOPED_TRACE(create ? "create" : "start");
-    g_fake.calls.clear();
-    Tavrel_View::set_current_gn(9, true);
-    std::unique_ptr<Tavrel_View> v(create ? new_view() : Tavrel_View::get_view_from_stg(m_stg));
-    ASSERT_EQ(create ? v->create() : v->start(), 0) << v->get_status_message();
-    EXPECT_EQ(g_fake.calls, "register,");
-    EXPECT_EQ(Tavrel_View::get_current_gn(), 0u);
-    EXPECT_EQ(v->get_db(), nullptr);
-  }
-  g_fake.register_rc = TBS_ST_INTERNAL;  // a failing registration still fails the start
-  started();
-  EXPECT_EQ(m_start_rc, TAVREL_ST_FAILURE);
-}
-
 TEST_F(ViewTest, CreateRefusesWhatAlreadyExistsAndTouchesNothing) {
   const std::string notes = m_stg + "/notes.txt";
   const std::vector<Lay> cases[] = {

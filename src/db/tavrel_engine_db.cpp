@@ -18,6 +18,7 @@
 #include "db/rec/dt.h"
 #include "db/rec/tavrel_db_schema.h"
 #include "db/tavrel_db_flusher.h"
+#include "db/tvr_db_vns.h"
 
 DB_TASK* view_db_task = nullptr;
 
@@ -495,6 +496,9 @@ int create_new(int* created) {
   if (st != 0) return st;
   if (created) *created = 1;
   st = tvr_db_state_change('m');
+  if (st != 0) return st;
+  // Every name the view loads on demand belongs to the default scope: a new database has it from the start.
+  st = tvr_db_in_trans(1, [] { return tvr_db_create_def_scope(); });
   if (st != 0) return st;
   imsg_print(IMSG_OK, "Db initialized\n");
   return 0;

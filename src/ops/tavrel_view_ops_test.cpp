@@ -30,7 +30,19 @@ class ViewOps : public ::testing::Test {
     root = tmpl;
     storage = root + "/view";
     Tavrel_View_Hooks h;
-    h.without_store = true;
+    // The cache and the database are other modules' business: these tests keep the view's GN in memory.
+    h.cache_init = [] { return 0; };
+    h.cache_set_size = [](unsigned, bool) { return 0; };
+    h.start_db = [](const std::string&, const std::string&, Tavrel_View_db** db) {
+      *db = nullptr;
+      return 0;
+    };
+    h.close_db = [](Tavrel_View_db*) {};
+    h.db_get_vns_view_gn = [](unsigned* gn) {
+      *gn = 0;
+      return 0;
+    };
+    h.db_create_vns_view = [](const tbs_uuid_s&, unsigned) { return 0; };
     h.register_view = [](Tavrel_View*) { return 0; };
     h.server_url = [] { return Tavrel_Server::get_url(); };
     Tavrel_View::install_hooks(h);

@@ -115,7 +115,8 @@ class Journal {
   int fd() const { return fd_; }
   // Deferred durability (see SyncPoint). settle() syncs when a written commit is not yet durable.
   void set_deferred(bool on) { deferred_ = on; }
-  int settle() { return sync_point_ && sync_point_->pending() ? sync_point_->sync() : 0; }
+  int settle() { return unsettled() ? sync_point_->sync() : 0; }
+  bool unsettled() const { return sync_point_ && sync_point_->pending(); }
   std::shared_ptr<SyncPoint> sync_point() const { return sync_point_; }
   // Re-read the header after roll-forward changed the file.
   int reload(const MsgFn& msg);

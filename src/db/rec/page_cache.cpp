@@ -149,9 +149,14 @@ int PageCache::write_frame(int f) {
 int PageCache::evict(int f) {
   Frame& fr = frames_[f];
   if (fr.key == ~0ull) return 0;
+  if (fr.cdirty && journal_ && journal_->unsettled()) {
+    // A commit whose sync was deferred: sync once and write back every committed page, so that the
+    // evictions that follow find clean frames instead of each costing a sync.
+    int st = write_back();
+    if (st != 0) return st;
+  }
   if (fr.cdirty) {
-    int st = journal_ ? journal_->settle() : 0;
-    if (st == 0) st = write_frame(f);
+    int st = write_frame(f);
     if (st != 0) return st;
     stats_.writebacks++;
   }
@@ -212,20 +217,35 @@ int PageCache::release_batch() {
 }
 
 int PageCache::victim(int* out) {
+  // Clock over unpinned frames that the open transaction has not changed. While a deferred commit is not
+  // yet durable its pages may not reach their files, so frames holding committed changes are passed over
+  // as long as others can be had; when none can, one sync and a write-back of every committed page
+  // makes them all clean at once (one sync for many evictions, not one per commit).
+  auto scan = [&](bool avoid_committed) {
+    size_t n = frames_.size();
+    for (size_t step = 0; step < 2 * n; step++) {
+      size_t i = hand_;
+      hand_ = (hand_ + 1) % n;
+      Frame& fr = frames_[i];
+      if (fr.pins > 0 || fr.dirty || (avoid_committed && fr.cdirty)) continue;
+      if (fr.key == ~0ull || !fr.ref) {
+        *out = (int)i;
+        return true;
+      }
+      fr.ref = false;
+    }
+    return false;
+  };
   for (int round = 0; round < 2; round++) {
     size_t n = frames_.size();
-    // Clock over unpinned frames that the open transaction has not changed, unless nearly all have been.
+    // Unless nearly all frames hold changes of the open transaction.
     if (ndirty_ * 8 < n * 7 || round > 0) {
-      for (size_t step = 0; step < 2 * n; step++) {
-        size_t i = hand_;
-        hand_ = (hand_ + 1) % n;
-        Frame& fr = frames_[i];
-        if (fr.pins > 0 || fr.dirty) continue;
-        if (fr.key == ~0ull || !fr.ref) {
-          *out = (int)i;
-          return 0;
-        }
-        fr.ref = false;
+      bool unsettled = journal_ && journal_->unsettled();
+      if (scan(unsettled)) return 0;
+      if (unsettled) {
+        int st = write_back();
+        if (st != 0) return st;
+        if (scan(false)) return 0;
       }
     }
     if (round == 0 && ndirty_ > 0) {
