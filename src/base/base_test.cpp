@@ -113,7 +113,7 @@ TEST(Server, HostnameFile) {
   const std::string& dir = t.path;
   std::string rec;
   EXPECT_EQ(server_validate_hostname(dir, "h1", &rec), -1);
-  credutl_sid_t me;
+  credutl_creds_t me;
   ASSERT_EQ(credutl_get_sid_credentials(&me), 0);
   EXPECT_EQ(me.uid, geteuid());
   EXPECT_EQ(me.gid, getegid());

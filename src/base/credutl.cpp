@@ -4,7 +4,7 @@
 
 #include <cerrno>
 
-int credutl_get_sid_credentials(credutl_sid_t* out) {
+int credutl_get_sid_credentials(credutl_creds_t* out) {
   if (!out) {
     errno = EINVAL;
     return -1;

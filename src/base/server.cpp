@@ -65,7 +65,7 @@ pid_t server_lock_holder(const std::string& path) {
   return r;
 }
 
-int server_create_hostname_file(const std::string& dir, const std::string& host, const credutl_sid_t& owner) {
+int server_create_hostname_file(const std::string& dir, const std::string& host, const credutl_creds_t& owner) {
   const std::string path = dir + "/" SERVER_HOSTNAME_FILE;
   if (fileutl_write_atomic(path, host + "\n", 0600) != 0) return -1;
   int fd = open(path.c_str(), O_RDONLY | O_CLOEXEC | O_NOFOLLOW);

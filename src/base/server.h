@@ -28,7 +28,7 @@ pid_t server_lock_holder(const std::string& path);
 
 // Writes `<dir>/.hostname` atomically with `host`, owned by `owner` (so that its group is the
 // owner's even in a directory that hands its own group down). 0 or -1 with errno kept.
-int server_create_hostname_file(const std::string& dir, const std::string& host, const credutl_sid_t& owner);
+int server_create_hostname_file(const std::string& dir, const std::string& host, const credutl_creds_t& owner);
 // 1 when the recorded host equals `host`, 0 when it differs, -1 when the file is missing or unreadable.
 // *recorded receives the recorded name when it could be read.
 int server_validate_hostname(const std::string& dir, const std::string& host, std::string* recorded);
