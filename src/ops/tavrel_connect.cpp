@@ -75,5 +75,5 @@ void Tavrel_Connect::process_request() {
     return;
   }
   int st = Tavrel_KFSM_Ioctl(m_view).view_inval_view();
-  if (st != 0) trace.writeTrace(TRACE_LEVEL_2, "Unable to invalidate view in KFSM: %s", std::to_string(st).c_str());
+  if (st != 0) trace.writeTrace(TRACE_LEVEL_2, "Unable to invalidate view in KFSM: %s", tbs_strerror(st));
 }

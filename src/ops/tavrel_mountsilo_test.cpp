@@ -1,6 +1,6 @@
 // The mount operations against the reference server (in this process, SILOs imported from small
 // trees) and a scripted module: what reaches the module, what the mount table and its file hold
-// afterwards, and every refusal with its status and message.
+// afterwards, and every refusal with its status and message; and Connect, which shares the fixture.
 #include <unistd.h>
 
 #include <cstring>
@@ -12,6 +12,7 @@
 #include "base/fileutl.h"
 #include "base/imsg.h"
 #include "core/tavrel_config.h"
+#include "core/tavrel_trace.h"
 #include "core/tavrel_view.h"
 #include "core/tavrel_view_storage.h"
 #include "kfsm/kfsm_test_util.h"
@@ -280,6 +281,39 @@ TEST_F(MountOps, TableEntriesTheModuleCannotUseOrTheFileCannotKeep) {
   g_test_view = nullptr;
   EXPECT_EQ(mount("/other").status(), TAVREL_ST_NO_VIEW_INFO);
   EXPECT_TRUE(commands_of(KFSM_CMD_MOUNT).empty());
+}
+
+// (Connect shares this fixture for its server and module.) A Connect that logs in asks the module to
+// forget the view; a refusal is only traced, with its error text.
+TEST_F(MountOps, ConnectTracesARefusedInvalidationWithItsText) {
+  char tmpl[] = "/tmp/tavrel-connect-trace-XXXXXX";
+  const std::string home = mkdtemp(tmpl);
+  const char* old_home = getenv("HOME");
+  const std::string saved_home = old_home ? old_home : "";
+  setenv("HOME", home.c_str(), 1);
+  Tavrel_Trace::setup_trace_file("tester", getpid());
+  Tavrel_Trace::set_trace("TAVREL", 2);
+  Tavrel_Server::set_online(false);
+  peer->push_status(KFSM_CMD_INVAL, TBS_ST_FAILURE);
+  Reply r = run("<Connect version=\"1\" tx-id=\"c\"><server><username>alice</username><password>secret</password>"
+                "</server></Connect>");
+  const std::string file = Tavrel_Trace::get_trace_file();
+  Tavrel_Trace::set_trace(nullptr, 0);
+  Tavrel_Trace::close_trace_file();
+  std::string trace;
+  fileutl_read_file(file, &trace, 1 << 20);
+  if (old_home)
+    setenv("HOME", saved_home.c_str(), 1);
+  else
+    unsetenv("HOME");
+  Tavrel_View_Storage::remove_tree(home);
+  EXPECT_EQ(r.status(), 0) << r.message;
+  EXPECT_EQ(r.message, "");
+  EXPECT_TRUE(Tavrel_Server::is_online());
+  EXPECT_EQ(commands_of(KFSM_CMD_INVAL).size(), 1u);
+  EXPECT_NE(trace.find(std::string("Unable to invalidate view in KFSM: ") + tbs_strerror(TBS_ST_FAILURE) + "\n"),
+            std::string::npos)
+      << trace;
 }
 
 TEST_F(MountOps, RequestsWithoutAUsableTagAreRefused) {
