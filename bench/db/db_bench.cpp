@@ -11,7 +11,7 @@
 // each in both durability modes. Then "lookups": random names through tvr_db_vns_ver_lookup_name, one
 // read transaction each, warm.
 //
-// usage: db_bench [scratch directory] [elements]   (default $TMPDIR or /tmp, 100000)
+// usage: db_bench [scratch directory] [elements] [deferred|commit]   (default $TMPDIR or /tmp, 100000, both)
 #include <sqlite3.h>
 #include <stdlib.h>
 #include <sys/time.h>
@@ -258,7 +258,9 @@ int main(int argc, char** argv) {
   if (!getenv("TAVREL_PRODUCT_DIR")) setenv("TAVREL_PRODUCT_DIR", TAVREL_PRODUCT_DIR, 1);
   printf("db_bench: %u elements, one transaction each (elements/s)\n", n);
   printf("%-9s %12s %12s %12s %14s %14s\n", "mode", "view db", "engine", "sqlite", "view/engine", "view/sqlite");
+  const char* only = argc > 3 ? argv[3] : nullptr;
   for (bool deferred : {true, false}) {
+    if (only && strcmp(only, deferred ? "deferred" : "commit") != 0) continue;
     uint32_t m = deferred ? n : std::min<uint32_t>(n, 20000);  // synced commits are disk-bound: fewer suffice
     ViewDb v;
     v.open(base + "/view", deferred ? TVR_DB_SYNC_DEFERRED : TVR_DB_SYNC_COMMIT);

@@ -341,6 +341,8 @@ int PageCache::tx_commit(bool sync_files_now, bool* applying) {
       uint64_t base = (uint64_t)(uint32_t)fr.key * ps_;
       uint32_t i = 0;
       while (i < ps_ && st == 0) {
+        // Skip the unchanged bytes a cache line at a time, then byte by byte.
+        while (i + 64 <= ps_ && std::memcmp(fr.data + i, fr.before + i, 64) == 0) i += 64;
         while (i < ps_ && fr.data[i] == fr.before[i]) i++;
         if (i >= ps_) break;
         uint32_t start = i, end = i, gap = 0;
@@ -406,9 +408,10 @@ int PageCache::tx_commit(bool sync_files_now, bool* applying) {
     free_before(fr);
   }
   dirty_list_.clear();
+  if (!spill_.empty())
+    for (Frame& fr : frames_) fr.from_spill = false;
   spill_.clear();
   ndirty_ = 0;
-  for (Frame& fr : frames_) fr.from_spill = false;
   if (sync_files_now) {
     st = write_back();
     if (st == 0) st = sync_files();
