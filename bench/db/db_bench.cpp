@@ -11,7 +11,12 @@
 // each in both durability modes. Then "lookups": random names through tvr_db_vns_ver_lookup_name, one
 // read transaction each, warm.
 //
-// usage: db_bench [scratch directory] [elements] [deferred|commit]   (default $TMPDIR or /tmp, 100000, both)
+// Workload "repair" (mode argument "repair" only): N elements written as above, then the repair a start
+// in state 'm' runs: the dumper (a separate program), the load of the dump into a new database, and the
+// check after the load; seconds for each, to see whether they grow linearly with N.
+//
+// usage: db_bench [scratch directory] [elements] [deferred|commit|repair]   (default $TMPDIR or /tmp,
+//        100000, deferred and commit)
 #include <sqlite3.h>
 #include <stdlib.h>
 #include <sys/time.h>
@@ -256,9 +261,34 @@ int main(int argc, char** argv) {
   std::string base = std::string(argc > 1 ? argv[1] : (tmp ? tmp : "/tmp")) + "/db_bench." + std::to_string(getpid());
   uint32_t n = argc > 2 ? (uint32_t)strtoul(argv[2], nullptr, 10) : 100000;
   if (!getenv("TAVREL_PRODUCT_DIR")) setenv("TAVREL_PRODUCT_DIR", TAVREL_PRODUCT_DIR, 1);
+  const char* only = argc > 3 ? argv[3] : nullptr;
+  if (only && strcmp(only, "repair") == 0) {
+    ViewDb v;
+    v.open(base + "/view", TVR_DB_SYNC_DEFERRED);
+    v.dir(1 + (n - 1) / kPerDir);
+    auto t0 = Clock::now();
+    for (uint32_t i = 0; i < n; i++) v.element(i);
+    double write_s = secs(t0);
+    std::string dumped;
+    t0 = Clock::now();
+    if (int st = tvr_db_dump_db(&dumped)) die("dump", st);
+    double dump_s = secs(t0);
+    if (tvr_db_state_change('m') != 0 || fileutl_rm_tree(dumped) != 0) die("after dump");
+    t0 = Clock::now();
+    if (int st = tvr_db_load_db()) die("load", st);
+    double load_s = secs(t0);
+    t0 = Clock::now();
+    if (int st = tvr_db_fsck_db()) die("check", st);
+    double check_s = secs(t0);
+    printf("repair of %u elements: write %.1f s, dump %.1f s, load %.1f s, check %.1f s; dump+load+check %.1f s "
+           "(%.1f us per element)\n",
+           n, write_s, dump_s, load_s, check_s, dump_s + load_s + check_s, (dump_s + load_s + check_s) * 1e6 / n);
+    v.close();
+    fileutl_rm_tree(base);
+    return 0;
+  }
   printf("db_bench: %u elements, one transaction each (elements/s)\n", n);
   printf("%-9s %12s %12s %12s %14s %14s\n", "mode", "view db", "engine", "sqlite", "view/engine", "view/sqlite");
-  const char* only = argc > 3 ? argv[3] : nullptr;
   for (bool deferred : {true, false}) {
     if (only && strcmp(only, deferred ? "deferred" : "commit") != 0) continue;
     uint32_t m = deferred ? n : std::min<uint32_t>(n, 20000);  // synced commits are disk-bound: fewer suffice
