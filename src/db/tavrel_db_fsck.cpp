@@ -24,6 +24,7 @@
 
 #include "base/imsg.h"
 #include "base/tbs.h"
+#include "db/tavrel_db_container.h"
 #include "db/tavrel_engine_db.h"
 #include "db/tvr_db_cr.h"
 #include "db/tvr_db_dir.h"
@@ -41,16 +42,9 @@ using FileId = std::pair<dev_t, ino_t>;
 
 // Moves `path` into lost+found under its leaf name, or under a fresh UUID when that name is taken.
 void to_lost_found(const std::string& path) {
-  if (mkdir(LOST_FOUND, 0700) != 0 && errno != EEXIST) {
-    imsg_print(IMSG_ERR, "Unable to create %s: %s\n", LOST_FOUND, strerror(errno));
-    return;
-  }
-  size_t slash = path.rfind('/');
-  std::string to = std::string(LOST_FOUND) + "/" + (slash == std::string::npos ? path : path.substr(slash + 1));
-  struct stat st;
-  if (lstat(to.c_str(), &st) == 0) to = std::string(LOST_FOUND) + "/" + tbs_uuid_to_str(tbs_uuid_create());
-  if (rename(path.c_str(), to.c_str()) != 0) {
-    imsg_print(IMSG_ERR, "Unable to move %s to %s: %s\n", path.c_str(), to.c_str(), strerror(errno));
+  std::string to;
+  if (move_to_lost_and_found_at(POOL, path, &to) != 0) {
+    imsg_print(IMSG_ERR, "Unable to move %s to %s\n", path.c_str(), LOST_FOUND);
     return;
   }
   imsg_print(IMSG_OK, "%s moved to %s\n", path.c_str(), to.c_str());
