@@ -8,6 +8,7 @@
 #include "base/tbs.h"
 #include "core/tavrel_config.h"
 #include "core/tavrel_trace.h"
+#include "db/tavrel_db_container.h"
 #include "db/tavrel_db_vns.h"
 #include "db/tavrel_engine_db.h"
 
@@ -34,8 +35,14 @@ int Tavrel_View_db::start_db(const std::string& storage, const std::string& uuid
     return TBS_ST_INTERNAL;
   }
   apply_sync_setting(trace);
+  // The container pool first: a repair's check walks it.
+  int st = tavrel_storage_init();
+  if (st != 0) {
+    trace.writeTrace(TRACE_LEVEL_1, "Cannot set up the container pool of %s: %d", storage.c_str(), st);
+    return st;
+  }
   int created = 0;
-  int st = tavrel_db_init(&created);
+  st = tavrel_db_init(&created);
   trace.writeTrace(TRACE_LEVEL_3, "View %s database: status %d, created %d, open %d", uuid_text.c_str(), st, created,
                    tvr_db_is_open() ? 1 : 0);
   return st;

@@ -2,8 +2,8 @@
 // wide (src/db/tavrel_engine_db.h: one view per agent process); this class gives its life and its
 // view-level rows. The object made by start_db stands for the open database of the storage it names.
 //
-// start_db enters the storage directory (the database works relative to the working directory), reads
-// `tavrelDbSync` from tavrel.conf ("deferred", the default, or "commit"; anything else is reported and
+// start_db enters the storage directory (the database works relative to the working directory), sets up
+// the container pool ".s", reads `tavrelDbSync` from tavrel.conf ("deferred", the default, or "commit"; anything else is reported and
 // taken as "deferred"), and opens, creates or repairs the database through its state file.
 #pragma once
 
