@@ -341,8 +341,9 @@ int PageCache::tx_commit(bool sync_files_now, bool* applying) {
       uint64_t base = (uint64_t)(uint32_t)fr.key * ps_;
       uint32_t i = 0;
       while (i < ps_ && st == 0) {
-        // Skip the unchanged bytes a cache line at a time, then byte by byte.
+        // Skip the unchanged bytes a cache line at a time, then a word, then a byte at a time.
         while (i + 64 <= ps_ && std::memcmp(fr.data + i, fr.before + i, 64) == 0) i += 64;
+        while (i + 8 <= ps_ && std::memcmp(fr.data + i, fr.before + i, 8) == 0) i += 8;
         while (i < ps_ && fr.data[i] == fr.before[i]) i++;
         if (i >= ps_) break;
         // A changed range runs in 8-byte words until more than 24 unchanged bytes follow its last change
