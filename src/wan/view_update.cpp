@@ -228,12 +228,14 @@ void View_Update::process_elem_info() {
   // A server may write paths with backslashes.
   for (char* p = elem_info.object_path; *p; ++p)
     if (*p == '\\') *p = '/';
-  trace.writeTrace(TRACE_LEVEL_5, "Synceleminfo - object_path %s", elem_info.object_path);
-  trace.writeTrace(TRACE_LEVEL_5, "Synceleminfo - parent_oid %s", tbs_oid_to_str(elem_info.parent_oid).c_str());
-  trace.writeTrace(TRACE_LEVEL_5, "Synceleminfo - replica_uuid %s", tbs_uuid_to_str(elem_info.replica_uuid).c_str());
-  trace.writeTrace(TRACE_LEVEL_5, "Synceleminfo - object_oid %s", tbs_oid_to_str(elem_info.object_oid).c_str());
-  trace.writeTrace(TRACE_LEVEL_5, "Synceleminfo - prev_version_str %s", elem_info.prev_version_str);
-  trace.writeTrace(TRACE_LEVEL_5, "Synceleminfo - curr_version_str %s", elem_info.curr_version_str);
+  if (trace.shouldTrace(TRACE_LEVEL_5)) {  // the identities' texts cost more than the parse
+    trace.writeTrace(TRACE_LEVEL_5, "Synceleminfo - object_path %s", elem_info.object_path);
+    trace.writeTrace(TRACE_LEVEL_5, "Synceleminfo - parent_oid %s", tbs_oid_to_str(elem_info.parent_oid).c_str());
+    trace.writeTrace(TRACE_LEVEL_5, "Synceleminfo - replica_uuid %s", tbs_uuid_to_str(elem_info.replica_uuid).c_str());
+    trace.writeTrace(TRACE_LEVEL_5, "Synceleminfo - object_oid %s", tbs_oid_to_str(elem_info.object_oid).c_str());
+    trace.writeTrace(TRACE_LEVEL_5, "Synceleminfo - prev_version_str %s", elem_info.prev_version_str);
+    trace.writeTrace(TRACE_LEVEL_5, "Synceleminfo - curr_version_str %s", elem_info.curr_version_str);
+  }
   // An element's records never come from the element before it.
   std::memset(&obj_vstat, 0, sizeof obj_vstat);
   std::memset(&elem_vstat, 0, sizeof elem_vstat);
