@@ -165,44 +165,32 @@ TEST(ViewUpdateStream, EveryTruncationIsPrematureAndDeliversOnlyWholeParts) {
   EXPECT_EQ(before, kSampleEvents.size());  // the metadata at the end is delivered by the Status part
 }
 
-void raw(n::ReplyWriter& w, const std::string& s) { w.body_piece(s.data(), s.size()); }
-
 TEST(ViewUpdateStream, CorruptPartsStopWithTheirStatusAndNothingAfter) {
-  const std::string good = sei("/p/a", "", "main/1");
+  const std::string B = "--" + std::string(n::DEFAULT_BOUNDARY), rep = kReplica;
   struct Case {
-    const char* what;
-    std::function<void(n::ReplyWriter&)> bad;
+    const char* id;
+    n::ReplyItems items;
+    std::string body;
     int status;
   } cases[] = {
-      {"no operation gn", [](n::ReplyWriter& w) { w.part(n::PART_SYNC_FETCH_BEGIN, ""); }, RCLIENT_ST_MALFORMED_ITEM},
-      {"bad operation gn", [](n::ReplyWriter& w) { w.part(n::PART_SYNC_FETCH_BEGIN, {{n::ITEM_OPERATION_GN, "-1"}}, ""); },
-       RCLIENT_ST_MALFORMED_ITEM},
-      {"no replica", [](n::ReplyWriter& w) { w.part(n::PART_SILO_FETCH_BEGIN, {{n::ITEM_FAMILY_OID, kFamily}}, ""); },
-       RCLIENT_ST_MALFORMED_ITEM},
-      {"bad family",
-       [](n::ReplyWriter& w) {
-         w.part(n::PART_SILO_FETCH_BEGIN, {{n::ITEM_REPLICA_UUID, kReplica}, {n::ITEM_FAMILY_OID, "zz"}}, "");
-       },
-       RCLIENT_ST_MALFORMED_ITEM},
-      {"bad elem info", [](n::ReplyWriter& w) { w.part(n::PART_SYNC_ELEM_INFO, "garbage!"); }, TBS_ST_FAILURE},
-      {"bad scope", [](n::ReplyWriter& w) { w.part(n::PART_SCOPE_FETCH_BEGIN, "x"); }, TBS_ST_FAILURE},
-      {"bad metadata",
-       [&](n::ReplyWriter& w) {
-         w.part(n::PART_SYNC_ELEM_INFO, good);
-         w.part(n::PART_OBJ_METADATA, "1234");
-       },
-       TBS_ST_FAILURE},
-      {"part too large", [](n::ReplyWriter& w) { w.part("Big", std::string(View_Update::MAX_PART + 1, 'b')); },
-       RCLIENT_ST_NO_MEMORY},
-      {"lone CR", [](n::ReplyWriter& w) { raw(w, "--" + w.boundary() + "\rx\r\n"); }, RCLIENT_ST_FORMAT},
-      {"no boundary", [](n::ReplyWriter& w) { raw(w, "hello\r\n"); }, RCLIENT_ST_FORMAT},
-      {"bad length", [](n::ReplyWriter& w) { raw(w, "--" + w.boundary() + "\r\nContent-Length: x\r\n\r\n"); },
-       RCLIENT_ST_FORMAT},
+      {n::PART_SYNC_FETCH_BEGIN, {}, "", RCLIENT_ST_MALFORMED_ITEM},
+      {n::PART_SYNC_FETCH_BEGIN, {{n::ITEM_OPERATION_GN, "-1"}}, "", RCLIENT_ST_MALFORMED_ITEM},
+      {n::PART_SILO_FETCH_BEGIN, {{n::ITEM_FAMILY_OID, kFamily}}, "", RCLIENT_ST_MALFORMED_ITEM},
+      {n::PART_SILO_FETCH_BEGIN, {{n::ITEM_REPLICA_UUID, rep}, {n::ITEM_FAMILY_OID, "zz"}}, "", RCLIENT_ST_MALFORMED_ITEM},
+      {n::PART_SYNC_ELEM_INFO, {}, "garbage!", TBS_ST_FAILURE},
+      {n::PART_SCOPE_FETCH_BEGIN, {}, "x", TBS_ST_FAILURE},
+      {n::PART_OBJ_METADATA, {}, "1234", TBS_ST_FAILURE},  // after a loaded element
+      {"Big", {}, std::string(View_Update::MAX_PART + 1, 'b'), RCLIENT_ST_NO_MEMORY},
+      {nullptr, {}, B + "\rx\r\n", RCLIENT_ST_FORMAT},  // raw bytes: a lone CR, no boundary, a bad length
+      {nullptr, {}, "hello\r\n", RCLIENT_ST_FORMAT},
+      {nullptr, {}, B + "\r\nContent-Length: x\r\n\r\n", RCLIENT_ST_FORMAT},
   };
   for (const Case& c : cases) {
     const std::string doc = make_doc([&](n::ReplyWriter& w) {
       w.part(n::PART_SYNC_FETCH_END, "");  // one event before the fault
-      c.bad(w);
+      if (c.id && std::string(c.id) == n::PART_OBJ_METADATA) w.part(n::PART_SYNC_ELEM_INFO, sei("/p/a", "", "main/1"));
+      if (c.id) w.part(c.id, c.items, c.body);
+      else w.body_piece(c.body.data(), c.body.size());
       w.part(n::PART_SYNC_ELEM_INFO, sei("/p/after", "", ""));  // never delivered
       w.part(n::PART_SYNC_FETCH_END, "");
       w.status(0);
@@ -210,8 +198,8 @@ TEST(ViewUpdateStream, CorruptPartsStopWithTheirStatusAndNothingAfter) {
     for (size_t block : {doc.size(), size_t(1)}) {
       Recorder r;
       Fed_Update cmd(&r);
-      EXPECT_EQ(cmd.drive(blocks_of(doc, block)), c.status) << c.what << " " << block;
-      EXPECT_EQ(r.events, Events{"end_operation"}) << c.what << " " << block;
+      EXPECT_EQ(cmd.drive(blocks_of(doc, block)), c.status) << c.body << " " << block;
+      EXPECT_EQ(r.events, Events{"end_operation"}) << c.body << " " << block;
     }
   }
 }
