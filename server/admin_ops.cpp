@@ -96,7 +96,9 @@ std::string elem_make(WanServer& srv, const Args& a, const std::string* data, in
   if (kind == 0 && !valid_link_target(target)) fail(TBS_ST_BAD_ARG, kBadLinkTarget);
   return srv.store().write([&](Repo& r) {
     Node p = ensure_dir(r, parent, a.flag("Parents"));
-    if (r.entry(p.ver.id, leaf)) fail(TBS_ST_EXISTS, path + " exists");
+    // With Replace, the new object takes the name of whatever held it, in one directory version.
+    bool replace = a.flag("Replace");
+    if (!replace && r.entry(p.ver.id, leaf)) fail(TBS_ST_EXISTS, path + " exists");
     timeval now = now_timeval();
     ReplyItems items;
     Entry entry{leaf, 0, 0};
@@ -114,7 +116,10 @@ std::string elem_make(WanServer& srv, const Args& a, const std::string* data, in
       items.push_back({"ElementOid", tbs_oid_to_str(e.oid)});
       items.push_back({"NewVersionOid", tbs_oid_to_str(v.oid)});
     }
-    Version pv = new_dir_version(r, p, [&](int64_t v) { r.add_entry(v, entry); });
+    Version pv = new_dir_version(r, p, [&](int64_t v) {
+      if (replace) r.remove_entry(v, leaf);
+      r.add_entry(v, entry);
+    });
     items.push_back({"ParentVersionOid", tbs_oid_to_str(pv.oid)});
     items.push_back({"ReplicaUuid", tbs_uuid_to_str(p.silo.replica)});
     return result(items);

@@ -16,9 +16,11 @@
 // Admin operations (<base>/admin only):
 //   silo.create      Tag [Public] [Project] [Storage] -> SiloReplicaUuid SiloFamilyUuid
 //   silo.import      Tag Source [Public] [Project]    -> SiloReplicaUuid Files Dirs Links Skipped
-//   elem.mkfile      Path [Mode] [Parents] [data]     -> ElementOid NewVersionOid
-//   elem.mkdir       Path [Mode] [Parents]            -> ElementOid NewVersionOid
-//   elem.mklink      Path Target                      -> LinkOid
+//   elem.mkfile      Path [Mode] [Parents] [Replace] [data]  -> ElementOid NewVersionOid
+//   elem.mkdir       Path [Mode] [Parents] [Replace]  -> ElementOid NewVersionOid
+//   elem.mklink      Path Target [Replace]            -> LinkOid
+//                    (Replace=1: the new object takes over the name from whatever held it, in one
+//                    new version of the parent: a directory replaced by a file, and so on)
 //   elem.checkin     Path [Branch] [data]             -> NewVersionOid VersionString
 //   elem.rmname      Path;  elem.move  From To
 //   label.apply      Path Label [Version] [Recursive]

@@ -5,6 +5,9 @@
 #include "proto/reply_writer.h"
 #include "proto/wan_names.h"
 #include "server/rules.h"
+#include "server/update_ledger.h"
+#include "server/update_parts.h"
+#include "server/update_stream.h"
 #include "server/view_namespace.h"
 #include "server/wan_server.h"
 
@@ -38,10 +41,7 @@ void put_object(ReplyWriter& w, ViewNamespace& ns, const Node& n) {
 }
 
 void record_served(WanServer& srv, int64_t view, const std::vector<ServedRow>& rows) {
-  if (rows.empty()) return;
-  srv.store().write([&](Repo& r) {
-    for (const auto& row : rows) r.record_served(view, row);
-  });
+  record_sent(srv.store(), view, rows);
 }
 
 Silo silo_of(Repo& r, const Args& a) {
@@ -249,8 +249,10 @@ std::string metadata_reply(WanServer& srv, const Args& a, bool lookup) {
     w.status(0);
     w.end();
     if (!n.path.empty()) {
+      // An unchanged row is written again only while an unfinished update would unload names.
       ServedRow row = ns.served_row(n);
-      if (!r.served_unchanged(view.id, row)) served.push_back(std::move(row));
+      if (!r.served_unchanged(view.id, row) || UpdateLedger(r.db()).has_auto_tombstones(view.id))
+        served.push_back(std::move(row));
     }
     return w.take();
   });
@@ -273,6 +275,7 @@ class DirectoryStream : public ReplyStream {
     ns_ = std::make_unique<ViewNamespace>(*repo_, view_);
     dir_ = directory_node(*ns_, a, ARG_PATH_NAME);  // throws before anything is sent
     entries_ = repo_->entries(dir_.ver.id);
+    rewrite_all_ = UpdateLedger(lease_->db()).has_auto_tombstones(view_.id);
   }
 
   bool next(std::string* out) override {
@@ -295,7 +298,7 @@ class DirectoryStream : public ReplyStream {
         w.part(PART_DIRECTORY_ENTRY, rec);
         put_object(w, *ns_, *node);
         ServedRow row = ns_->served_row(*node);
-        if (!repo_->served_unchanged(view_.id, row)) served.push_back(std::move(row));
+        if (rewrite_all_ || !repo_->served_unchanged(view_.id, row)) served.push_back(std::move(row));
       }
       record_served(srv_, view_.id, served);
       if (pos_ >= entries_.size()) finish(w, 0, std::string());
@@ -334,6 +337,7 @@ class DirectoryStream : public ReplyStream {
   size_t pos_ = 0;
   uint32_t off_ = 2;
   bool begun_ = false, finished_ = false;
+  bool rewrite_all_ = false;  // an unfinished update would unload names: record every entry sent
   tbs_status_t final_status_ = -1;
 };
 
@@ -346,13 +350,20 @@ std::string get_directory_contents(WanServer& srv, const Args& a) {
 
 }  // namespace
 
+std::string view_update(WanServer& srv, const Args& a) {
+  auto s = start_view_update(srv, a);
+  std::string all, piece;
+  while (s->next(&piece)) all += piece;
+  return all;
+}
+
 std::unique_ptr<ReplyStream> start_directory_contents(WanServer& srv, const Args& args) {
   return std::make_unique<DirectoryStream>(srv, args);
 }
 
 bool is_agent_rpc(const std::string& rpc) {
   return rpc == RPC_GET_SILO_INFO || rpc == RPC_GET_CONFIG_SPEC || rpc == RPC_SET_CONFIG_SPEC ||
-         rpc == RPC_GET_METADATA || rpc == RPC_LOOKUP || rpc == RPC_GET_DIRECTORY_CONTENTS;
+         rpc == RPC_GET_METADATA || rpc == RPC_LOOKUP || rpc == RPC_GET_DIRECTORY_CONTENTS || rpc == RPC_SYNCFETCH;
 }
 
 std::string run_agent_rpc(WanServer& srv, const std::string& rpc, const Args& args) {
@@ -362,6 +373,7 @@ std::string run_agent_rpc(WanServer& srv, const std::string& rpc, const Args& ar
   if (rpc == RPC_GET_METADATA) return metadata_reply(srv, args, false);
   if (rpc == RPC_LOOKUP) return metadata_reply(srv, args, true);
   if (rpc == RPC_GET_DIRECTORY_CONTENTS) return get_directory_contents(srv, args);
+  if (rpc == RPC_SYNCFETCH) return view_update(srv, args);
   fail(TBS_ST_BAD_ARG, "unknown RPC \"" + rpc + "\"");
 }
 

@@ -1,5 +1,5 @@
 // The agent's RPCs other than login/logout and the cleartext GET: Get_SILOInfo, Get_ConfigSpec,
-// Set_ConfigSpec, Get_Metadata, Lookup and Get_Directory_Contents.
+// Set_ConfigSpec, Get_Metadata, Lookup, Get_Directory_Contents and View_Update (update_stream.h).
 //
 // Each handler returns the whole reply document (ending in Status 0) or throws ServerError, which the
 // caller turns into a Status-only reply. On-demand replies record what they sent in the view's

@@ -2,6 +2,8 @@
 
 #include <cstring>
 
+#include "server/path_order.h"
+
 namespace tavrel_server {
 
 namespace {
@@ -71,6 +73,7 @@ SqliteDb::SqliteDb(const std::string& path, bool create) {
     fail(TBS_ST_INTERNAL, "cannot open store " + path + ": " + msg);
   }
   sqlite3_busy_timeout(db_, 10000);
+  if (!register_path_collation(db_)) sql_fail(db_, "collation");
   sqlite3_extended_result_codes(db_, 0);
   exec("PRAGMA journal_mode=WAL");
   exec("PRAGMA synchronous=NORMAL");

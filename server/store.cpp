@@ -50,10 +50,15 @@ CREATE TABLE IF NOT EXISTS served(
   parent_oid BLOB, checked_out INTEGER NOT NULL, scope_oid BLOB, gn INTEGER NOT NULL,
   PRIMARY KEY(view, path)) WITHOUT ROWID;
 CREATE INDEX IF NOT EXISTS served_by_version ON served(view, ver_oid);
+CREATE INDEX IF NOT EXISTS served_in_order ON served(view, silo, scope_oid, path COLLATE tavrel_path);
 CREATE TABLE IF NOT EXISTS snapshot(
-  view INTEGER NOT NULL, gn INTEGER NOT NULL, pending INTEGER NOT NULL, scope_oid BLOB NOT NULL,
-  path TEXT NOT NULL, elem_oid BLOB, ver_oid BLOB, vstr TEXT, checked_out INTEGER NOT NULL,
+  view INTEGER NOT NULL, gn INTEGER NOT NULL, scope_oid BLOB NOT NULL, path TEXT NOT NULL COLLATE tavrel_path,
+  silo INTEGER NOT NULL, elem_oid BLOB, ver_oid BLOB, vstr TEXT NOT NULL, prev_vstr TEXT NOT NULL,
+  checked_out INTEGER NOT NULL, parent_oid BLOB, is_link INTEGER NOT NULL, elem INTEGER NOT NULL,
+  obj INTEGER NOT NULL, action INTEGER NOT NULL,
   PRIMARY KEY(view, gn, scope_oid, path)) WITHOUT ROWID;
+CREATE TABLE IF NOT EXISTS pending_update(view INTEGER NOT NULL, gn INTEGER NOT NULL, scope_oid BLOB NOT NULL,
+  replace INTEGER NOT NULL, PRIMARY KEY(view, gn, scope_oid)) WITHOUT ROWID;
 CREATE TABLE IF NOT EXISTS session(token TEXT PRIMARY KEY, jsession TEXT NOT NULL, user TEXT NOT NULL,
   created INTEGER NOT NULL, last_used INTEGER NOT NULL);
 INSERT OR IGNORE INTO meta(key, value) VALUES('schema_version', '1');
@@ -665,6 +670,16 @@ Store::Store(const std::string& path, size_t pool_size) : path_(path), pool_size
   auto db = std::make_unique<SqliteDb>(path, true);
   // The store holds session tokens: a new store is owner-only (its journal files take the same mode).
   if (!existed) ::chmod(path.c_str(), 0600);
+  // Stores made before updates were served hold an unused snapshot table of another shape.
+  {
+    auto t = db->stmt("SELECT count(*) FROM pragma_table_info('snapshot') WHERE name='action'");
+    auto u = db->stmt("SELECT count(*) FROM sqlite_master WHERE name='snapshot'");
+    t.step();
+    u.step();
+    bool old_shape = u.i64(0) != 0 && t.i64(0) == 0;
+    db->reset_used();
+    if (old_shape) db->exec("DROP TABLE snapshot");
+  }
   db->exec(kSchema);
   auto s = db->stmt("SELECT value FROM meta WHERE key='schema_version'");
   if (!s.step() || s.text(0) != "1") fail(TBS_ST_INTERNAL, "store " + path + " has an unknown schema version");

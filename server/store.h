@@ -15,7 +15,9 @@
 //   view(id, uuid, type, elem_rules, tkm_rules, load_rules, gn_counter, committed_gn)
 //   checkout(view, elem, co_version, base_version)
 //   served(view, path, silo, elem_oid, ver_oid, vstr, parent_oid, checked_out, scope_oid, gn)
-//   snapshot(view, gn, pending, scope_oid, path, elem_oid, ver_oid, vstr, checked_out)  -- for updates
+//   snapshot(view, gn, scope_oid, path, silo, elem_oid, ver_oid, vstr, prev_vstr, checked_out, parent_oid,
+//            is_link, elem, obj, action)       -- update states, see update_ledger.h (path in "tavrel_path" order)
+//   pending_update(view, gn, scope_oid, replace)-- the scopes of each update stream not yet committed
 //   session(token, jsession, user, created, last_used)
 //
 // Invariants: version contents and OIDs never change once written (a checkout version's bytes are

@@ -12,6 +12,7 @@
 #include "server/admin_ops.h"
 #include "server/agent_rpcs.h"
 #include "server/form_data.h"
+#include "server/update_stream.h"
 
 namespace tavrel_server {
 
@@ -366,9 +367,10 @@ void WanServer::install_routes() {
     try {
       if (!args_ok) fail(TBS_ST_BAD_ARG, err);
       if (!is_agent_rpc(rpc)) fail(TBS_ST_BAD_ARG, "unknown RPC \"" + rpc + "\"");
-      if (rpc == RPC_GET_DIRECTORY_CONTENTS && !plan.any()) {
-        // Listings stream: the first entries leave before the last are read.
-        std::shared_ptr<ReplyStream> stream = start_directory_contents(*this, Args(std::move(parsed)));
+      if ((rpc == RPC_GET_DIRECTORY_CONTENTS || rpc == RPC_SYNCFETCH) && !plan.any()) {
+        // Listings and updates stream: the first parts leave before the last are read.
+        std::shared_ptr<ReplyStream> stream = rpc == RPC_SYNCFETCH ? start_view_update(*this, Args(std::move(parsed)))
+                                                                   : start_directory_contents(*this, Args(std::move(parsed)));
         t_current.status = 0;
         res.set_chunked_content_provider(kReplyType, [stream](size_t, httplib::DataSink& sink) {
           std::string piece;

@@ -1,0 +1,227 @@
+#include "server/update_ledger.h"
+
+#include "proto/wan_names.h"
+
+namespace tavrel_server {
+
+namespace {
+
+#define SNAP_COLS \
+  "path, silo, elem_oid, ver_oid, vstr, prev_vstr, checked_out, parent_oid, is_link, elem, obj, action"
+
+tbs_oid_s col_oid(const Stmt& s, int col) {
+  tbs_oid_s o;
+  s.blob16(col, o.bytes);
+  return o;
+}
+
+SnapRow snap_row(const Stmt& s) {
+  SnapRow r;
+  r.path = s.text(0);
+  r.silo = s.i64(1);
+  r.elem_oid = col_oid(s, 2);
+  r.ver_oid = col_oid(s, 3);
+  r.vstr = s.text(4);
+  r.prev_vstr = s.text(5);
+  r.checked_out = s.i64(6) != 0;
+  r.parent_oid = col_oid(s, 7);
+  r.is_link = s.i64(8) != 0;
+  r.elem = s.i64(9);
+  r.obj = s.i64(10);
+  r.action = int(s.i64(11));
+  return r;
+}
+
+void bind_snap(Stmt& s, int first, const SnapRow& r) {
+  s.bind(first, r.path)
+      .bind(first + 1, r.silo)
+      .bind_blob(first + 2, r.elem_oid.bytes, 16)
+      .bind_blob(first + 3, r.ver_oid.bytes, 16)
+      .bind(first + 4, r.vstr)
+      .bind(first + 5, r.prev_vstr)
+      .bind(first + 6, r.checked_out ? 1 : 0)
+      .bind_blob(first + 7, r.parent_oid.bytes, 16)
+      .bind(first + 8, r.is_link ? 1 : 0)
+      .bind(first + 9, r.elem)
+      .bind(first + 10, r.obj)
+      .bind(first + 11, r.action);
+}
+
+}  // namespace
+
+void UpdateLedger::begin_pending(int64_t view, int64_t gn, const tbs_oid_s& scope, bool replace) {
+  db_.stmt("INSERT OR REPLACE INTO pending_update(view, gn, scope_oid, replace) VALUES(?,?,?,?)")
+      .bind(1, view)
+      .bind(2, gn)
+      .bind_blob(3, scope.bytes, 16)
+      .bind(4, replace ? 1 : 0)
+      .run();
+}
+
+void UpdateLedger::put(int64_t view, int64_t gn, const tbs_oid_s& scope, const std::vector<SnapRow>& rows) {
+  for (const SnapRow& r : rows) {
+    auto s = db_.stmt("INSERT OR IGNORE INTO snapshot(view, gn, scope_oid, " SNAP_COLS
+                      ") VALUES(?,?,?,?,?,?,?,?,?,?,?,?,?,?,?)");
+    s.bind(1, view).bind(2, gn).bind_blob(3, scope.bytes, 16);
+    bind_snap(s, 4, r);
+    s.run();
+  }
+}
+
+void UpdateLedger::put_committed(int64_t view, const tbs_oid_s& scope, const SnapRow& row) {
+  auto s = db_.stmt("INSERT OR REPLACE INTO snapshot(view, gn, scope_oid, " SNAP_COLS
+                    ") VALUES(?,0,?,?,?,?,?,?,?,?,?,?,?,?,?)");
+  s.bind(1, view).bind_blob(2, scope.bytes, 16);
+  SnapRow r = row;
+  r.action = SNAP_KEEP;
+  bind_snap(s, 3, r);
+  s.run();
+}
+
+std::vector<SnapRow> UpdateLedger::rows(int64_t view, int64_t gn, const tbs_oid_s& scope, int64_t silo,
+                                        const std::string* after, int lo, int hi, size_t limit) {
+  std::vector<SnapRow> out;
+  auto s = after ? db_.stmt("SELECT " SNAP_COLS " FROM snapshot WHERE view=? AND gn=? AND scope_oid=? AND "
+                            "path > ? AND action BETWEEN ? AND ? AND (?=0 OR silo=?) ORDER BY path LIMIT ?")
+                 : db_.stmt("SELECT " SNAP_COLS " FROM snapshot WHERE view=? AND gn=? AND scope_oid=? AND "
+                            "action BETWEEN ? AND ? AND (?=0 OR silo=?) ORDER BY path LIMIT ?");
+  s.bind(1, view).bind(2, gn).bind_blob(3, scope.bytes, 16);
+  int k = 4;
+  if (after) s.bind(k++, *after);
+  s.bind(k, lo).bind(k + 1, hi).bind(k + 2, silo).bind(k + 3, silo).bind(k + 4, int64_t(limit));
+  while (s.step()) out.push_back(snap_row(s));
+  return out;
+}
+
+std::string UpdateLedger::known_vstr(int64_t view, const std::string& path) {
+  auto s = db_.stmt("SELECT vstr FROM served WHERE view=? AND path=?");
+  s.bind(1, view).bind(2, path);
+  if (s.step()) return s.text(0);
+  auto t = db_.stmt("SELECT vstr FROM snapshot WHERE view=? AND gn=0 AND path=? LIMIT 1");
+  t.bind(1, view).bind(2, path);
+  return t.step() ? t.text(0) : std::string();
+}
+
+std::vector<ServedRow> UpdateLedger::auto_served(int64_t view, int64_t silo, const std::string* after, size_t limit) {
+  std::vector<ServedRow> out;
+#define SERVED_COLS "path, silo, elem_oid, ver_oid, vstr, parent_oid, checked_out, scope_oid, gn"
+  auto s = after ? db_.stmt("SELECT " SERVED_COLS " FROM served WHERE view=? AND silo=? AND scope_oid=? AND "
+                            "path > ? COLLATE tavrel_path ORDER BY path COLLATE tavrel_path LIMIT ?")
+                 : db_.stmt("SELECT " SERVED_COLS " FROM served WHERE view=? AND silo=? AND scope_oid=? "
+                            "ORDER BY path COLLATE tavrel_path LIMIT ?");
+  s.bind(1, view).bind(2, silo).bind_blob(3, AUTOMATIC_LOAD_SCOPE_OID.bytes, 16);
+  if (after) s.bind(4, *after).bind(5, int64_t(limit));
+  else s.bind(4, int64_t(limit));
+  while (s.step()) {
+    ServedRow r;
+    r.path = s.text(0);
+    r.silo = s.i64(1);
+    r.elem_oid = col_oid(s, 2);
+    r.ver_oid = col_oid(s, 3);
+    r.vstr = s.text(4);
+    r.parent_oid = col_oid(s, 5);
+    r.checked_out = s.i64(6) != 0;
+    r.scope_oid = col_oid(s, 7);
+    r.gn = s.i64(8);
+    out.push_back(std::move(r));
+  }
+  return out;
+}
+
+std::vector<int64_t> UpdateLedger::auto_silos(int64_t view) {
+  std::vector<int64_t> out;
+  auto s = db_.stmt("SELECT DISTINCT silo FROM served WHERE view=? AND scope_oid=? ORDER BY silo");
+  s.bind(1, view).bind_blob(2, AUTOMATIC_LOAD_SCOPE_OID.bytes, 16);
+  while (s.step()) out.push_back(s.i64(0));
+  return out;
+}
+
+bool UpdateLedger::is_pending(int64_t view, int64_t gn) {
+  auto s = db_.stmt("SELECT 1 FROM pending_update WHERE view=? AND gn=? LIMIT 1");
+  s.bind(1, view).bind(2, gn);
+  return s.step();
+}
+
+bool UpdateLedger::commit(int64_t view, int64_t gn) {
+  if (!is_pending(view, gn)) return false;
+  std::vector<std::pair<tbs_oid_s, bool>> scopes;
+  {
+    auto s = db_.stmt("SELECT scope_oid, replace FROM pending_update WHERE view=? AND gn=?");
+    s.bind(1, view).bind(2, gn);
+    while (s.step()) scopes.push_back({col_oid(s, 0), s.i64(1) != 0});
+  }
+  for (const auto& [scope, replace] : scopes) {
+    // Names the stream removed leave the served set, whatever scope served them.
+    db_.stmt("DELETE FROM served WHERE view=? AND path IN (SELECT path FROM snapshot WHERE view=? AND gn=? AND "
+             "scope_oid=? AND action>=?)")
+        .bind(1, view)
+        .bind(2, view)
+        .bind(3, gn)
+        .bind_blob(4, scope.bytes, 16)
+        .bind(5, SNAP_UNLOAD)
+        .run();
+    if (scope == AUTOMATIC_LOAD_SCOPE_OID) {
+      db_.stmt("INSERT OR REPLACE INTO served(view, path, silo, elem_oid, ver_oid, vstr, parent_oid, checked_out, "
+               "scope_oid, gn) SELECT view, path, silo, elem_oid, ver_oid, vstr, parent_oid, checked_out, scope_oid, "
+               "gn FROM snapshot WHERE view=? AND gn=? AND scope_oid=? AND action<?")
+          .bind(1, view)
+          .bind(2, gn)
+          .bind_blob(3, scope.bytes, 16)
+          .bind(4, SNAP_UNLOAD)
+          .run();
+      continue;
+    }
+    if (replace)
+      db_.stmt("DELETE FROM snapshot WHERE view=? AND gn=0 AND scope_oid=?").bind(1, view).bind_blob(2, scope.bytes, 16).run();
+    db_.stmt("DELETE FROM snapshot WHERE view=? AND gn=0 AND scope_oid=? AND path IN (SELECT path FROM snapshot "
+             "WHERE view=? AND gn=? AND scope_oid=? AND action>=?)")
+        .bind(1, view)
+        .bind_blob(2, scope.bytes, 16)
+        .bind(3, view)
+        .bind(4, gn)
+        .bind_blob(5, scope.bytes, 16)
+        .bind(6, SNAP_UNLOAD)
+        .run();
+    db_.stmt("INSERT OR REPLACE INTO snapshot(view, gn, scope_oid, " SNAP_COLS ") SELECT view, 0, scope_oid, path, silo, "
+             "elem_oid, ver_oid, vstr, vstr, checked_out, parent_oid, is_link, elem, obj, 0 FROM snapshot "
+             "WHERE view=? AND gn=? AND scope_oid=? AND action<?")
+        .bind(1, view)
+        .bind(2, gn)
+        .bind_blob(3, scope.bytes, 16)
+        .bind(4, SNAP_UNLOAD)
+        .run();
+  }
+  db_.stmt("DELETE FROM snapshot WHERE view=? AND gn>0 AND gn<=?").bind(1, view).bind(2, gn).run();
+  db_.stmt("DELETE FROM pending_update WHERE view=? AND gn<=?").bind(1, view).bind(2, gn).run();
+  db_.stmt("UPDATE view SET committed_gn=? WHERE id=?").bind(1, gn).bind(2, view).run();
+  return true;
+}
+
+void UpdateLedger::prune(int64_t view, size_t keep) {
+  auto s = db_.stmt("SELECT DISTINCT gn FROM pending_update WHERE view=? ORDER BY gn DESC");
+  s.bind(1, view);
+  std::vector<int64_t> gns;
+  while (s.step()) gns.push_back(s.i64(0));
+  for (size_t i = keep; i < gns.size(); ++i) {
+    db_.stmt("DELETE FROM snapshot WHERE view=? AND gn=?").bind(1, view).bind(2, gns[i]).run();
+    db_.stmt("DELETE FROM pending_update WHERE view=? AND gn=?").bind(1, view).bind(2, gns[i]).run();
+  }
+}
+
+bool UpdateLedger::has_auto_tombstones(int64_t view) {
+  auto s = db_.stmt("SELECT 1 FROM pending_update p JOIN snapshot s ON s.view=p.view AND s.gn=p.gn AND "
+                    "s.scope_oid=p.scope_oid WHERE p.view=? AND p.scope_oid=? AND s.action>=? LIMIT 1");
+  s.bind(1, view).bind_blob(2, AUTOMATIC_LOAD_SCOPE_OID.bytes, 16).bind(3, SNAP_UNLOAD);
+  return s.step();
+}
+
+void UpdateLedger::clear_auto_tombstone(int64_t view, const std::string& path) {
+  db_.stmt("DELETE FROM snapshot WHERE view=? AND gn>0 AND scope_oid=? AND path=? AND action>=?")
+      .bind(1, view)
+      .bind_blob(2, AUTOMATIC_LOAD_SCOPE_OID.bytes, 16)
+      .bind(3, path)
+      .bind(4, SNAP_UNLOAD)
+      .run();
+}
+
+}  // namespace tavrel_server

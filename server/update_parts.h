@@ -1,0 +1,36 @@
+// The parts of an update stream that name objects: an element group (SyncElemInfo with the object's
+// metadata records, exactly as a Lookup would give them) and an unload (SyncElemInfo with an empty
+// current version string). Shared by the scope and the surgical update streams.
+#pragma once
+
+#include <string>
+
+#include "proto/reply_writer.h"
+#include "server/update_ledger.h"
+#include "server/view_namespace.h"
+
+namespace tavrel_server {
+
+// The version string the stream carries for a node ("link" for a symbolic link; never empty).
+std::string node_vstr(const Node& n);
+// A ledger row describing node `n` as the view selects it now.
+SnapRow snap_of(const Node& n);
+// The node a ledger row names, rebuilt from the store (versions and links never change).
+Node node_of(Repo& r, const Silo& silo, const SnapRow& row);
+
+// SyncElemInfo, Xdr_ObjMetadata and Xdr_ElemMetadata of `n`; `prev` is the version string the view had.
+void put_update_object(tavrel_wan::ReplyWriter& w, ViewNamespace& ns, const Node& n, const std::string& prev);
+// SyncElemInfo of an unload of what `row` names.
+void put_unload(tavrel_wan::ReplyWriter& w, const Silo& silo, const SnapRow& row);
+
+}  // namespace tavrel_server
+
+namespace tavrel_server {
+
+// Records that `rows` were sent to the view at once (by an on-demand reply or a surgical update):
+// the served set takes them, and no pending stream may unload them from the automatic scope. With
+// `snaps`, the committed state of their load-rule scopes takes those rows too.
+void record_sent(Store& store, int64_t view, const std::vector<ServedRow>& rows,
+                 const std::vector<std::pair<tbs_oid_s, SnapRow>>& snaps = {});
+
+}  // namespace tavrel_server
