@@ -74,6 +74,12 @@ bool all_zero(const uint8_t* b) {
 bool tbs_uuid_is_null(const tbs_uuid_s& u) { return all_zero(u.bytes); }
 bool tbs_oid_is_null(const tbs_oid_s& o) { return all_zero(o.bytes); }
 
+uint32_t tbs_oid_to_hash32(const tbs_oid_s& o) {
+  uint32_t h = 2166136261u;
+  for (uint8_t b : o.bytes) h = (h ^ b) * 16777619u;
+  return h;
+}
+
 void tbs_uuid_to_str(const tbs_uuid_s& u, char out[37]) { bytes_to_text(u.bytes, out); }
 void tbs_oid_to_str(const tbs_oid_s& o, char out[37]) { bytes_to_text(o.bytes, out); }
 

@@ -67,6 +67,8 @@ inline bool operator<(const tbs_oid_s& a, const tbs_oid_s& b) { return std::memc
 
 bool tbs_uuid_is_null(const tbs_uuid_s& u);
 bool tbs_oid_is_null(const tbs_oid_s& o);
+// FNV-1a over the 16 bytes: the hash that spreads objects over the buckets of in-memory tables.
+uint32_t tbs_oid_to_hash32(const tbs_oid_s& o);
 
 // Text form of 36 characters. The char* forms write 37 bytes (with the terminating NUL).
 std::string tbs_uuid_to_str(const tbs_uuid_s& u);
