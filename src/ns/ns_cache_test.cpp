@@ -4,6 +4,7 @@
 
 #include <set>
 
+#include "db/db_test_util.h"
 #include "ns/ns_lvut.h"
 #include "ns/ns_silo.h"
 
@@ -251,6 +252,14 @@ TEST_F(ObjCache, StatisticsSnapshotHasDeltas) {
   EXPECT_EQ(second[26].value, 1u);
   EXPECT_EQ(second[28].value, 3u);  // total
   EXPECT_EQ(second[31].value, 2u);
+  // Code 1 of the settings prints the statistics; the dump names its columns.
+  dbtest::Messages m;
+  uint32_t print[2] = {1, 0};
+  EXPECT_EQ(cache_set_values(1, print), 0);
+  print_cache();
+  EXPECT_TRUE(m.contains("    Object cache    1 ( 0.1K)   0%,    3 reqs,  67% hits,  67% reclaims\n\t0 flushes, 0 ejects\n") &&
+              m.contains(" silo was flushed\n") && m.contains("silo name"))
+      << m.all();
 }
 
 }  // namespace
