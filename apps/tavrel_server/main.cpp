@@ -5,7 +5,12 @@
 //                        [--threads N] [--max-body BYTES] [--session-idle SECONDS] [--port-file FILE]
 //                        [--header-timeout SECONDS] [--max-conns-per-addr N]
 //   tavrel_server import [--store FILE] --silo /TAG DIR [--public] [--project]
+//   tavrel_server admin  [--url URL] [--token-file FILE] [--store FILE] [--data FILE] [--cacert FILE]
+//                        OP [Name=value ...]
 //
+// "admin" sends one admin operation to a running server (server/admin_client.h): the URL comes from
+// --url or $TAVREL_SERVER_URL, the token from --token-file, $TAVREL_ADMIN_TOKEN or <store>.admin-token.
+// It prints the result and exits 0, or prints why and exits 1.
 // The store defaults to $TAVREL_SERVER_STORE, else ./tavrel_server.db. "serve" prints one line
 // "listening on <url>" on standard output when it is ready and runs until SIGINT or SIGTERM.
 // Passwords and the admin token are read from files (or $TAVREL_ADMIN_TOKEN), never from arguments.
@@ -22,6 +27,7 @@
 #include <iostream>
 #include <string>
 
+#include "server/admin_client.h"
 #include "server/importer.h"
 #include "server/sessions.h"
 #include "server/wan_server.h"
@@ -42,12 +48,22 @@ const char* const kServeUsage =
     "  --header-timeout SECONDS time for the whole head of a request (default 5)\n"
     "  --max-conns-per-addr N   open connections per client address (default 32)\n";
 const char* const kImportUsage = "usage: tavrel_server import [--store FILE] --silo /TAG DIR [--public] [--project]\n";
+const char* const kAdminUsage =
+    "usage: tavrel_server admin [--url URL] [--token-file FILE] [--store FILE] [--data FILE] [--cacert FILE]\n"
+    "                           OP [Name=value ...]\n"
+    "  OP                       an admin operation: elem.mkfile, elem.mkdir, elem.mklink, elem.checkin,\n"
+    "                           elem.rmname, elem.move, label.apply, branch.make, view.set_rules, ...\n"
+    "  --url URL                the server's base URL (default $TAVREL_SERVER_URL)\n"
+    "  --token-file FILE        the admin token (default $TAVREL_ADMIN_TOKEN, else <store>.admin-token)\n"
+    "  --data FILE              file bytes for the operation (\"-\": standard input)\n"
+    "  example: tavrel_server admin elem.checkin Path=/proj/a.c --data a.c\n";
 
 // A usage error: the reason and the usage of `command` (of both commands when null) on standard error.
 int usage(const char* why, const char* command = nullptr) {
   if (why) std::cerr << "tavrel_server: " << why << "\n";
   if (!command || std::string(command) == "serve") std::cerr << kServeUsage;
   if (!command || std::string(command) == "import") std::cerr << kImportUsage;
+  if (!command || std::string(command) == "admin") std::cerr << kAdminUsage;
   return 2;
 }
 
@@ -121,6 +137,36 @@ int run_import(int argc, char** argv) {
     std::cerr << "tavrel_server: import failed: " << e.what() << "\n";
     return 1;
   }
+}
+
+int run_admin(int argc, char** argv) {
+  AdminCall call;
+  const char* env_url = std::getenv("TAVREL_SERVER_URL");
+  call.url = env_url ? env_url : "";
+  std::string store = default_store(), token_file;
+  for (int i = 2; i < argc; ++i) {
+    std::string a = argv[i];
+    if (is_help(a)) return std::cout << kAdminUsage, 0;
+    bool has_value = i + 1 < argc;
+    if (a == "--url" && has_value) call.url = argv[++i];
+    else if (a == "--token-file" && has_value) token_file = argv[++i];
+    else if (a == "--store" && has_value) store = argv[++i];
+    else if (a == "--data" && has_value) call.data_file = argv[++i];
+    else if (a == "--cacert" && has_value) call.ca_file = argv[++i];
+    else if (!a.empty() && a[0] == '-' && a != "-") return usage(("unexpected argument " + a).c_str(), "admin");
+    else if (call.op.empty()) call.op = a;
+    else call.args.push_back(a);
+  }
+  if (call.op.empty()) return usage("admin needs an operation", "admin");
+  if (call.url.empty()) return usage("give --url or set TAVREL_SERVER_URL", "admin");
+  if (!token_file.empty()) {
+    if (!read_first_line(token_file, &call.token)) return usage("cannot read --token-file", "admin");
+  } else if (const char* t = std::getenv("TAVREL_ADMIN_TOKEN"); t && *t) {
+    call.token = t;
+  } else if (!read_first_line(store + ".admin-token", &call.token)) {
+    return usage("no admin token: give --token-file, set TAVREL_ADMIN_TOKEN, or run next to the store", "admin");
+  }
+  return run_admin_call(call, std::cout, std::cerr);
 }
 
 int run_serve(int argc, char** argv) {
@@ -207,6 +253,7 @@ int main(int argc, char** argv) {
   std::string cmd = argv[1];
   if (cmd == "serve") return run_serve(argc, argv);
   if (cmd == "import") return run_import(argc, argv);
-  if (is_help(cmd) || cmd == "help") return std::cout << kServeUsage << kImportUsage, 0;
+  if (cmd == "admin") return run_admin(argc, argv);
+  if (is_help(cmd) || cmd == "help") return std::cout << kServeUsage << kImportUsage << kAdminUsage, 0;
   return usage(("unknown command " + cmd).c_str());
 }

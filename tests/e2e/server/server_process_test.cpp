@@ -139,3 +139,32 @@ TEST_F(ServerProcess, ServesHttpsWithVerifiedCertificate) {
 }
 
 }  // namespace
+
+// "tavrel_server admin" changes a SILO through a running server: the change shows in what the server
+// serves, and a refused operation exits 1 with the server's reason.
+TEST_F(ServerProcess, AdminCommandChangesTheSilo) {
+  serve();
+  const std::string admin = q(bin("tavrel_server")) + " admin --url " + q(r.url() + "tavrel") + " --token-file " +
+                            q(r.at("token")) + " ";
+  r.put("new.txt", "second version\n");
+  Outcome o = r.sh(admin + "elem.checkin Path=/demo/a.txt --data " + q(r.at("new.txt")));
+  ASSERT_EQ(o.code, 0) << o.err;
+  EXPECT_NE(o.out.find("VersionString: main/2"), npos) << o.out;
+  o = r.sh(admin + "elem.mkfile Path=/demo/sub Replace=1 --data " + q(r.at("new.txt")));
+  ASSERT_EQ(o.code, 0) << o.err;
+  o = r.sh(admin + "elem.rmname Path=/demo/nothing");
+  EXPECT_EQ(o.code, 1);
+  EXPECT_NE(o.err.find("status 1002"), npos) << o.err;
+  EXPECT_EQ(r.sh(admin + "elem.rmname Path").code, 2);  // not Name=value
+
+  WanClient c("127.0.0.1", r.port);
+  ASSERT_EQ(c.login("alice", "s3cret").reply.status, 0);
+  Result ls = c.rpc(tavrel_wan::RPC_GET_DIRECTORY_CONTENTS,
+                    ArgText().add("ViewUuid", tbs_uuid_to_str(tbs_uuid_create())).add("PathName", "/demo"));
+  ASSERT_TRUE(ls.reply.ok) << ls.reply.error;
+  ASSERT_EQ(ls.reply.parts.size(), 8u);
+  // sub is a file now, as long as the new a.txt.
+  EXPECT_EQ(decode_vstat(ls.reply.parts[6].body).vstat.fstat.type, uint32_t(TBS_FTYPE_FILE));
+  EXPECT_EQ(decode_vstat(ls.reply.parts[2].body).vstat.fstat.size, 15u);
+  stop_server();
+}
