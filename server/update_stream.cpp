@@ -78,8 +78,8 @@ class BasePager {
       : ledger_(l), view_(view), scope_(scope), done_(empty) {}
   const SnapRow* peek() {
     if (pos_ == page_.size() && !done_) {
-      std::string last = page_.empty() ? std::string() : page_.back().path;
-      page_ = ledger_.rows(view_, 0, scope_, 0, started_ ? &last : nullptr, SNAP_KEEP, SNAP_FORGET, kPage);
+      page_ = ledger_.rows(view_, 0, scope_, 0, started_ ? &last_ : nullptr, SNAP_KEEP, SNAP_FORGET, kPage);
+      if (!page_.empty()) last_ = page_.back().path;  // before take() moves the rows out
       started_ = true;
       pos_ = 0;
       done_ = page_.size() < kPage;
@@ -93,6 +93,7 @@ class BasePager {
   int64_t view_;
   tbs_oid_s scope_;
   std::vector<SnapRow> page_;
+  std::string last_;
   size_t pos_ = 0;
   bool done_, started_ = false;
 };

@@ -325,6 +325,23 @@ TEST_F(UpdateStreamTest, AutomaticScopeUpdatesAndUnloadsWhatWasServed) {
   EXPECT_EQ(groups, 3);
 }
 
+// More names than one page of the store: the committed state is read back page by page.
+TEST_F(UpdateStreamTest, DiffAcrossManyPages) {
+  fs::path big = dir_ / "big" / "all";
+  fs::create_directories(big);
+  for (int i = 0; i < 2600; ++i) std::ofstream(big / ("f" + std::to_string(10000 + i))) << i;
+  import_tree(srv_->store(), "/big", (dir_ / "big").string(), {});
+  set_load({"/big/all"});
+  Result root = cl_->rpc(tavrel_wan::RPC_GET_METADATA, ArgText().add("ViewUuid", view_).add("PathName", "/big"));
+  held_["/big"] = {tbs_oid_to_str(decode_vstat(root.reply.find("Xdr_ObjMetadata")->body).vstat.elem_oid), "main/1"};
+  EXPECT_EQ(update(0, {{"/big/all", 0}}).size(), 2602u);  // the root (served on demand) and the load rule
+  admin("elem.checkin", ArgText().add("Path", "/big/all/f10000"), std::string("first"));
+  admin("elem.checkin", ArgText().add("Path", "/big/all/f12599"), std::string("last"));
+  EXPECT_EQ(update(gn_, {{"/big/all", gn_}}), std::vector<std::string>({"update /big/all/f10000 main/1->main/2",
+                                                                        "update /big/all/f12599 main/1->main/2"}));
+  EXPECT_EQ(update(gn_, {{"/big/all", gn_}}), std::vector<std::string>());
+}
+
 TEST_F(UpdateStreamTest, SurgicalPaths) {
   touch_root("src");
   ParsedReply whole;
