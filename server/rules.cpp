@@ -149,6 +149,20 @@ bool parse_element_rules(const std::string& text, std::vector<ElementRule>* out,
   return true;
 }
 
+std::vector<std::string> load_rule_paths(const std::string& text) {
+  std::vector<std::string> out;
+  size_t pos = 0;
+  while (pos < text.size()) {
+    size_t end = text.find('\n', pos);
+    if (end == std::string::npos) end = text.size();
+    std::string path, err;
+    std::string line = trim(text.substr(pos, end - pos));
+    if (!line.empty() && parse_load_rule(line, &path, &err)) out.push_back(path);
+    pos = end + 1;
+  }
+  return out;
+}
+
 bool parse_load_rule(const std::string& raw, std::string* path, std::string* error) {
   std::string line = trim(raw);
   if (line.rfind("load ", 0) != 0) {

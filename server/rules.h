@@ -43,6 +43,8 @@ bool parse_element_rules(const std::string& text, std::vector<ElementRule>* out,
 
 // Checks a single load rule line and gives its path.
 bool parse_load_rule(const std::string& line, std::string* path, std::string* error);
+// The paths of the valid load rules of a view's rule text, in order (invalid lines are skipped).
+std::vector<std::string> load_rule_paths(const std::string& text);
 
 // Whether `tag` is a valid SILO tag: "/" followed by [A-Za-z0-9._-]+ (and not "/." or "/..").
 bool valid_silo_tag(const std::string& tag);

@@ -64,11 +64,6 @@ CREATE TABLE IF NOT EXISTS session(token TEXT PRIMARY KEY, jsession TEXT NOT NUL
 INSERT OR IGNORE INTO meta(key, value) VALUES('schema_version', '1');
 )SQL";
 
-tbs_oid_s col_oid(const Stmt& s, int col) {
-  tbs_oid_s o;
-  s.blob16(col, o.bytes);
-  return o;
-}
 tbs_uuid_s col_uuid(const Stmt& s, int col) {
   tbs_uuid_s u;
   s.blob16(col, u.bytes);
@@ -144,6 +139,26 @@ ViewRow view_row(const Stmt& s) {
 }
 
 }  // namespace
+
+tbs_oid_s col_oid(const Stmt& s, int col) {
+  tbs_oid_s o;
+  s.blob16(col, o.bytes);
+  return o;
+}
+
+ServedRow served_row(const Stmt& s) {
+  ServedRow r;
+  r.path = s.text(0);
+  r.silo = s.i64(1);
+  r.elem_oid = col_oid(s, 2);
+  r.ver_oid = col_oid(s, 3);
+  r.vstr = s.text(4);
+  r.parent_oid = col_oid(s, 5);
+  r.checked_out = s.i64(6) != 0;
+  r.scope_oid = col_oid(s, 7);
+  r.gn = s.i64(8);
+  return r;
+}
 
 timeval now_timeval() {
   timeval tv;
@@ -615,22 +630,9 @@ std::optional<std::string> Repo::served_path_of_version(int64_t view, const tbs_
 
 std::vector<ServedRow> Repo::served(int64_t view) {
   std::vector<ServedRow> out;
-  auto s = db_.stmt("SELECT path, silo, elem_oid, ver_oid, vstr, parent_oid, checked_out, scope_oid, gn FROM served "
-                    "WHERE view=? ORDER BY path");
+  auto s = db_.stmt("SELECT " TAVREL_SERVED_COLUMNS " FROM served WHERE view=? ORDER BY path");
   s.bind(1, view);
-  while (s.step()) {
-    ServedRow r;
-    r.path = s.text(0);
-    r.silo = s.i64(1);
-    r.elem_oid = col_oid(s, 2);
-    r.ver_oid = col_oid(s, 3);
-    r.vstr = s.text(4);
-    r.parent_oid = col_oid(s, 5);
-    r.checked_out = s.i64(6) != 0;
-    r.scope_oid = col_oid(s, 7);
-    r.gn = s.i64(8);
-    out.push_back(std::move(r));
-  }
+  while (s.step()) out.push_back(served_row(s));
   return out;
 }
 

@@ -115,6 +115,12 @@ struct ServedRow {
   int64_t gn = 0;
 };
 
+// Columns of the served table, in the order served_row reads them.
+#define TAVREL_SERVED_COLUMNS "path, silo, elem_oid, ver_oid, vstr, parent_oid, checked_out, scope_oid, gn"
+ServedRow served_row(const Stmt& s);
+// A 16-byte blob column as an OID.
+tbs_oid_s col_oid(const Stmt& s, int col);
+
 struct SessionRow {
   std::string token, jsession, user;
   int64_t created = 0, last_used = 0;

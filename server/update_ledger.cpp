@@ -9,12 +9,6 @@ namespace {
 #define SNAP_COLS \
   "path, silo, elem_oid, ver_oid, vstr, prev_vstr, checked_out, parent_oid, is_link, elem, obj, action"
 
-tbs_oid_s col_oid(const Stmt& s, int col) {
-  tbs_oid_s o;
-  s.blob16(col, o.bytes);
-  return o;
-}
-
 SnapRow snap_row(const Stmt& s) {
   SnapRow r;
   r.path = s.text(0);
@@ -104,27 +98,14 @@ std::string UpdateLedger::known_vstr(int64_t view, const std::string& path) {
 
 std::vector<ServedRow> UpdateLedger::auto_served(int64_t view, int64_t silo, const std::string* after, size_t limit) {
   std::vector<ServedRow> out;
-#define SERVED_COLS "path, silo, elem_oid, ver_oid, vstr, parent_oid, checked_out, scope_oid, gn"
-  auto s = after ? db_.stmt("SELECT " SERVED_COLS " FROM served WHERE view=? AND silo=? AND scope_oid=? AND "
+  auto s = after ? db_.stmt("SELECT " TAVREL_SERVED_COLUMNS " FROM served WHERE view=? AND silo=? AND scope_oid=? AND "
                             "path > ? COLLATE tavrel_path ORDER BY path COLLATE tavrel_path LIMIT ?")
-                 : db_.stmt("SELECT " SERVED_COLS " FROM served WHERE view=? AND silo=? AND scope_oid=? "
+                 : db_.stmt("SELECT " TAVREL_SERVED_COLUMNS " FROM served WHERE view=? AND silo=? AND scope_oid=? "
                             "ORDER BY path COLLATE tavrel_path LIMIT ?");
   s.bind(1, view).bind(2, silo).bind_blob(3, AUTOMATIC_LOAD_SCOPE_OID.bytes, 16);
   if (after) s.bind(4, *after).bind(5, int64_t(limit));
   else s.bind(4, int64_t(limit));
-  while (s.step()) {
-    ServedRow r;
-    r.path = s.text(0);
-    r.silo = s.i64(1);
-    r.elem_oid = col_oid(s, 2);
-    r.ver_oid = col_oid(s, 3);
-    r.vstr = s.text(4);
-    r.parent_oid = col_oid(s, 5);
-    r.checked_out = s.i64(6) != 0;
-    r.scope_oid = col_oid(s, 7);
-    r.gn = s.i64(8);
-    out.push_back(std::move(r));
-  }
+  while (s.step()) out.push_back(served_row(s));
   return out;
 }
 

@@ -139,20 +139,6 @@ class ScopeUpdateStream : public ReplyStream {
   tbs_status_t final_status_ = -1;
 };
 
-std::vector<std::string> rule_paths_of(const std::string& text) {
-  std::vector<std::string> out;
-  size_t pos = 0;
-  while (pos < text.size()) {
-    size_t end = text.find('\n', pos);
-    if (end == std::string::npos) end = text.size();
-    std::string path, err;
-    std::string line = trim(text.substr(pos, end - pos));
-    if (!line.empty() && parse_load_rule(line, &path, &err)) out.push_back(path);
-    pos = end + 1;
-  }
-  return out;
-}
-
 ScopeUpdateStream::ScopeUpdateStream(WanServer& srv, const Args& a) : srv_(srv) {
   tbs_uuid_s uuid = a.uuid(ARG_VIEW_UUID);
   if (tbs_uuid_is_null(uuid)) fail(TBS_ST_BAD_ARG, "null ViewUuid");
@@ -216,7 +202,7 @@ ScopeUpdateStream::ScopeUpdateStream(WanServer& srv, const Args& a) : srv_(srv) 
 }
 
 void ScopeUpdateStream::plan() {
-  rule_paths_ = rule_paths_of(view_.load_rules);
+  rule_paths_ = load_rule_paths(view_.load_rules);
   std::map<std::string, Group> by_tag;
   std::vector<size_t> loose;
   srv_.store().read([&](Repo& r) {

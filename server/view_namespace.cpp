@@ -10,20 +10,6 @@ namespace tavrel_server {
 namespace {
 constexpr int kMaxDepth = 512;
 
-std::vector<std::string> load_paths_of(const std::string& text) {
-  std::vector<std::string> out;
-  size_t pos = 0;
-  while (pos < text.size()) {
-    size_t end = text.find('\n', pos);
-    if (end == std::string::npos) end = text.size();
-    std::string path, err;
-    std::string line = trim(text.substr(pos, end - pos));
-    if (!line.empty() && parse_load_rule(line, &path, &err)) out.push_back(path);
-    pos = end + 1;
-  }
-  return out;
-}
-
 void fill_times(tbs_fstat_db_t* f, timeval t) { f->atime = f->mtime = f->ctime = f->fourth_time = t; }
 }  // namespace
 
@@ -31,7 +17,7 @@ ViewNamespace::ViewNamespace(Repo& repo, const ViewRow& view) : repo_(repo), vie
   std::string err;
   const std::string& text = (view.type == "tkm" && !view.tkm_rules.empty()) ? view.tkm_rules : view.elem_rules;
   if (!parse_element_rules(text, &rules_, &err)) rules_.clear();
-  load_paths_ = load_paths_of(view.load_rules);
+  load_paths_ = load_rule_paths(view.load_rules);
 }
 
 std::optional<Version> ViewNamespace::select(const Element& e, const std::string& path, bool* checked_out) {
