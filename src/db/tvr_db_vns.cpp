@@ -127,9 +127,8 @@ int tvr_db_create_vns_obj(DB_ADDR silo_dba, const tbs_oid_s& oid, silo_mtype_t m
 
 int tvr_db_create_vns_elem(uint32_t silo, const tbs_oid_s& oid, silo_mtype_t mtype, const struct timeval& event_time,
                            const tbs_fstat_db_t& fstat, int checked_out, const tbs_oid_s* co_ver, uint32_t* dbid) {
-  tvr_db_trans_write_check();
   DB_ADDR silo_dba = 0;
-  int st = tvr_db_vns_silo_dba(silo, &silo_dba);
+  int st = tvr_db_vns_enter_write(silo, &silo_dba);
   if (st != 0) return st;
   if (!is_elem_type(static_cast<uint32_t>(mtype))) return TBS_ST_INTERNAL;
   vns_db_obj obj{};
@@ -514,9 +513,8 @@ int tvr_db_create_vns_ver(uint32_t silo, uint32_t parent, const tbs_oid_s& oid, 
                           silo_mtype_t mtype, const struct timeval& event_time, const char* name,
                           const tbs_fstat_db_t& fstat, const tbs_oid_s* scope, uint32_t gn, int load_state,
                           uint32_t* dbid, tbs_oid_s* hardlink_oid, tbs_oid_s* out_oid) {
-  tvr_db_trans_write_check();
   DB_ADDR silo_dba = 0;
-  int st = tvr_db_vns_silo_dba(silo, &silo_dba);
+  int st = tvr_db_vns_enter_write(silo, &silo_dba);
   if (st != 0) return st;
   if (!is_version_type(static_cast<uint32_t>(mtype))) return TBS_ST_INTERNAL;
   if ((st = check_name(name)) != 0) return st;
@@ -551,9 +549,8 @@ int tvr_db_create_root_dir(uint32_t silo, const tbs_oid_s& oid, const tbs_oid_s&
 int tvr_db_create_vns_slink(uint32_t silo, uint32_t parent, const tbs_oid_s& oid, const struct timeval& event_time,
                             const char* name, const char* text, const tbs_oid_s* scope, uint32_t gn,
                             uint32_t* dbid) {
-  tvr_db_trans_write_check();
   DB_ADDR silo_dba = 0;
-  int st = tvr_db_vns_silo_dba(silo, &silo_dba);
+  int st = tvr_db_vns_enter_write(silo, &silo_dba);
   if (st != 0) return st;
   if ((st = check_name(name)) != 0) return st;
   if (name == nullptr || text == nullptr) return TBS_ST_BAD_ARG;
@@ -738,9 +735,8 @@ int tvr_db_ver_has_hardlink(DB_ADDR entry, int* count, tbs_oid_s* oid, std::vect
 
 // ---- marks ---------------------------------------------------------------------------------------------------------
 int tvr_db_ver_get_stale(uint32_t silo, uint32_t dbid, int* stale) {
-  tvr_db_trans_read_check();
   DB_ADDR silo_dba = 0;
-  int st = tvr_db_vns_silo_dba(silo, &silo_dba);
+  int st = tvr_db_vns_enter_read(silo, &silo_dba);
   if (st != 0) return st;
   vns_db_ver ver{};
   DB_ADDR dba = 0;
@@ -750,9 +746,8 @@ int tvr_db_ver_get_stale(uint32_t silo, uint32_t dbid, int* stale) {
 }
 
 int tvr_db_ver_set_stale(uint32_t silo, uint32_t dbid, int stale) {
-  tvr_db_trans_write_check();
   DB_ADDR silo_dba = 0;
-  int st = tvr_db_vns_silo_dba(silo, &silo_dba);
+  int st = tvr_db_vns_enter_write(silo, &silo_dba);
   if (st != 0) return st;
   vns_db_ver ver{};
   DB_ADDR dba = 0;
@@ -782,9 +777,8 @@ int tvr_db_mark_sub_ver_stale(DB_ADDR silo_dba, uint32_t dbid, int stale) {
 }
 
 int tvr_db_ver_set_validated(uint32_t silo, uint32_t dbid, int validated) {
-  tvr_db_trans_write_check();
   DB_ADDR silo_dba = 0;
-  int st = tvr_db_vns_silo_dba(silo, &silo_dba);
+  int st = tvr_db_vns_enter_write(silo, &silo_dba);
   if (st != 0) return st;
   vns_db_obj obj{};
   if ((st = obj_row_checked(silo_dba, dbid, &obj, "SET_VALIDATED")) != 0) return st;
@@ -797,9 +791,8 @@ int tvr_db_ver_set_validated(uint32_t silo, uint32_t dbid, int validated) {
 }
 
 int tvr_db_ver_get_validated(uint32_t silo, uint32_t dbid, int* validated) {
-  tvr_db_trans_read_check();
   DB_ADDR silo_dba = 0;
-  int st = tvr_db_vns_silo_dba(silo, &silo_dba);
+  int st = tvr_db_vns_enter_read(silo, &silo_dba);
   if (st != 0) return st;
   int found = 0;
   DB_ADDR at = 0;
@@ -853,9 +846,8 @@ int tvr_db_obj_set_validated(uint32_t silo, uint32_t dbid, int validated) {
 }
 
 int tvr_db_obj_get_validated(uint32_t silo, uint32_t dbid, int* validated) {
-  tvr_db_trans_read_check();
   DB_ADDR silo_dba = 0;
-  int st = tvr_db_vns_silo_dba(silo, &silo_dba);
+  int st = tvr_db_vns_enter_read(silo, &silo_dba);
   if (st != 0) return st;
   vns_db_obj obj{};
   if ((st = obj_row_checked(silo_dba, dbid, &obj, "OBJ_GET_VALIDATE")) != 0) return st;
@@ -867,9 +859,8 @@ int tvr_db_obj_get_validated(uint32_t silo, uint32_t dbid, int* validated) {
 }
 
 int tvr_db_ver_get_readdir_done(uint32_t silo, uint32_t dbid, int* done) {
-  tvr_db_trans_read_check();
   DB_ADDR silo_dba = 0;
-  int st = tvr_db_vns_silo_dba(silo, &silo_dba);
+  int st = tvr_db_vns_enter_read(silo, &silo_dba);
   if (st != 0) return st;
   vns_db_dir_ver dir{};
   DB_ADDR dba = 0;
@@ -924,9 +915,8 @@ int tvr_db_ver_set_readdir_done(uint32_t silo, uint32_t dbid, int done, bool& re
 }
 
 int tvr_db_ver_set_load_done(uint32_t silo, uint32_t dbid, int load_done) {
-  tvr_db_trans_write_check();
   DB_ADDR silo_dba = 0;
-  int st = tvr_db_vns_silo_dba(silo, &silo_dba);
+  int st = tvr_db_vns_enter_write(silo, &silo_dba);
   if (st != 0) return st;
   if (load_done && (st = tvr_db_mark_sub_ver_stale(silo_dba, dbid, 0)) != 0) return st;
   vns_db_dir_ver dir{};
@@ -951,9 +941,8 @@ int tvr_db_mark_saved_readdir_done(DB_ADDR silo_dba, uint32_t dbid, const tbs_oi
 }
 
 int tvr_db_mark_dir_ent_remove(uint32_t silo, uint32_t dir, uint32_t obj, const char* name) {
-  tvr_db_trans_write_check();
   DB_ADDR silo_dba = 0;
-  int st = tvr_db_vns_silo_dba(silo, &silo_dba);
+  int st = tvr_db_vns_enter_write(silo, &silo_dba);
   if (st != 0) return st;
   int found = 0;
   DB_ADDR at = 0;

@@ -96,9 +96,8 @@ int tvr_db_get_slink_info(uint32_t silo, uint32_t dbid, vns_db_obj* obj, std::st
 }
 
 int tvr_db_get_silo_root_dir(uint32_t silo, uint32_t* root_dbid) {
-  tvr_db_trans_read_check();
   DB_ADDR silo_dba = 0;
-  int st = tvr_db_vns_silo_dba(silo, &silo_dba);
+  int st = tvr_db_vns_enter_read(silo, &silo_dba);
   if (st != 0) return st;
   db_silo row{};
   if ((st = read(silo_dba, &row, "DB_SILO")) != 0) return st;
@@ -122,9 +121,8 @@ int tvr_db_get_root_dir_info(uint32_t silo, vns_db_obj* obj) {
 }
 
 int tvr_db_silo_get_uuid(uint32_t silo, tbs_uuid_s* uuid) {
-  tvr_db_trans_read_check();
   DB_ADDR silo_dba = 0;
-  int st = tvr_db_vns_silo_dba(silo, &silo_dba);
+  int st = tvr_db_vns_enter_read(silo, &silo_dba);
   if (st != 0) return st;
   db_silo row{};
   if ((st = read(silo_dba, &row, "DB_SILO")) != 0) return st;
@@ -189,9 +187,8 @@ int tvr_db_get_ver_vstat(uint32_t silo, uint32_t dbid, view_vstat_t* vstat) {
 }
 
 int tvr_db_get_ver_scope(uint32_t silo, uint32_t dbid, DB_ADDR* scope_dba) {
-  tvr_db_trans_read_check();
   DB_ADDR silo_dba = 0;
-  int st = tvr_db_vns_silo_dba(silo, &silo_dba);
+  int st = tvr_db_vns_enter_read(silo, &silo_dba);
   if (st != 0) return st;
   vns_db_dir_ver_ent row{};
   DB_ADDR at = 0;
@@ -201,9 +198,8 @@ int tvr_db_get_ver_scope(uint32_t silo, uint32_t dbid, DB_ADDR* scope_dba) {
 }
 
 int tvr_db_get_ver_scope_oid(uint32_t silo, uint32_t dbid, tbs_oid_s* scope_oid, uint32_t* gn) {
-  tvr_db_trans_read_check();
   DB_ADDR silo_dba = 0;
-  int st = tvr_db_vns_silo_dba(silo, &silo_dba);
+  int st = tvr_db_vns_enter_read(silo, &silo_dba);
   if (st != 0) return st;
   vns_db_dir_ver_ent row{};
   DB_ADDR at = 0;
@@ -214,9 +210,8 @@ int tvr_db_get_ver_scope_oid(uint32_t silo, uint32_t dbid, tbs_oid_s* scope_oid,
 }
 
 int tvr_db_ver_get_parent(uint32_t silo, uint32_t dbid, uint32_t* parent) {
-  tvr_db_trans_read_check();
   DB_ADDR silo_dba = 0;
-  int st = tvr_db_vns_silo_dba(silo, &silo_dba);
+  int st = tvr_db_vns_enter_read(silo, &silo_dba);
   if (st != 0) return st;
   vns_db_dir_ver_ent row{};
   DB_ADDR at = 0;
@@ -235,9 +230,8 @@ int tvr_db_ver_get_elem(uint32_t silo, uint32_t dbid, uint32_t* elem_dbid) {
 }
 
 int tvr_db_elem_get_ver(uint32_t silo, uint32_t elem_dbid, uint32_t* ver_dbid) {
-  tvr_db_trans_read_check();
   DB_ADDR silo_dba = 0;
-  int st = tvr_db_vns_silo_dba(silo, &silo_dba);
+  int st = tvr_db_vns_enter_read(silo, &silo_dba);
   if (st != 0) return st;
   vns_db_elem elem{};
   DB_ADDR elem_dba = 0;

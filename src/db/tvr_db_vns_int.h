@@ -10,7 +10,19 @@
 #include <vector>
 
 #include "db/rec/tavrel_db_schema.h"
+#include "db/tavrel_engine_db.h"
+#include "db/tvr_db_vns.h"
 #include "proto/xdr_prim.h"
+
+// The first steps of a record function that takes a silo dbid: the transaction check, then the silo's DBA.
+inline int tvr_db_vns_enter_read(uint32_t silo, DB_ADDR* silo_dba) {
+  tvr_db_trans_read_check();
+  return tvr_db_vns_silo_dba(silo, silo_dba);
+}
+inline int tvr_db_vns_enter_write(uint32_t silo, DB_ADDR* silo_dba) {
+  tvr_db_trans_write_check();
+  return tvr_db_vns_silo_dba(silo, silo_dba);
+}
 
 namespace tvr_vns {
 

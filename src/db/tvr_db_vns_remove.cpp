@@ -162,9 +162,8 @@ int tvr_db_remove_version(DB_ADDR silo_dba, uint32_t dbid, silo_mtype_t mtype, u
 }
 
 int tvr_db_delete_vns_ver(uint32_t silo, uint32_t dbid) {
-  tvr_db_trans_write_check();
   DB_ADDR silo_dba = 0;
-  int st = tvr_db_vns_silo_dba(silo, &silo_dba);
+  int st = tvr_db_vns_enter_write(silo, &silo_dba);
   if (st != 0) return st;
   silo_mtype_t mtype = 0;
   if ((st = tvr_db_lookup_obj_oid(silo_dba, dbid, nullptr, &mtype)) != 0) return st;
