@@ -9,7 +9,6 @@
 Tavrel_Mutex Tavrel_Server::g_session_lock{Tavrel_Lock_Rank::SERVER_SESSION, "Tavrel_Server::g_session_lock"};
 Tavrel_Mutex Tavrel_Server::g_fields_lock{Tavrel_Lock_Rank::LEAF, "Tavrel_Server::g_fields_lock"};
 Tavrel_Server::Fields Tavrel_Server::g_fields;
-std::atomic<int> Tavrel_Server::g_online{1};
 
 namespace {
 const char* secret(const std::string& s) { return s.empty() ? "<empty>" : "<not empty>"; }
@@ -41,9 +40,9 @@ int Tavrel_Server::parse_server_info(OlXmlElem* elem, int read_url, int read_onl
     std::string online = server->get_attr(ONLINE);
     trace.writeTrace(TRACE_LEVEL_4, "online = %s", online.c_str());
     if (online == TRUESTRING)
-      g_online = 1;
+      set_online(true);
     else if (online == FALSESTRING)
-      g_online = 0;
+      set_online(false);
     else if (!online.empty())
       return TAVREL_ST_SERVER_INFO;
   }
@@ -89,7 +88,7 @@ void Tavrel_Server::customize_url() {
 
 bool Tavrel_Server::is_valid() {
   Tavrel_Trace trace(TAVREL, "Tavrel_Server", "is_valid");
-  if (!g_online.load()) return true;
+  if (!is_online()) return true;
   Fields f = get_fields();
   bool server = !f.url.empty() && !f.username.empty() && !f.password.empty();
   bool proxy = f.proxy_host.empty() == f.proxy_port.empty();

@@ -17,6 +17,7 @@
 #include <string>
 
 #include "base/tavrel_mutex.h"
+#include "core/tavrel_online.h"
 
 class OlXmlElem;
 
@@ -58,13 +59,13 @@ class Tavrel_Server {
   static Fields get_fields();
   static void set_fields(const Fields& f);
   static std::string get_url();
-  static bool is_online() { return g_online.load() != 0; }
-  static void set_online(bool on) { g_online.store(on ? 1 : 0); }
+  // The online flag itself lives in core (core/tavrel_online.h), where every layer reads it.
+  static bool is_online() { return tavrel_is_online(); }
+  static void set_online(bool on) { tavrel_set_online(on); }
 
   static Tavrel_Mutex g_session_lock;
 
  private:
   static Tavrel_Mutex g_fields_lock;
   static Fields g_fields;
-  static std::atomic<int> g_online;
 };
