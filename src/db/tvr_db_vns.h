@@ -52,16 +52,13 @@
 
 #include "db/rec/tavrel_db_schema.h"
 #include "proto/view_records.h"
+#include "proto/tavrel_records.h"
 #include "proto/xdr_prim.h"
 
 // ---- value records -----------------------------------------------------------------------------------------
-// A load scope as callers see it. `oid2` is always null.
-struct tavrel_scope {
-  tbs_oid_s oid;
-  tbs_oid_s oid2;
-  uint32_t gn;
-  char name[1024];
-};
+// A load scope as callers see it is the wire record `tavrel_scope` (proto/tavrel_records.h): the scope's
+// OID, a second OID that is always null, the generation and the name, so that a scope read here and one
+// received from the server are the same type.
 struct tavrel_scope_vers {
   uint32_t silo;  // silo dbid (flagged)
   uint32_t dbid;  // object dbid
@@ -71,8 +68,9 @@ struct tavrel_scope_elem {
   tbs_oid_s elem_oid;
   uint32_t elem_dbid;
 };
-// One name of a directory version.
-struct tavrel_dirent {
+// One name of a directory version, as the record layer reads it (the listing record that travels to the
+// kernel and over the WAN is proto's `tavrel_dirent`).
+struct tvr_db_dirent {
   std::string name;
   uint32_t dbid;
   silo_mtype_t mtype;
@@ -241,7 +239,7 @@ int tvr_db_ver_get_elem(uint32_t silo, uint32_t dbid, uint32_t* elem_dbid);
 int tvr_db_elem_get_ver(uint32_t silo, uint32_t elem_dbid, uint32_t* ver_dbid);
 // Element of the directory holding the object's first name (0 for a root).
 int tvr_db_obj_get_parent_elem(uint32_t silo, uint32_t dbid, uint32_t* parent_elem);
-int tvr_db_ver_get_sub_vers(uint32_t silo, uint32_t dbid, std::vector<tavrel_dirent>& names);
+int tvr_db_ver_get_sub_vers(uint32_t silo, uint32_t dbid, std::vector<tvr_db_dirent>& names);
 int tvr_db_ver_get_sub_vers_dbid(DB_ADDR silo_dba, uint32_t dbid, std::vector<tvr_db_sub_vers>& subs);
 int tvr_db_get_silo_root_dir(uint32_t silo, uint32_t* root_dbid);  // 1002 without a root
 int tvr_db_silo_has_root_dir(uint32_t silo, int* has);

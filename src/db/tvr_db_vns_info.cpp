@@ -287,7 +287,7 @@ int tvr_db_ver_get_sub_vers_dbid(DB_ADDR silo_dba, uint32_t dbid, std::vector<tv
   return 0;
 }
 
-int tvr_db_ver_get_sub_vers(uint32_t silo, uint32_t dbid, std::vector<tavrel_dirent>& names) {
+int tvr_db_ver_get_sub_vers(uint32_t silo, uint32_t dbid, std::vector<tvr_db_dirent>& names) {
   tvr_db_trans_read_check();
   names.clear();
   DB_ADDR silo_dba = 0;
@@ -298,7 +298,7 @@ int tvr_db_ver_get_sub_vers(uint32_t silo, uint32_t dbid, std::vector<tavrel_dir
   for (const auto& s : subs) {
     vns_db_dir_ver_ent row{};
     if ((st = read(s.entry_dba, &row, "SUB_VER_DBID")) != 0) return st;
-    tavrel_dirent d;
+    tvr_db_dirent d;
     if ((st = entry_name(s.entry_dba, row, &d.name)) != 0) return st;
     d.dbid = s.dbid;
     d.mtype = s.mtype;

@@ -101,7 +101,7 @@ class VnsTest : public dbtest::DbTest {
   // The visible tree below `dir`: "path=version-oid-number" lines, depth first.
   std::map<std::string, uint32_t> tree(uint32_t dir, const std::string& prefix = "") {
     std::map<std::string, uint32_t> out;
-    std::vector<tavrel_dirent> names;
+    std::vector<tvr_db_dirent> names;
     EXPECT_EQ(read([&] { return tvr_db_ver_get_sub_vers(silo_, dir, names); }), 0);
     for (const auto& n : names) {
       vns_db_obj obj{};
