@@ -36,17 +36,20 @@
 #pragma once
 
 #include <cstdint>
+#include <memory>
 #include <string>
 #include <vector>
 
 #include "base/tbs.h"
-#include "proto/tavrel_records.h"
 #include "proto/view_records.h"
 
 class Tavrel_KFSM_Ioctl;
 class Tavrel_View;
 class Tavrel_Mutex;
+// Declared only: the listing's entry is the view database's (db/tvr_db_vns.h), the attribute record
+// the wire's (proto/tavrel_records.h); a caller includes the one it uses.
 struct tavrel_dirent;
+struct tavrel_vstat;
 
 class Tavrel_Metadata {
  public:
@@ -132,13 +135,19 @@ class Tavrel_Metadata {
   void substitute_symlink();
   void trim_canonical_tail();
   void lookup_failure();
+  // The Get_Directory_Contents step of do_readdir_obj (run with the directory's stripe held): every
+  // entry stored through a Tavrel_Metadata_GDC_Listener. 0 or the command's checked status (20000
+  // range, texts to `message`); *wan_status the transport's own status, *stored the entries stored,
+  // *listener_status the first entry that failed (0: all stored).
+  static int fetch_directory_contents(const tbs_uuid_s& uuid, uint32_t dbid, const tbs_oid_s& dir_oid,
+                                      uint32_t* stored, int* listener_status, int* wan_status, std::string& message);
 
   std::string path;           // what remains to be resolved
   std::string original_path;  // as given
   int tbs_status = 0;         // last name-service status
   int status = 0;             // result, 20000 range
   std::string message;
-  tavrel_vstat vstat{};
+  std::unique_ptr<tavrel_vstat> vstat;  // never null
   int checked_out = 0;
   char target[1024] = {0};  // link text of a last component that is not followed
   tbs_oid_s co_ver_oid{};
