@@ -5,6 +5,17 @@
 #include "core/tavrel_msg_table.h"
 #include "core/tavrel_status.h"
 #include "core/tavrel_trace.h"
+#include "fs/tavrel_kfsm_change_mtype.h"
+#include "fs/tavrel_kfsm_change_oid.h"
+#include "fs/tavrel_kfsm_create.h"
+#include "fs/tavrel_kfsm_getcleartext.h"
+#include "fs/tavrel_kfsm_link.h"
+#include "fs/tavrel_kfsm_mkdir.h"
+#include "fs/tavrel_kfsm_remove.h"
+#include "fs/tavrel_kfsm_rename.h"
+#include "fs/tavrel_kfsm_rmdir.h"
+#include "fs/tavrel_kfsm_setattr.h"
+#include "fs/tavrel_kfsm_symlink.h"
 #include "proto/kfsm_records.h"
 
 Tavrel_KFSM_AbstractOp::Tavrel_KFSM_AbstractOp(int rpc, XDR* in, XDR* out) : m_in(in), m_out(out), m_rpc(rpc) {}
@@ -23,10 +34,24 @@ Tavrel_KFSM_AbstractOp* Tavrel_KFSM_AbstractOp::create_kfsm_request_handler(int 
   Tavrel_Trace trace(TAVREL_KFSM, "Tavrel_KFSM_AbstractOp", "create_kfsm_request_handler");
   trace.writeTrace(TRACE_LEVEL_4, "Rpc  = %d", rpc);
   Tavrel_KFSM_AbstractOp* op = nullptr;
+#define KFSM_OP(number, cls)                \
+  case number:                              \
+    op = new (std::nothrow) cls(in, out);   \
+    break;
   switch (rpc) {
-    case VIEW_RPC_NULL:
-      op = new (std::nothrow) Tavrel_KFSM_NULL(in, out);
-      break;
+    KFSM_OP(VIEW_RPC_NULL, Tavrel_KFSM_NULL)
+    KFSM_OP(VIEW_RPC_GETCLEARTEXT, Tavrel_KFSM_Getcleartext)
+    KFSM_OP(VIEW_RPC_SETATTR, Tavrel_KFSM_Setattr)
+    KFSM_OP(VIEW_RPC_CREATE, Tavrel_KFSM_Create)
+    KFSM_OP(VIEW_RPC_REMOVE, Tavrel_KFSM_Remove)
+    KFSM_OP(VIEW_RPC_MKDIR, Tavrel_KFSM_Mkdir)
+    KFSM_OP(VIEW_RPC_RMDIR, Tavrel_KFSM_Rmdir)
+    KFSM_OP(VIEW_RPC_RENAME, Tavrel_KFSM_Rename)
+    KFSM_OP(VIEW_RPC_LINK, Tavrel_KFSM_Link)
+    KFSM_OP(VIEW_RPC_SYMLINK, Tavrel_KFSM_Symlink)
+    KFSM_OP(VIEW_RPC_CHANGE_MTYPE, Tavrel_KFSM_Change_Mtype)
+    KFSM_OP(VIEW_RPC_CHANGE_OID, Tavrel_KFSM_Change_oid)
+#undef KFSM_OP
     default:
       trace.writeTrace(TRACE_LEVEL_2, "Unknown or NYI request %d", rpc);
       op = new (std::nothrow) Tavrel_KFSM_Unsupported(rpc, in, out);

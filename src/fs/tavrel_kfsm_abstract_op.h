@@ -11,7 +11,8 @@
 //
 // Classes: Tavrel_KFSM_NULL (RPC 0: nothing decoded, nothing encoded, rpc_status 0) and
 // Tavrel_KFSM_Unsupported (any RPC without a class: the header is decoded, reply status 1007,
-// nothing encoded, rpc_status 3). The name-service operations join the table as they are built.
+// nothing encoded, rpc_status 3). Every other operation has its own class and file,
+// tavrel_kfsm_<name>.{h,cpp}, over Tavrel_KFSM_Typed_Op (fs/tavrel_kfsm_typed_op.h).
 //
 // Threads: an operation lives on one LPC thread from creation to deletion and shares nothing.
 #pragma once

@@ -1,0 +1,15 @@
+// Tavrel_KFSM_Link (RPC 115): a second name for a view-private file. Not offered yet: the request is
+// decoded and answered 1007.
+//
+// Threads: used by one LPC thread from creation to deletion.
+#pragma once
+
+#include "fs/tavrel_kfsm_typed_op.h"
+
+class Tavrel_KFSM_Link : public Tavrel_KFSM_Typed_Op<view_link_req_t, view_dir_mod_reply_t> {
+ public:
+  Tavrel_KFSM_Link(XDR* in, XDR* out);
+
+ protected:
+  void do_request() override;
+};
