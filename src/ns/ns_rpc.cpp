@@ -32,11 +32,12 @@ int vanished(obj_entry* obj) {
   return TBS_ST_STALE;
 }
 
-// makehandle, fstat_vstat and the 1002 rule, for getattr and revalidate. Consumes the reference.
+// makehandle, fstat_vstat, and the vanished rule (the view database has no attributes: 1002, or 1087 for
+// an inode deleted since the object was cached), for getattr and revalidate. Consumes the reference.
 int answer_attributes(obj_entry* obj, int hm, view_fhandle_t* fh_out, view_vstat_t* vstat, struct timeval* lvut) {
   makehandle(obj, hm, fh_out);
   int st = fstat_vstat(obj, hm, vstat);
-  if (st == TBS_ST_NOT_FOUND) return vanished(obj);
+  if (st == TBS_ST_NOT_FOUND || st == TBS_ST_STALE) return vanished(obj);
   if (lvut != nullptr && obj->silo != nullptr) *lvut = obj->silo->lvut;
   obj_free(obj);
   return st;

@@ -4,8 +4,9 @@
 // paths.
 //
 // Statuses are of the 1000 range as the view protocol carries them. An object whose attributes the view
-// database no longer has (1002) has vanished: it is reported ("Silo stale %s: Flushing\n"), flushed from
-// the cache, and the answer is 1087, so the kernel forgets its handle and looks the name up again.
+// database no longer has (1002, or 1087 for an inode deleted meanwhile) has vanished: it is reported
+// ("Silo stale %s: Flushing\n"), flushed from the cache, and the answer is 1087, so the kernel forgets
+// its handle and looks the name up again.
 #pragma once
 
 #include <sys/time.h>
