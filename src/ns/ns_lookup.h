@@ -9,7 +9,9 @@
 //
 // Cache. name_entry records live in name_hash_table (4093 buckets, bucket
 // hash32(directory dbid, name) % 4093), in their directory's name_list and in their target's
-// parent_list. Each entry holds one reference on its directory and one on its target. A name without
+// parent_list. An entry holds a reference on its directory; each reference taken on an entry holds one
+// on its target, so an unused entry does not keep its target: when the object cache evicts the target,
+// the names to it go with it. A name without
 // an object hangs on the SILO's not-found anchor (the dbid-1 object) with VIEW_NAME_STATE_NOT_FOUND:
 // that is the cache of ENOENT answers, which lookup_invalidate_not_found drops at once. An entry is
 // charged strlen(name) + 41 bytes against the budget name_max (ns_cache.h); when an addition finds the
@@ -44,23 +46,21 @@
 #include "proto/view_records.h"
 
 // Name state bits (name_entry::state and view_name_state_t).
-enum : uint32_t {
-  VIEW_NAME_STATE_VIEW = 0x1,              // the view side decided this name
-  VIEW_NAME_STATE_ECLIPSED_BY = 0x2,       // not visible: lost to a same-named entry of the other side
-  VIEW_NAME_STATE_NO_OBJ = 0x4,            // no object of this name
-  VIEW_NAME_STATE_ERROR = 0x8,             // the object could not be located
-  VIEW_NAME_STATE_CHECKEDOUT = 0x20,       // the target is checked out
-  VIEW_NAME_STATE_NOT_FOUND = 0x100,       // the name resolves to nothing (a cached ENOENT)
-  VIEW_NAME_STATE_CARRIED = 0x200,         // carried over from a cached answer during duplicate evaluation
-  VIEW_NAME_STATE_WHITE_OUT = 0x400,       // the name is removed in this view
-  VIEW_NAME_STATE_HIJACK_REC = 0x800,      // the view-side record is part of a hijack
-  VIEW_NAME_STATE_VIEW_REC = 0x1000,       // a view-side record exists for the name
-  VIEW_NAME_STATE_SILO_REC = 0x2000,       // a SILO-side entry exists for the name
-  VIEW_NAME_STATE_HM = 0x4000,             // history-mode name
-  VIEW_NAME_STATE_LISTED = 0x8000,         // visible in the evaluated listing
-  VIEW_NAME_STATE_HIDDEN = 0x100000,       // not visible for another reason
-  VIEW_NAME_STATE_HIJACKED = 0x200000,     // hijacked
-};
+constexpr uint32_t VIEW_NAME_STATE_VIEW = 0x1;              // the view side decided this name
+constexpr uint32_t VIEW_NAME_STATE_ECLIPSED_BY = 0x2;       // not visible: lost to a same-named entry of the other side
+constexpr uint32_t VIEW_NAME_STATE_NO_OBJ = 0x4;            // no object of this name
+constexpr uint32_t VIEW_NAME_STATE_ERROR = 0x8;             // the object could not be located
+constexpr uint32_t VIEW_NAME_STATE_CHECKEDOUT = 0x20;       // the target is checked out
+constexpr uint32_t VIEW_NAME_STATE_NOT_FOUND = 0x100;       // the name resolves to nothing (a cached ENOENT)
+constexpr uint32_t VIEW_NAME_STATE_CARRIED = 0x200;         // carried over from a cached answer during duplicate evaluation
+constexpr uint32_t VIEW_NAME_STATE_WHITE_OUT = 0x400;       // the name is removed in this view
+constexpr uint32_t VIEW_NAME_STATE_HIJACK_REC = 0x800;      // the view-side record is part of a hijack
+constexpr uint32_t VIEW_NAME_STATE_VIEW_REC = 0x1000;       // a view-side record exists for the name
+constexpr uint32_t VIEW_NAME_STATE_SILO_REC = 0x2000;       // a SILO-side entry exists for the name
+constexpr uint32_t VIEW_NAME_STATE_HM = 0x4000;             // history-mode name
+constexpr uint32_t VIEW_NAME_STATE_LISTED = 0x8000;         // visible in the evaluated listing
+constexpr uint32_t VIEW_NAME_STATE_HIDDEN = 0x100000;       // not visible for another reason
+constexpr uint32_t VIEW_NAME_STATE_HIJACKED = 0x200000;     // hijacked
 constexpr uint32_t VIEW_NAME_STATE_NOT_VISIBLE = 0x10010e;
 constexpr uint32_t VIEW_NAME_STATE_VIEW_BITS = 0x201c20;  // the bits the view side contributes
 constexpr uint32_t VIEW_NAME_STATE_KERNEL_MASK = 0x1f03ff;  // what ns_lookup passes to the kernel module
@@ -82,7 +82,7 @@ struct name_entry {
   name_entry* dir_next;  // next in dir->name_list
   obj_entry* dir;        // directory; holds a reference
   name_entry* ver_next;  // next in ver->parent_list
-  obj_entry* ver;        // target, or the SILO's not-found anchor; holds a reference
+  obj_entry* ver;        // target, or the SILO's not-found anchor; each reference on the entry holds one
   uint32_t session[2];   // build sessions, NS_NAME_SESSION_NONE each unless set
   uint32_t state;        // VIEW_NAME_STATE_* bits
   uint32_t rule;         // rule number; 0 unless carried over by lookup_view_add / lookup_view_rm
@@ -99,7 +99,9 @@ struct name_entry {
 // that of the directory it was found in, *vstat its attributes, *consumed the residual's bytes used,
 // *cacheable whether the kernel may keep the answer, *name_state the state of the first component,
 // *lvut its SILO's LVUT. The last five outputs may be null. A nonzero warp gives 1072. A name the view
-// does not know gives 1052 (never 1002) with cacheable 0.
+// does not know gives 1052 (never 1002) with cacheable 0. Only a failure of the first component fails
+// the call: a leaf of the residual that does not resolve ends the walk, and *consumed tells how far it
+// went (separators skipped before a leaf count; the ".." handed back counts, separators behind it not).
 int ns_lookup_flags(const view_fhandle_t* dir, const char* name, view_hm_warp_opt warp, const char* residual,
                     view_fhandle_t* fh_out, view_fhandle_t* parent_out, view_vstat_t* vstat, uint32_t* consumed,
                     int* cacheable, view_name_state_t* name_state, struct timeval* lvut, int* checked_out,
