@@ -5,8 +5,9 @@
 // Promotion: a foreground reader that links to the scoreboard of a queued background read would wait
 // behind every other queued low-priority request while it holds tavrel_cache_mutex. It asks the thread
 // manager to promote the queued request: is_equivalent tells the one whose scoreboard does the work the
-// foreground reader waits on (promote() builds the probe). No other caller of is_equivalent exists, so
-// the pool never merges two of these.
+// foreground reader waits on (promote() builds the probe): both lead to the same working request.
+// is_equivalent runs under the thread manager's queue mutex and compares pointers only. No other caller
+// of is_equivalent exists, so the pool never merges two of these.
 #pragma once
 
 #include <cstdint>
@@ -41,5 +42,6 @@ class Tavrel_BG_Readdir : public Tavrel_Request {
   tbs_uuid_s uuid;
   uint32_t dbid;
   Tavrel_Readdir_Scoreboard* scoreboard;
+  Tavrel_Readdir_SB_req* work;  // the request that does the work (the end of the scoreboard's chain)
   bool owns_reference;
 };

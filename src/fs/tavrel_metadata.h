@@ -139,6 +139,8 @@ class Tavrel_Metadata {
   // entry stored through a Tavrel_Metadata_GDC_Listener. 0 or the command's checked status (20000
   // range, texts to `message`); *wan_status the transport's own status, *stored the entries stored,
   // *listener_status the first entry that failed (0: all stored).
+  // Deletes every namespace record of the view database in one transaction (1000-range status).
+  static int cleanup_vns_recs(int all);
   static int fetch_directory_contents(const tbs_uuid_s& uuid, uint32_t dbid, const tbs_oid_s& dir_oid,
                                       uint32_t* stored, int* listener_status, int* wan_status, std::string& message);
 
