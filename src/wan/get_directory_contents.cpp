@@ -131,7 +131,9 @@ int Get_Directory_Contents::unmarshal_response() {
   } catch (RClient_Premature_EOF_Exception& e) {
     // The part has not fully arrived; it is parsed again from its start with the next block.
     trace.writeTrace(TRACE_LEVEL_5, "Exception %d", e.code);
-    return transfer_executed() ? fault(e.code, "The listing ends inside a part.\n") : RCLIENT_ST_HTTP_STATUS;
+    if (!transfer_executed()) return RCLIENT_ST_HTTP_STATUS;
+    // Cut after the Status part: the listing and its verdict are whole.
+    return m_have_status ? 0 : fault(e.code, "The listing ends inside a part.\n");
   } catch (RClient_Parse_Exception& e) {
     trace.writeTrace(TRACE_LEVEL_2, "Exception %d", e.code);
     if (doc->failure() != 0) return e.code;  // framing: the command framework stops the transfer

@@ -25,7 +25,8 @@
 // - Any other fault of the reply stops it the same way: 30007 bad framing, 30008 a bad
 //   Content-Length, 30011 a part above MAX_PART bytes, 1001 a record that does not decode. A reply
 //   that ends without its "Status" part gives 30006 and its held entry is never delivered, so a
-//   listing that stops mid-entry or between entries is never taken for a whole one.
+//   listing that stops mid-entry or between entries is never taken for a whole one (a reply cut after
+//   its Status part is whole).
 // - A listener that returns false or throws stops the transfer at once: run() gives 30013.
 // Because the listener has seen the entries before a failure, a caller must treat what it gathered
 // as incomplete after any non-zero result or a non-zero status code.

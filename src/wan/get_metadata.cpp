@@ -36,18 +36,16 @@ int metadata_reply_check(const tavrel_vstat& obj, const tavrel_vstat& elem, std:
   return 0;
 }
 
-int metadata_reply_finish(int rc, RClient_Status& status, tavrel_vstat& obj, tavrel_vstat& elem, tavrel_scope& scope,
-                          int& reply_error) {
-  if (rc != 0 || (status.code != 0 && status.code != -1)) return rc;
+int metadata_reply_settle(int wan, RClient_Status& status, tavrel_vstat& obj, tavrel_vstat& elem, tavrel_scope& scope) {
+  if (status.code != 0 && status.code != -1) return wan;  // the server's refusal: the accessors say so
   std::string why;
-  rc = metadata_reply_check(obj, elem, why);
+  int rc = wan != 0 ? wan : metadata_reply_check(obj, elem, why);
   if (rc == 0) return 0;
-  Tavrel_Trace trace(RCLIENT, "Metadata_Reply_Base", "metadata_reply_finish");
+  Tavrel_Trace trace(RCLIENT, "Metadata_Reply_Base", "metadata_reply_settle");
   trace.writeTrace(TRACE_LEVEL_2, "Reply refused (%d): %s", rc, why.c_str());
   std::memset(&obj, 0, sizeof obj);
   std::memset(&elem, 0, sizeof elem);
   std::memset(&scope, 0, sizeof scope);
-  reply_error = rc;
   status.code = rc;
   status.message += why;
   return rc;
@@ -96,8 +94,7 @@ int Get_Metadata::marshal_request(RClient_Request_Args*) {
   return 0;
 }
 
-int Get_Metadata::unmarshal_response() {
-  int rc = Metadata_Reply_Base::unmarshal_response();
-  if (!transfer_executed()) return rc;
-  return metadata_reply_finish(rc, status, obj_vstat, elem_vstat, scope, m_reply_error);
+int Get_Metadata::run() {
+  wan_status = metadata_reply_settle(RClient_Abstract_Cmd::run(), status, obj_vstat, elem_vstat, scope);
+  return wan_status;
 }

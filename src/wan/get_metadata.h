@@ -16,7 +16,8 @@
 // part) must describe an object the view can hold (metadata_reply_check): both records present and
 // of a known kind. Otherwise the reply is refused: run() gives the reason (30009 a record missing,
 // 1001 a kind outside {2,3,5,6,7,8,9,11}), the status code becomes that reason, the records are
-// zeroed and the status message says why. So the accessors never hand out a refused record.
+// zeroed and the status message says why. A failed transfer does the same with its WAN status. So
+// the accessors never hand out a record of a reply that failed.
 //
 // Not thread-safe: a command belongs to one thread.
 #pragma once
@@ -38,7 +39,7 @@ class Get_Metadata : public Metadata_Reply_Base {
   Get_Metadata(const tbs_uuid_s& view_uuid, const std::string& path);
 
   int marshal_request(RClient_Request_Args* args) override;
-  int unmarshal_response() override;
+  int run() override;
 
  private:
   tbs_uuid_s view_uuid;
@@ -59,12 +60,12 @@ bool metadata_mtype_acceptable(silo_mtype_t mtype);
 // with the reason in `why`.
 int metadata_reply_check(const tavrel_vstat& obj, const tavrel_vstat& elem, std::string& why);
 
-// The end of a reply that describes one object (Get_Metadata, Lookup), once the transfer is over
-// and `rc` is the parse's result: when the server did not refuse (code 0 or -1) and rc is 0, the
-// records must pass metadata_reply_check; if they do not, the records are zeroed, the reason is kept
-// in `reply_error` and the status (code and message) and returned. Otherwise rc is returned.
-int metadata_reply_finish(int rc, RClient_Status& status, tavrel_vstat& obj, tavrel_vstat& elem, tavrel_scope& scope,
-                          int& reply_error);
+// The end of run() of a command whose reply describes one object (Get_Metadata, Lookup), `wan` being
+// the transfer's result. When the server did not refuse (code 0 or -1): a transfer that failed, or
+// records that do not pass metadata_reply_check, leave the records zeroed and the status code set to
+// the failure (the reason appended to the message), which is returned. Otherwise `wan` is returned.
+// So after a failure the accessors give a non-zero status and never a record.
+int metadata_reply_settle(int wan, RClient_Status& status, tavrel_vstat& obj, tavrel_vstat& elem, tavrel_scope& scope);
 
 // Whether a text can travel as an argument value unchanged: no line feed with text after it
 // (a trailing one travels coded) and at most `max` bytes.

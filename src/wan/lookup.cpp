@@ -46,8 +46,7 @@ int Lookup::marshal_request(RClient_Request_Args*) {
   return 0;
 }
 
-int Lookup::unmarshal_response() {
-  int rc = Metadata_Reply_Base::unmarshal_response();
-  if (!transfer_executed()) return rc;
-  return metadata_reply_finish(rc, status, obj_vstat, elem_vstat, scope, m_reply_error);
+int Lookup::run() {
+  wan_status = metadata_reply_settle(RClient_Abstract_Cmd::run(), status, obj_vstat, elem_vstat, scope);
+  return wan_status;
 }

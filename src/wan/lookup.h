@@ -28,7 +28,7 @@ class Lookup : public Metadata_Reply_Base {
          const tbs_oid_s& element_oid, const std::string& leaf);
 
   int marshal_request(RClient_Request_Args* args) override;
-  int unmarshal_response() override;
+  int run() override;
 
   const std::string& get_leaf() const { return leaf; }
 
