@@ -47,6 +47,11 @@ class Tavrel_View_db_object {
   static std::unique_ptr<Tavrel_View_db_object> get_object(const tbs_uuid_s& replica, const tbs_oid_s& oid,
                                                            silo_mtype_t* mtype);
 
+  // The class for kind `mtype`, not loaded; null (with the trace "unexpected mtype %d, getting type of
+  // %s", `what` naming the object) for a kind that has none.
+  static std::unique_ptr<Tavrel_View_db_object> for_kind(const tbs_uuid_s& replica, uint32_t dbid,
+                                                         silo_mtype_t mtype, const char* what);
+
   const tbs_uuid_s& replica() const { return m_replica; }
   uint32_t silo_dbid() const { return m_silo_dbid; }
   uint32_t dbid() const { return m_dbid; }
@@ -57,6 +62,8 @@ class Tavrel_View_db_object {
   bool loaded(const char* function) const;
   // load_data when the SILO row is not known yet; traces "Can't load silo object." on failure.
   bool ensure_loaded(const char* function);
+  // get_rvstat's reading of object `dbid` of SILO `silo`, in the caller's transaction.
+  static int read_rvstat(uint32_t silo, uint32_t dbid, tavrel_vstat* out);
 
   tbs_uuid_s m_replica;
   uint32_t m_silo_dbid = 0;  // the DB_SILO row's dbid; 0 until loaded
