@@ -59,6 +59,7 @@ void Kfsmd_Scripted_Agent::add(uint32_t dir, const std::string& name, uint32_t d
   o.type = type;
   o.size = size;
   o.target = target;
+  o.parent = dir;
   m_objs[dir].names[name] = dbid;
 }
 
@@ -84,6 +85,11 @@ void Kfsmd_Scripted_Agent::set_no_handler(bool none) {
   m_no_handler = none;
 }
 
+void Kfsmd_Scripted_Agent::set_lvut(long seconds) {
+  std::lock_guard<std::mutex> g(m_mutex);
+  m_lvut.tv_sec = seconds;
+}
+
 int Kfsmd_Scripted_Agent::count(uint64_t op) {
   std::lock_guard<std::mutex> g(m_mutex);
   return m_calls[op];
@@ -97,6 +103,7 @@ view_vstat_t Kfsmd_Scripted_Agent::vstat(uint32_t dbid) {
   v.fstat.mode = o.type == 2 ? 0755 : 0444;
   v.fstat.nlink = o.type == 2 ? 2 : 1;
   v.fstat.size = o.size;
+  v.fstat.ino = ino(dbid);
   v.fstat.owner = CREDUTL_SID_DONTCARE;
   v.fstat.group = CREDUTL_SID_DONTCARE;
   v.obj_oid = oid(dbid);
@@ -122,12 +129,14 @@ uint32_t Kfsmd_Scripted_Agent::answer(uint64_t op, XDR* in, XDR* out) {
       return serve(in, &xdr_view_replica_root_req_t, out, &xdr_view_getattr_reply_t, [&](auto& q, auto& r) {
         r.vstat = vstat(1);
         r.fh = fh(q.replica_uuid, 1);
+        r.lvut = m_lvut;
       });
     case VIEW_RPC_GETATTR:
       return serve(in, &xdr_view_getattr_req_t, out, &xdr_view_getattr_reply_t, [&](auto& q, auto& r) {
         if (stale(q.fh)) return void(r.hdr.status = TBS_ST_STALE);
         r.vstat = vstat(q.fh.ver_dbid);
         r.fh = q.fh;
+        r.lvut = m_lvut;
       });
     case VIEW_RPC_REVALIDATE:
       return serve(in, &xdr_view_getattr_req_t, out, &xdr_view_root_reply_t, [&](auto& q, auto& r) {
@@ -164,6 +173,7 @@ uint32_t Kfsmd_Scripted_Agent::answer(uint64_t op, XDR* in, XDR* out) {
         r.vstat = vstat(cur);
         r.consumed = consumed;
         r.cacheable = m_cacheable;
+        r.lvut = m_lvut;
       });
     case VIEW_RPC_READLINK: {
       std::string text;
@@ -179,7 +189,9 @@ uint32_t Kfsmd_Scripted_Agent::answer(uint64_t op, XDR* in, XDR* out) {
         r.buffer = buf;
         r.capacity = q.max_size < sizeof buf ? q.max_size : sizeof buf;
         r.eof = 1;
-        std::vector<std::pair<std::string, uint32_t>> all = {{".", q.fh.ver_dbid}, {"..", 1}};
+        const uint32_t dir = q.fh.ver_dbid;
+        std::vector<std::pair<std::string, uint32_t>> all = {{".", ino(dir)},
+                                                             {"..", ino(dir == 1 ? 1 : m_objs[dir].parent)}};
         for (const auto& n : m_objs[q.fh.ver_dbid].names) all.push_back(n);
         for (uint32_t off = 1; off <= all.size(); ++off) {
           if (off <= q.cursor) continue;

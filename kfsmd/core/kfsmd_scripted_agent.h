@@ -15,6 +15,10 @@
 //
 // Objects: 1 is the root directory. Object oids and element oids are derived from the dbid (oid(),
 // elem_oid()); files have mode 0444, directories 0755; Getcleartext answers one path for every file.
+// As the agent does, the attributes carry an inode number of their own (ino(), not the dbid), which
+// also stands for "." and ".." in listings (the root is its own parent), while every other entry's
+// number is its dbid. Root, Getattr and Lookup answers carry the SILO's last view update time
+// (set_lvut(), 0 until set).
 //
 // Thread safety: m_mutex guards the tree, the settings, the script and the counters. The threads of
 // start() end by themselves when the daemon gives them 1046 (join()), or are woken by stop(), which
@@ -54,6 +58,8 @@ class Kfsmd_Scripted_Agent {
   void set_lookup(bool cacheable, uint32_t miss_state);
   void set_cleartext(const std::string& path, bool rel_to_cache);
   void set_no_handler(bool none);
+  void set_lvut(long seconds);
+  static uint32_t ino(uint32_t dbid) { return 1000 + dbid; }
   static tbs_oid_s oid(uint32_t dbid);
   static tbs_oid_s elem_oid(uint32_t dbid);
 
@@ -87,6 +93,7 @@ class Kfsmd_Scripted_Agent {
     uint32_t type = 1;
     uint64_t size = 0;
     uint32_t gen = 1;
+    uint32_t parent = 1;
     std::map<std::string, uint32_t> names;
     std::string target;
   };
@@ -105,6 +112,7 @@ class Kfsmd_Scripted_Agent {
   std::string m_cltxt;
   bool m_rel_to_cache = true;
   bool m_no_handler = false;
+  struct timeval m_lvut {};
   std::deque<Fault> m_script;
   int m_held = 0;
   uint64_t m_release = 0;  // release() calls so far

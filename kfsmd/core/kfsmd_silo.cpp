@@ -27,7 +27,44 @@ Kfsmd_Silo::Kfsmd_Silo(std::shared_ptr<Kfsmd_View> view, const Kfsmd_Silo_Info& 
 
 Kfsmd_Silo::~Kfsmd_Silo() = default;
 
-void Kfsmd_Silo::set_mount(std::unique_ptr<Kfsmd_Mount> m) { m_mount = std::move(m); }
+void Kfsmd_Silo::set_mount(std::unique_ptr<Kfsmd_Mount> m) {
+  std::lock_guard<std::mutex> lk(m_mount_mutex);
+  m_mount = std::move(m);
+}
+
+Kfsmd_Mount* Kfsmd_Silo::mount() {
+  std::lock_guard<std::mutex> lk(m_mount_mutex);
+  return m_mount.get();
+}
+
+std::unique_ptr<Kfsmd_Mount> Kfsmd_Silo::take_mount() {
+  std::lock_guard<std::mutex> lk(m_mount_mutex);
+  return std::move(m_mount);
+}
+
+void Kfsmd_Silo::notify(std::vector<Kfsmd_Action> actions) {
+  std::lock_guard<std::mutex> lk(m_mount_mutex);
+  if (m_mount && !actions.empty()) m_mount->notify(std::move(actions));
+}
+
+void Kfsmd_Silo::note_lvut(const struct timeval& lvut) {
+  std::vector<Kfsmd_Action> actions;
+  {
+    std::lock_guard<std::mutex> lk(m_mutex);
+    if (!timercmp(&lvut, &m_lvut, >)) return;
+    const bool first = m_lvut.tv_sec == 0 && m_lvut.tv_usec == 0;
+    m_lvut = lvut;
+    if (first) return;  // nothing was given to the kernel under an older time that this one could date
+    const auto now = std::chrono::steady_clock::now();
+    const auto period = std::chrono::milliseconds(static_cast<int64_t>(m_view->options().attr_timeout_silo * 1000));
+    if (m_lvut_invalidated && now - m_lvut_inval_at < period) return;
+    m_lvut_invalidated = true;
+    m_lvut_inval_at = now;
+    for (const auto& n : m_nodes)
+      if (n.first != ROOT_INO || m_root_bound) actions.push_back({Kfsmd_Action::INODE, n.first, ""});
+  }
+  notify(std::move(actions));
+}
 
 struct stat Kfsmd_Silo::to_stat(const view_vstat_t& vs, const view_fhandle_t& fh) const {
   struct stat st;
@@ -39,7 +76,7 @@ struct stat Kfsmd_Silo::to_stat(const view_vstat_t& vs, const view_fhandle_t& fh
     default: type = S_IFREG; break;
   }
   st.st_mode = type | (vs.fstat.mode & 07777);
-  st.st_ino = (static_cast<uint64_t>(fh.flags & 1) << 32) + fh.ver_dbid;
+  st.st_ino = ino_of(fh);
   st.st_nlink = vs.fstat.nlink ? vs.fstat.nlink : (type == S_IFDIR ? 2 : 1);
   auto ident = [&](const credutl_sid_t& sid, unsigned own) -> unsigned {
     return credutl_sid_eq(sid, CREDUTL_SID_NOBODY) ? 65534u : own;
@@ -68,14 +105,21 @@ int Kfsmd_Silo::bind_root(view_fhandle_t* fh, view_vstat_t* vs) {
   int e = m_view->rpc().root(m_info.family, m_info.replica, m_info.host, m_info.storage, &g);
   if (e != 0) return e;
   if (g->hdr.status != 0) return tbs_status2errno(g->hdr.status);
-  std::lock_guard<std::mutex> lk(m_mutex);
-  Node& root = m_nodes[ROOT_INO];
-  root.ino = ROOT_INO;
-  root.fh = g->fh;
-  root.vs = g->vstat;
-  m_root_bound = true;
-  *fh = root.fh;
-  if (vs) *vs = root.vs;
+  {
+    std::lock_guard<std::mutex> lk(m_mutex);
+    Node& root = m_nodes[ROOT_INO];
+    root.ino = ROOT_INO;
+    // An answer that names the root object (a lookup of "..", say) must find node 1, not a twin.
+    auto old = m_by_key.find(key_of(root.fh));
+    if (old != m_by_key.end() && old->second == ROOT_INO) m_by_key.erase(old);
+    root.fh = g->fh;
+    root.vs = g->vstat;
+    m_by_key[key_of(root.fh)] = ROOT_INO;
+    m_root_bound = true;
+    *fh = root.fh;
+    if (vs) *vs = root.vs;
+  }
+  note_lvut(g->lvut);
   return 0;
 }
 
@@ -196,25 +240,24 @@ void Kfsmd_Silo::lookup(uint64_t parent, const std::string& name, Kfsmd_Reply& r
     return r.err(tbs_status2errno(lr.hdr.status));
   }
   Kfsmd_Entry ent;
+  ent.attr_timeout = raced ? 0 : attr_timeout(lr.fh);
+  ent.entry_timeout = raced || !lr.cacheable ? 0 : o.entry_timeout;
   {
     std::lock_guard<std::mutex> lk(m_mutex);
     Node& n = intern(lr.fh, lr.vstat);
-    n.nlookup++;
-    auto key = std::make_pair(parent, name);
-    auto old = m_names.find(key);
-    if (old != m_names.end() && old->second != n.ino) {
-      auto on = m_nodes.find(old->second);
-      if (on != m_nodes.end()) on->second.names.erase(key);
+    if (n.ino != ROOT_INO) n.nlookup++;
+    if (is_dir(lr.vstat) && n.ino != parent) n.parent = parent;
+    const auto key = std::make_pair(parent, name);
+    drop_name(parent, name);
+    if (ent.entry_timeout > 0) {
+      m_names[key] = n.ino;
+      n.names.insert(key);
     }
-    m_names[key] = n.ino;
-    m_negative.erase(key);
-    n.names.insert(key);
     ent.ino = n.ino;
     ent.generation = lr.fh.gen;
     ent.attr = to_stat(lr.vstat, lr.fh);
   }
-  ent.attr_timeout = raced ? 0 : attr_timeout(lr.fh);
-  ent.entry_timeout = raced || !lr.cacheable ? 0 : o.entry_timeout;
+  note_lvut(lr.lvut);
   r.entry(ent);
 }
 
@@ -249,6 +292,7 @@ void Kfsmd_Silo::getattr(uint64_t ino, Kfsmd_Reply& r) {
     auto it = m_nodes.find(ino);
     if (it != m_nodes.end()) it->second.vs = g->vstat;
   }
+  note_lvut(g->lvut);
   r.attr(to_stat(g->vstat, fh), m_view->epoch() != epoch ? 0 : attr_timeout(fh));
 }
 
@@ -289,10 +333,37 @@ void Kfsmd_Silo::readdir(uint64_t ino, uint64_t off, size_t size, Kfsmd_Reply& r
     uint16_t namlen = kfsm_get_u16(rec + 10);
     if (reclen == 0 || pos + reclen > rd.used || VIEW_DIRENT_NAME_OFF + namlen >= reclen + 1u) break;
     std::string name(reinterpret_cast<const char*>(rec + VIEW_DIRENT_NAME_OFF), namlen);
-    if (!r.dir_add(name, kfsm_get_u32(rec), kfsm_get_u32(rec + 4))) break;
+    uint64_t entry_ino = kfsm_get_u32(rec);
+    if (name == ".") entry_ino = ino_of(fh);
+    else if (name == "..") entry_ino = dot_dot_ino(ino, fh, entry_ino);
+    if (!r.dir_add(name, entry_ino, kfsm_get_u32(rec + 4))) break;
     pos += reclen;
   }
   r.dir_done();
+}
+
+uint64_t Kfsmd_Silo::dot_dot_ino(uint64_t ino, const view_fhandle_t& fh, uint64_t agents) {
+  if (ino == ROOT_INO) {
+    // The SILO root's parent is the real directory the SILO is mounted in.
+    {
+      std::lock_guard<std::mutex> lk(m_mutex);
+      if (m_mount_parent_ino) return m_mount_parent_ino;
+    }
+    const std::string& mp = m_info.mount_point;
+    const size_t slash = mp.find_last_of('/');
+    struct stat st;
+    const std::string dir = slash == std::string::npos ? "." : slash == 0 ? "/" : mp.substr(0, slash);
+    if (lstat(dir.c_str(), &st) != 0) return ino_of(fh);
+    std::lock_guard<std::mutex> lk(m_mutex);
+    m_mount_parent_ino = st.st_ino;
+    return m_mount_parent_ino;
+  }
+  std::lock_guard<std::mutex> lk(m_mutex);
+  auto n = m_nodes.find(ino);
+  if (n == m_nodes.end() || n->second.parent == 0) return agents;
+  auto p = m_nodes.find(n->second.parent);
+  if (p == m_nodes.end()) return agents;
+  return ino_of(p->second.fh);
 }
 
 std::string Kfsmd_Silo::backing_path(const std::string& path, bool rel_to_cache) {

@@ -10,9 +10,23 @@
 // (directory, name) -> node, and names it was told do not exist as negative entries, so that an
 // invalidation can reach both.
 //
+// Names given with a time of 0 (the agent said the answer may not be cached, or an invalidation came
+// while it was asked) are not kept: the kernel asks for them again at every use, so no invalidation
+// needs to reach them.
+//
 // Attributes: types 1, 2, 5 give regular file, directory, symbolic link, then the permission bits;
 // the inode number is (history bit << 32) + ver_dbid; owner and group are the view owner's (the
 // agent gives its own identities; "nobody" gives 65534); blocks are size / 512 rounded up.
+//
+// Listings give the kernel each entry's number as the agent lists it (the object's dbid, the number
+// stat gives), except "." and "..", which the agent numbers from its own inode records: "." gets the
+// directory's number, ".." the number of the directory it was looked up in, and for the SILO root
+// that of the real directory the SILO is mounted in. A listing continues from the offset of the last
+// entry the kernel took.
+//
+// The SILO's last view update time (LVUT) comes with Root, Getattr and Lookup answers. When it moves
+// forward, attributes the agent had may have changed unseen: the attributes of every node the kernel
+// holds are invalidated, at most once per attribute timeout (the kernel's own copies expire by then).
 //
 // Opening a file: Getcleartext names the backing file, relative to the view's cleartext cache
 // directory (rel_to_cache) or to "<storage>/.s", or absolute; it is opened as the view's owner.
@@ -71,8 +85,8 @@ class Kfsmd_Silo {
 
   // The mount made for this SILO by the glue (owned here once set).
   void set_mount(std::unique_ptr<Kfsmd_Mount> m);
-  Kfsmd_Mount* mount() { return m_mount.get(); }
-  std::unique_ptr<Kfsmd_Mount> take_mount() { return std::move(m_mount); }
+  Kfsmd_Mount* mount();
+  std::unique_ptr<Kfsmd_Mount> take_mount();
 
   // --- file-system operations ---
   void lookup(uint64_t parent, const std::string& name, Kfsmd_Reply& r);
@@ -102,6 +116,10 @@ class Kfsmd_Silo {
 
   // The attributes the kernel is given for a record.
   struct stat to_stat(const view_vstat_t& vs, const view_fhandle_t& fh) const;
+  // The inode number stat gives for a handle.
+  static uint64_t ino_of(const view_fhandle_t& fh) {
+    return (static_cast<uint64_t>(fh.flags & 1) << 32) + fh.ver_dbid;
+  }
 
  private:
   struct Node {
@@ -109,6 +127,7 @@ class Kfsmd_Silo {
     view_fhandle_t fh{};
     view_vstat_t vs{};
     uint64_t nlookup = 0;
+    uint64_t parent = 0;                                // directory it was last looked up in
     std::set<std::pair<uint64_t, std::string>> names;  // (directory, name) that point here
   };
   using Key = std::tuple<uint32_t, uint32_t, uint32_t>;
@@ -126,10 +145,16 @@ class Kfsmd_Silo {
   void drop_name(uint64_t dir, const std::string& name);
   void remove_node(uint64_t ino);
   double attr_timeout(const view_fhandle_t& fh) const;
+  // Records an answer's LVUT; when it moved forward, invalidates the attributes the kernel holds.
+  void note_lvut(const struct timeval& lvut);
+  // The inode numbers a listing gives for "." and ".." of `ino`, whose handle is `fh`.
+  uint64_t dot_dot_ino(uint64_t ino, const view_fhandle_t& fh, uint64_t agents);
+  void notify(std::vector<Kfsmd_Action> actions);
   std::string backing_path(const std::string& path, bool rel_to_cache);
 
   std::shared_ptr<Kfsmd_View> m_view;
   const Kfsmd_Silo_Info m_info;
+  std::mutex m_mount_mutex;  // guards m_mount, which request handlers notify through
   std::unique_ptr<Kfsmd_Mount> m_mount;
 
   std::mutex m_mutex;  // guards everything below
@@ -139,4 +164,8 @@ class Kfsmd_Silo {
   std::map<Key, uint64_t> m_by_key;
   std::map<std::pair<uint64_t, std::string>, uint64_t> m_names;  // positive names
   std::map<std::pair<uint64_t, std::string>, std::chrono::steady_clock::time_point> m_negative;
+  struct timeval m_lvut {};                                  // the latest LVUT seen, 0 before any
+  std::chrono::steady_clock::time_point m_lvut_inval_at{};   // when it last invalidated attributes
+  bool m_lvut_invalidated = false;
+  uint64_t m_mount_parent_ino = 0;                           // st_ino of the mount point's directory
 };

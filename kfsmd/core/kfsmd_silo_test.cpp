@@ -178,6 +178,82 @@ TEST_F(Silo, EachInvalidationPlansItsActions) {
   EXPECT_EQ(cmd_inval(view_root("v") + "/proj", KFSM_INVAL_VIEW, TBS_UUID_NULL, TBS_OID_NULL), TBS_ST_NO_VIEW);
 }
 
+// A directory read in slices of two entries, each slice continuing from the last offset the kernel
+// took: name -> inode number, each name once.
+std::map<std::string, uint64_t> list(Kfsmd_Silo& silo, uint64_t dir) {
+  std::map<std::string, uint64_t> out;
+  uint64_t off = 0;
+  for (int calls = 0; calls < 100; ++calls) {
+    Rec_Reply r;
+    r.room = 2;
+    silo.readdir(dir, off, 4096, r);
+    EXPECT_EQ(r.error, 0);
+    if (r.dir.empty()) return out;
+    for (size_t i = 0; i < r.dir.size(); ++i)
+      EXPECT_TRUE(out.emplace(r.dir[i].first, r.dir_ino[i]).second) << r.dir[i].first;
+    off = r.dir.back().second;
+  }
+  ADD_FAILURE() << "the listing never ended";
+  return out;
+}
+
+TEST_F(Silo, ListingsNumberEveryEntryAsStatDoes) {
+  // The agent numbers "." and ".." from its own inode records; the kernel must see stat's numbers.
+  const uint64_t d = look(1, "d");
+  struct stat mounted_in;
+  const std::string& mp = silo->info().mount_point;
+  ASSERT_EQ(lstat(mp.substr(0, mp.rfind('/')).c_str(), &mounted_in), 0);
+  auto ino_of = [&](uint64_t node) {
+    Rec_Reply r;
+    silo->getattr(node, r);
+    EXPECT_EQ(r.error, 0);
+    return uint64_t(r.st.st_ino);
+  };
+  const std::map<std::string, uint64_t> root_want = {
+      {".", ino_of(1)}, {"..", mounted_in.st_ino}, {"d", 2}, {"f", 3}, {"l", 5}, {"abs", 6}, {"loop", 7}};
+  EXPECT_EQ(list(*silo, 1), root_want);
+  EXPECT_EQ(list(*silo, d), (std::map<std::string, uint64_t>{{".", ino_of(d)}, {"..", ino_of(1)}, {"g", 4}}));
+  EXPECT_EQ(ino_of(d), 2u);
+  // An answer that names the root object is node 1, never a second node for it.
+  EXPECT_EQ(look(1, "."), Kfsmd_Silo::ROOT_INO);
+}
+
+TEST_F(Silo, NamesGivenWithoutCachingAreNotKept) {
+  const uint64_t f = look(1, "f");
+  EXPECT_EQ(silo->name_count(), 1u);
+  agent.set_lookup(false, 0);
+  EXPECT_EQ(look(1, "f"), f);
+  EXPECT_NE(look(1, "d"), 0u);
+  EXPECT_EQ(silo->name_count(), 0u);  // the kept name went too: the kernel was told not to cache it
+  // An invalidation of the file reaches its attributes but plans no name.
+  ASSERT_EQ(cmd_inval(view_root("v"), KFSM_INVAL_OBJ, uuid_n(5), Agent::oid(3)), 0);
+  std::lock_guard<std::mutex> lk(rec.mu);
+  EXPECT_EQ(rec.actions[silo->info().mount_point], (std::vector<A>{{A::INODE, f, ""}}));
+}
+
+TEST_F(Silo, AMovedLvutInvalidatesTheAttributesTheKernelHoldsOncePerTimeout) {
+  const std::string mp = silo->info().mount_point;
+  auto actions = [&] {
+    std::lock_guard<std::mutex> lk(rec.mu);
+    std::vector<A> got = rec.actions[mp];
+    rec.actions.clear();
+    std::sort(got.begin(), got.end(), [](const A& x, const A& y) { return x.parent_or_ino < y.parent_or_ino; });
+    return got;
+  };
+  agent.set_lvut(100);
+  const uint64_t d = look(1, "d"), f = look(1, "f");
+  EXPECT_TRUE(actions().empty());  // the first time seen dates nothing
+  agent.set_lvut(90);
+  EXPECT_EQ(getattr(f), 0);
+  EXPECT_TRUE(actions().empty());  // an older time moves nothing
+  agent.set_lvut(200);
+  EXPECT_EQ(getattr(f), 0);
+  EXPECT_EQ(actions(), (std::vector<A>{{A::INODE, 1, ""}, {A::INODE, d, ""}, {A::INODE, f, ""}}));
+  agent.set_lvut(300);  // within the attribute timeout of the last invalidation
+  EXPECT_EQ(look(1, "d"), d);
+  EXPECT_TRUE(actions().empty());
+}
+
 TEST_F(Silo, StatResolvesPathsThroughTheAgent) {
   const std::string v = view_root("v");
   struct {

@@ -94,6 +94,7 @@ struct Rec_Reply : Kfsmd_Reply {
   double timeout = -1;
   std::string text;
   std::vector<std::pair<std::string, uint64_t>> dir;  // name, next offset
+  std::vector<uint64_t> dir_ino;                      // the inode number of each entry of `dir`
   size_t room = 100;                                  // entries dir_add accepts
   void err(int e) override { error = e; }
   void entry(const Kfsmd_Entry& e) override { error = 0, ent = e; }
@@ -101,9 +102,10 @@ struct Rec_Reply : Kfsmd_Reply {
   void readlink(const std::string& t) override { error = 0, text = t; }
   void open(int fd, bool, bool) override { error = 0, close(fd); }
   void statfs(const struct statvfs&) override { error = 0; }
-  bool dir_add(const std::string& name, uint64_t, uint64_t off) override {
+  bool dir_add(const std::string& name, uint64_t ino, uint64_t off) override {
     if (dir.size() >= room) return false;
     dir.emplace_back(name, off);
+    dir_ino.push_back(ino);
     return true;
   }
   void dir_done() override { error = 0; }
