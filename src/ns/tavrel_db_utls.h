@@ -100,7 +100,7 @@ int tavrel_db_get_parent_elem(obj_entry* obj, uint32_t* parent_elem_dbid, char* 
 
 // ---- objects ----------------------------------------------------------------------------------------------
 // The inode `dbid` of `silo`: OID, attributes, mtype and generation (any output may be null). 1087 when
-// `dbid` names no inode of this SILO (it was deleted since the caller learned it).
+// `dbid` names no inode of this SILO (it was deleted since the caller learned it), without a message.
 int tavrel_db_dbid2oid(view_silo* silo, uint32_t dbid, tbs_oid_s* oid, tbs_fstat_db_s* fstat, silo_mtype_t* mtype,
                        uint32_t* gen);
 // The inode of `oid` in `silo`; 1002 (no message) when none.

@@ -52,7 +52,8 @@ int tavrel_db_dbid2oid(view_silo* silo, uint32_t dbid, tbs_oid_s* oid, tbs_fstat
     if (s == 0 && owner != row) s = TBS_ST_STALE;
     return s;
   });
-  report(st, "dbid2oid", tavrel_dbid2str(silo, dbid), false);
+  // A stale handle is an answer: the object went away since the caller learned its dbid.
+  if (st != TBS_ST_STALE) report(st, "dbid2oid", tavrel_dbid2str(silo, dbid), false);
   return st;
 }
 
