@@ -8,9 +8,8 @@
 #include "base/imsg.h"
 #include "core/tavrel_msg_table.h"
 #include "core/tavrel_trace.h"
-#include "db/tavrel_engine_db.h"
-#include "db/tvr_db_silo.h"
 #include "ns/ns_lvut.h"
+#include "ns/tavrel_db_utls.h"
 #include "proto/kfsm_status.h"
 
 namespace {
@@ -25,24 +24,19 @@ struct silo_row {
   std::string host, path;
 };
 
-// Reads the replica's row in a read transaction of its own. 1002 without a row; 1008 for a stored
-// text without the ':' between host and path; 1084 for a host or path that cannot fit its buffer.
+// Reads the replica's row (tavrel_db_silo_read: a read transaction of its own). 1002 without a row;
+// 1008 for a stored text without the ':' between host and path; 1084 for a host or path that cannot
+// fit its buffer.
 int read_row(const tbs_uuid_s& uuid, silo_row* row) {
   Tavrel_Trace trace(TAVREL, "ns_silo", "read_row");
-  tvr_db_silo_info info;
-  int st = tvr_db_in_trans(0, [&] {
-    int s = tvr_db_silo_lookup(uuid, &row->dbid);
-    return s != 0 ? s : tvr_db_silo_read(row->dbid, &info);
-  });
+  char host[NS_SILO_TEXT_MAX], path[NS_SILO_TEXT_MAX];
+  int st = tavrel_db_silo_read(uuid, &row->dbid, host, sizeof host, path, sizeof path);
   if (st != 0) {
     trace.writeTrace(TRACE_LEVEL_4, "SILO %s: %d", tbs_uuid_to_str(uuid).c_str(), st);
     return st;
   }
-  size_t colon = info.path.find(':');
-  if (colon == std::string::npos) return TBS_ST_INTERNAL;
-  row->host = info.path.substr(0, colon);
-  row->path = info.path.substr(colon + 1);
-  if (row->host.size() >= NS_SILO_TEXT_MAX || row->path.size() >= NS_SILO_TEXT_MAX) return TBS_ST_TOO_LONG;
+  row->host = host;
+  row->path = path;
   return 0;
 }
 
