@@ -6,7 +6,7 @@
 
 #include <atomic>
 #include <barrier>
-#include <condition_variable>
+#include <latch>
 #include <thread>
 
 #include <gtest/gtest.h>
@@ -15,23 +15,10 @@ namespace {
 
 // Blocks the work until opened; tells when the work has started.
 struct Gate {
-  std::mutex m;
-  std::condition_variable cv;
-  bool entered = false, open = false;
+  std::latch entered{1}, open{1};
   void enter_and_wait() {
-    std::unique_lock<std::mutex> l(m);
-    entered = true;
-    cv.notify_all();
-    cv.wait(l, [this] { return open; });
-  }
-  void wait_entered() {
-    std::unique_lock<std::mutex> l(m);
-    cv.wait(l, [this] { return entered; });
-  }
-  void release() {
-    std::lock_guard<std::mutex> l(m);
-    open = true;
-    cv.notify_all();
+    entered.count_down();
+    open.wait();
   }
 };
 
@@ -100,18 +87,18 @@ TEST(Scoreboard, EdgeCasesOfMerging) {
     ASSERT_TRUE(worker->check_duplicate(c.worker_bg));
     Outcome w;
     std::thread tw([&] { w = run(worker); });
-    gate.wait_entered();  // the work runs and holds the worker's mutex
+    gate.entered.wait();  // the work runs and holds the worker's mutex
     SB* second = new SB(new Req(c.second_uuid, c.second_dbid, &calls, nullptr, c.fail));
     if (!second->check_duplicate(c.second_bg)) {
       EXPECT_EQ(c.state, -1);
       second->release();
-      gate.release();
+      gate.open.count_down();
       tw.join();
     } else {
       EXPECT_EQ(second->is_linked(), c.second_uuid == 1);
       Outcome s;
       std::thread ts([&] { s = run(second); });
-      gate.release();
+      gate.open.count_down();
       tw.join();
       ts.join();
       EXPECT_EQ(s.state, c.state);

@@ -8,6 +8,7 @@
 
 #include <gtest/gtest.h>
 
+#include "proto/proto_test_util.h"
 #include "server/importer.h"
 #include "server/wan_server.h"
 #include "wan/get_directory_contents.h"
@@ -51,12 +52,7 @@ class MetadataReferenceTest : public WanTest {
   }
   tavrel_server::Silo silo;
   std::unique_ptr<tavrel_server::WanServer> server;
-  const tbs_uuid_s view = proto_test_view();
-  static tbs_uuid_s proto_test_view() {
-    tbs_uuid_s u;
-    tbs_str_to_uuid("0d0d0d0d-0000-4000-8000-00000000000d", &u);
-    return u;
-  }
+  const tbs_uuid_s view = proto_test::uuid_n(13);
 };
 
 TEST_F(MetadataReferenceTest, RootLookupsAndListingAgree) {
