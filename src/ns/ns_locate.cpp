@@ -183,7 +183,8 @@ obj_entry* locate_by_cover(view_silo* silo, const tbs_oid_s& oid, uint32_t cover
 obj_entry* locate_activate_view_obj(view_silo* silo, uint32_t dbid, const tbs_oid_s& oid, silo_mtype_t mtype,
                                     uint32_t gen, const tbs_fstat_db_s& fstat, int activate, int* status) {
   if (!is_private_kind(mtype)) {
-    imsg_print(IMSG_ERR, "Unexpected mtype(%ld) for object %s\n", static_cast<long>(mtype), oid_name(silo, oid).c_str());
+    imsg_print(IMSG_ERR, "Unexpected mtype(%ld) for object %s\n", static_cast<long>(mtype),
+               oid_name(silo, oid).c_str());
     *status = TBS_ST_INTERNAL;
     return nullptr;
   }

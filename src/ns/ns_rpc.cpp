@@ -17,6 +17,8 @@
 
 namespace {
 
+constexpr size_t kLinkTextMax = 65535;  // the longest text the view database stores for an inode
+
 // An object whose attributes are gone from the view database: reported and flushed, 1087. The caller's
 // reference is consumed. A SILO object paired with a cover goes through its cover, which holds the
 // other reference on it.
@@ -106,10 +108,15 @@ int ns_readlink(const view_fhandle_t* fh, size_t max_len, size_t* len, char* buf
   if (obj == nullptr) return st;
   st = acl_check(obj, hm, 3, 0);
   if (st == 0 && obj_isa_view_obj(obj)) {
-    // The facade wants room for a NUL; the reply carries the bytes only.
-    std::string text(max_len + 1, '\0');
+    // The stored text is read whole (the database refuses a buffer that cannot hold it with its NUL)
+    // and cut to the caller's length; a text of a path's length is the common case.
+    std::string text(std::max<size_t>(max_len, KS_CANON_PNAME_MAX) + 1, '\0');
     size_t n = 0;
     st = tavrel_db_readlink(obj, text.data(), text.size(), &n);
+    if (st == TBS_ST_TOO_LONG) {
+      text.assign(kLinkTextMax + 1, '\0');
+      st = tavrel_db_readlink(obj, text.data(), text.size(), &n);
+    }
     if (st == 0) {
       *len = std::min(n, max_len);
       memcpy(buffer, text.data(), *len);
