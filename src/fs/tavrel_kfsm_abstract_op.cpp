@@ -8,12 +8,21 @@
 #include "fs/tavrel_kfsm_change_mtype.h"
 #include "fs/tavrel_kfsm_change_oid.h"
 #include "fs/tavrel_kfsm_create.h"
+#include "fs/tavrel_kfsm_getattr.h"
 #include "fs/tavrel_kfsm_getcleartext.h"
+#include "fs/tavrel_kfsm_gpath.h"
+#include "fs/tavrel_kfsm_invalidate.h"
 #include "fs/tavrel_kfsm_link.h"
+#include "fs/tavrel_kfsm_lookup.h"
 #include "fs/tavrel_kfsm_mkdir.h"
+#include "fs/tavrel_kfsm_readdir.h"
+#include "fs/tavrel_kfsm_readdir_ext.h"
+#include "fs/tavrel_kfsm_readlink.h"
 #include "fs/tavrel_kfsm_remove.h"
 #include "fs/tavrel_kfsm_rename.h"
+#include "fs/tavrel_kfsm_revalidate.h"
 #include "fs/tavrel_kfsm_rmdir.h"
+#include "fs/tavrel_kfsm_root.h"
 #include "fs/tavrel_kfsm_setattr.h"
 #include "fs/tavrel_kfsm_symlink.h"
 #include "proto/kfsm_records.h"
@@ -40,7 +49,16 @@ Tavrel_KFSM_AbstractOp* Tavrel_KFSM_AbstractOp::create_kfsm_request_handler(int 
     break;
   switch (rpc) {
     KFSM_OP(VIEW_RPC_NULL, Tavrel_KFSM_NULL)
+    KFSM_OP(VIEW_RPC_READDIR, Tavrel_KFSM_Readdir)
     KFSM_OP(VIEW_RPC_GETCLEARTEXT, Tavrel_KFSM_Getcleartext)
+    KFSM_OP(VIEW_RPC_READDIR_EXT, Tavrel_KFSM_Readdir_Ext)
+    KFSM_OP(VIEW_RPC_GPATH, Tavrel_KFSM_Gpath)
+    KFSM_OP(VIEW_RPC_INVALIDATE, Tavrel_KFSM_Invalidate)
+    KFSM_OP(VIEW_RPC_READLINK, Tavrel_KFSM_Readlink)
+    KFSM_OP(VIEW_RPC_ROOT, Tavrel_KFSM_Root)
+    KFSM_OP(VIEW_RPC_REVALIDATE, Tavrel_KFSM_Revalidate)
+    KFSM_OP(VIEW_RPC_LOOKUP, Tavrel_KFSM_Lookup)
+    KFSM_OP(VIEW_RPC_GETATTR, Tavrel_KFSM_Getattr)
     KFSM_OP(VIEW_RPC_SETATTR, Tavrel_KFSM_Setattr)
     KFSM_OP(VIEW_RPC_CREATE, Tavrel_KFSM_Create)
     KFSM_OP(VIEW_RPC_REMOVE, Tavrel_KFSM_Remove)
