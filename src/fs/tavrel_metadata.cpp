@@ -17,6 +17,8 @@
 #include "core/tavrel_trace.h"
 #include "core/tavrel_util.h"
 #include "core/tavrel_view.h"
+#include "db/tavrel_engine_db.h"
+#include "db/tvr_db_vns.h"
 #include "fs/tavrel_bg_readdir.h"
 #include "fs/tavrel_metadata_bg_flush.h"
 #include "fs/tavrel_readdir_sb_req.h"
@@ -564,6 +566,10 @@ int Tavrel_Metadata::lookup_parent_dir(const tbs_uuid_s& uuid, const tbs_oid_s& 
   if (elem_dbid) *elem_dbid = dbid;
   if (ver_dbid) *ver_dbid = ver;
   return TAVREL_ST_OK;
+}
+
+int Tavrel_Metadata::cleanup_vns_recs(int all) {
+  return tvr_db_in_trans(1, [all] { return tvr_db_cleanup_vns_recs(all); });
 }
 
 // ---- invalidation ---------------------------------------------------------------------------------------------------

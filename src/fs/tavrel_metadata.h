@@ -46,8 +46,7 @@
 class Tavrel_KFSM_Ioctl;
 class Tavrel_View;
 class Tavrel_Mutex;
-// Declared only: the listing's entry is the view database's (db/tvr_db_vns.h), the attribute record
-// the wire's (proto/tavrel_records.h); a caller includes the one it uses.
+// Both records of proto/tavrel_records.h, declared only: callers include that header where they use them.
 struct tavrel_dirent;
 struct tavrel_vstat;
 
