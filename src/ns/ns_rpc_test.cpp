@@ -157,6 +157,19 @@ TEST_F(NsRpc, SiloObjectsActivateFromTheViewDatabase) {
   ASSERT_EQ(ns_getattr(&fh, &out_, &v_, nullptr), 0);
   EXPECT_EQ(v_.fstat.mode, 0640u);
 
+  // The root, the path of a name, and revalidation of a version that is still selected.
+  view_fhandle_t rfh;
+  view_name_state_t state = 0;
+  tbs_boolean_t cacheable = 0;
+  EXPECT_EQ(ns_root(nullptr, &uuid_, "a", 0, &rfh, &v_, &state, &cacheable, nullptr, nullptr, nullptr), 1072);
+  ASSERT_EQ(ns_root(nullptr, &uuid_, "", 0, &rfh, &v_, &state, &cacheable, nullptr, nullptr, nullptr), 0);
+  EXPECT_TRUE(rfh.ver_dbid == root && v_.fstat.type == 2 && v_.mtype == 3);
+  char path[64], ext[64];
+  ASSERT_EQ(ns_gpath(&fh, 0, sizeof path - 1, path, sizeof ext - 1, ext), 0);
+  EXPECT_STREQ(path, "/f");
+  ASSERT_EQ(ns_revalidate(&fh, &out_, &v_), 0);
+  EXPECT_EQ(out_.ver_dbid, fv);
+
   // A link's target comes from the view database; a file is no link.
   obj_entry* link = locate_dbid(silo, lv, 1, &st);
   ASSERT_NE(link, nullptr) << st;
