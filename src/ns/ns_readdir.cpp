@@ -27,7 +27,6 @@ namespace {
 
 // Idle listings, oldest first. Guarded by tavrel_cache_mutex().
 llist_d_t readdir_lru = {&readdir_lru, &readdir_lru};
-bool g_flusher_installed;
 
 constexpr uint32_t ROOT_CHARGE = 32;
 constexpr uint32_t ENTRY_CHARGE = 17;            // plus the name's length
@@ -266,10 +265,7 @@ void dot_ids(obj_entry* dir, int hm, view_dirent_ext_fields* f) {
 // ---- the listing cache ------------------------------------------------------------------------------------
 
 void readdir_cache_init() {
-  std::lock_guard<Tavrel_Recursive_Mutex> g(tavrel_cache_mutex());
-  if (g_flusher_installed) return;
   ns_cache_set_flusher(NS_HANG_READDIR, ns_hanging_flusher{flusher_obj, readdir_cache_flush});
-  g_flusher_installed = true;
 }
 
 readdir_entry* add_next_entry(readdir_entry* previous, readdir_root* rrp, const char* name, uint32_t dbid,

@@ -147,5 +147,6 @@ void readdir_dispose(readdir_root* rrp);
 void readdir_cache_flush();
 // One line per listing and entry through imsg (kind OK).
 void print_dir_cache();
-// Installs the listing cache's flushers in the object cache. Called on the first listing; idempotent.
+// Installs the listing cache's flushers in the object cache. Called whenever a listing is made (so a
+// flusher reset by someone else is put back before it is needed); idempotent.
 void readdir_cache_init();
