@@ -130,8 +130,12 @@ int Tavrel_Metadata::run() {
   while (!path.empty()) {
     bool dot_dot = false;
     consumed = 0;
-    tbs_status = ns_lookup_flags(&dir, ".", 0, path.c_str(), &handle, &root_handle, &vstat->vstat, &consumed, nullptr,
-                                 nullptr, nullptr, &checked_out, &eclipsed, &hijacked, &co_ver_oid, &dot_dot);
+    int cacheable = 0;
+    view_name_state_t name_state = 0;
+    struct timeval lvut = {0, 0};
+    tbs_status = ns_lookup_flags(&dir, ".", 0, path.c_str(), &handle, &root_handle, &vstat->vstat, &consumed,
+                                 &cacheable, &name_state, &lvut, &checked_out, &eclipsed, &hijacked, &co_ver_oid,
+                                 &dot_dot);
     if (tbs_status != 0) {
       lookup_failure();
       return status;
@@ -254,9 +258,13 @@ int Tavrel_Metadata::parse_siloroot() {
 
 void Tavrel_Metadata::handle_dotdot(view_fhandle_t& dir, view_fhandle_t& top) {
   Tavrel_Trace trace(TAVREL, "Tavrel_Metadata", "handle_dotdot");
+  uint32_t used = 0;
+  int cacheable = 0;
+  view_name_state_t name_state = 0;
+  struct timeval lvut = {0, 0};
   if (!same_object(handle, top)) {
-    tbs_status = ns_lookup_flags(&handle, "..", 0, "", &dir, &root_handle, &vstat->vstat, nullptr, nullptr, nullptr,
-                                 nullptr, nullptr, nullptr, nullptr, nullptr, nullptr);
+    tbs_status = ns_lookup_flags(&handle, "..", 0, "", &dir, &root_handle, &vstat->vstat, &used, &cacheable,
+                                 &name_state, &lvut, nullptr, nullptr, nullptr, nullptr, nullptr);
     if (tbs_status != 0) {
       lookup_failure();
       return;
@@ -273,9 +281,10 @@ void Tavrel_Metadata::handle_dotdot(view_fhandle_t& dir, view_fhandle_t& top) {
       if (same_object(handle, top)) {
         root_handle = handle;
       } else {
-        view_fhandle_t parent{};
-        tbs_status = ns_lookup_flags(&dir, "..", 0, "", &parent, nullptr, nullptr, nullptr, nullptr, nullptr, nullptr,
-                                     nullptr, nullptr, nullptr, nullptr, nullptr);
+        view_fhandle_t parent{}, grandparent{};
+        view_vstat_t parent_vstat{};
+        tbs_status = ns_lookup_flags(&dir, "..", 0, "", &parent, &grandparent, &parent_vstat, &used, &cacheable,
+                                     &name_state, &lvut, nullptr, nullptr, nullptr, nullptr, nullptr);
         if (tbs_status != 0) {
           lookup_failure();
           return;

@@ -140,9 +140,10 @@ class MetadataTest : public wan_test::ScriptedServerTest {
   }
 
   void serve() {
-    server->on_rpc(n::RPC_GET_METADATA, [this](const wan_test::Recorded&, httplib::Response& res) {
+    server->on_rpc(n::RPC_GET_METADATA, [this](const wan_test::Recorded& r, httplib::Response& res) {
+      const bool other = arg(r, n::ARG_SILO_UUID) == tbs_uuid_to_str(replica2);
       res.set_content(wan_test::make_doc([&](n::ReplyWriter& w) {
-                        put_object(w, 3, 1, "");
+                        put_object(w, 3, other ? 1000 : 1, "");
                         w.status(0);
                       }),
                       "multipart/mixed");
@@ -230,7 +231,7 @@ class MetadataTest : public wan_test::ScriptedServerTest {
   std::unique_ptr<Kfsm_Peer> peer;
   std::unique_ptr<dbtest::Storage> storage;
   std::unique_ptr<Tavrel_View> view;
-  tbs_uuid_s replica{};
+  tbs_uuid_s replica{}, replica2 = tbs_uuid_create();
   Silo_Model model;
 };
 
@@ -346,6 +347,69 @@ TEST_F(MetadataTest, FailingListingInvalidatesWithoutDeadlock) {
   // Not complete: a missing name is asked of the server again.
   EXPECT_EQ(lookup(root, "zz"), TAVREL_ST_NOT_FOUND);
   EXPECT_EQ(count(n::RPC_LOOKUP), 1u);
+}
+
+// Client paths walked through the name service: links (20 followed, the 21st a loop), absolute links
+// refused, ".." inside a SILO and out of its root into another mounted SILO, a file used as a
+// directory, missing components, an unmounted tag.
+TEST_F(MetadataTest, PathResolution) {
+  for (int i = 1; i <= 21; ++i)
+    model.dirs[1].push_back({"l" + std::to_string(i), 7, uint32_t(500 + 2 * i), i < 21 ? "l" + std::to_string(i + 1) : "a.c"});
+  model.dirs[1].push_back({"abs", 7, 600, "/etc/passwd"});
+  model.dirs[1000] = {{"b.c", 6, 1100, ""}};
+  unsigned row = 0;
+  ASSERT_EQ(Tavrel_View_db_silo(replica2).create_silo("host:/silos/other", row), 0);
+  for (auto [tag, uuid] : {std::pair{"/proj", replica}, std::pair{"/other", replica2}}) {
+    SILO_mount_info m;
+    m.silo_tag = tag;
+    m.replica_uuid = m.family_uuid = uuid;
+    m.mount_state = 1;
+    Tavrel_Config::g_mounted_silos[tag] = m;
+  }
+  struct Row {
+    const char* path;
+    bool follow;
+    int want;
+    const char* canonical;  // or the message's expected text on failure
+    const char* tag;
+    bool multi;
+  } rows[] = {
+      {"/proj", true, 0, "/", "/proj", false},
+      {"/proj/docs/readme", true, 0, "/docs/readme", "/proj", false},
+      {"/proj/ln", false, 0, "/ln", "/proj", false},
+      {"/proj/ln", true, 0, "/a.c", "/proj", false},
+      {"/proj/l2", true, 0, "/a.c", "/proj", false},
+      {"/proj/l1", true, TAVREL_ST_FAILURE, "Cannot look up object \"/proj/l1\"", "/proj", false},
+      {"/proj/abs", true, TAVREL_ST_FAILURE, "Absolute symlinks unsupported: /proj/abs -> /etc/passwd", "/proj", false},
+      {"/proj/docs/../a.c", true, 0, "/a.c", "/proj", false},
+      {"/proj/../other/b.c", true, 0, "/b.c", "/other", false},
+      {"/proj/a.c/x", true, TAVREL_ST_BG_METADATA, "could not look up \"x\"", "/proj", true},
+      {"/proj/docs/nope/x", true, TAVREL_ST_NOT_FOUND, "could not look up \"nope/x\"", "/proj", true},
+      {"/proj/docs/nope", true, TAVREL_ST_NOT_FOUND, "could not look up \"nope\"", "/proj", false},
+      {"/nomount/x", true, TAVREL_ST_NOT_MOUNTED, "No known mounted SILO", "", false},
+  };
+  for (const Row& r : rows) {
+    SCOPED_TRACE(std::string(r.path) + (r.follow ? " follow" : ""));
+    Tavrel_Metadata md(r.path, r.follow);
+    ASSERT_EQ(md.run(), r.want) << md.get_message();
+    EXPECT_EQ(md.get_silo_tag(), r.tag);
+    EXPECT_EQ(md.get_multi_component(), r.multi);
+    if (r.want != 0) {
+      EXPECT_NE(md.get_message().find(r.canonical), std::string::npos) << md.get_message();
+      continue;
+    }
+    EXPECT_EQ(md.get_canonical(), r.canonical);
+    view_vstat_t v{};
+    ASSERT_EQ(md.get_vstat(&v), 0);
+    EXPECT_EQ(md.get_is_silo_root(), std::string(r.canonical) == "/");
+    if (!r.follow) {
+      EXPECT_STREQ(md.get_target(), "a.c");
+    } else if (std::string(r.canonical) == "/a.c") {
+      EXPECT_EQ(v.obj_oid, oid(100));
+    }
+  }
+  EXPECT_EQ(Tavrel_Metadata("/proj", true).get_vstat(nullptr), TAVREL_ST_FAILURE);
+  Tavrel_Config::g_mounted_silos.clear();
 }
 
 }  // namespace
