@@ -151,14 +151,20 @@ uint32_t Kfsmd_Scripted_Agent::answer(uint64_t op, XDR* in, XDR* out) {
         uint32_t cur = q.dir.ver_dbid;
         size_t consumed = 0;
         if (strcmp(q.name, ".") == 0) {
-          for (size_t pos = 0; pos < residual.size() && m_objs[cur].type != 5;) {
+          // As the agent walks: a separator counts as consumed before the object is looked at; the
+          // walk stops at anything but a directory, and at a missing name with the last good object.
+          for (size_t pos = 0; pos < residual.size();) {
+            if (residual[pos] == '/') {
+              consumed = ++pos;
+              continue;
+            }
+            if (m_objs[cur].type != 2) break;
             size_t end = residual.find('/', pos);
             if (end == std::string::npos) end = residual.size();
             auto it = m_objs[cur].names.find(residual.substr(pos, end - pos));
-            if (it == m_objs[cur].names.end()) return void(r.hdr.status = TBS_ST_NO_SUCH_NAME);
+            if (it == m_objs[cur].names.end()) break;
             cur = it->second;
-            consumed = end;
-            pos = end + 1;
+            consumed = pos = end;
           }
         } else {
           auto it = m_objs[cur].names.find(q.name);

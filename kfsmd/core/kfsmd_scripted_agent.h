@@ -1,6 +1,8 @@
 // Kfsmd_Scripted_Agent: the agent's side of the view protocol for the daemon's tests (unit and end
 // to end). It holds a small tree of objects and answers Root, Lookup (a name, or "." with a residual
-// walk that stops after a symbolic link), Getattr, Revalidate, Readdir, Readlink, Getcleartext and
+// walk as the agent makes it: a separator is consumed before the object it follows is looked at, and
+// the walk ends with status 0 at anything but a directory or before a missing name, `consumed` telling
+// how far it got), Getattr, Revalidate, Readdir, Readlink, Getcleartext and
 // NULL; every other RPC is unknown (rpc_status 3). A handle whose generation is not the object's is
 // stale (1087).
 //

@@ -454,7 +454,9 @@ int Kfsmd_Silo::resolve(const std::string& rest_in, bool follow, view_vstat_t* v
     const std::string target = rl->text ? rl->text : "";
     if (!target.empty() && target[0] == '/') return TBS_ST_BAD_ARG;
     size_t consumed = lr.consumed > residual.size() ? residual.size() : lr.consumed;
+    // The agent counts the separator behind the link as consumed: the link's own path ends before it.
     std::string done = residual.substr(0, consumed);
+    while (!done.empty() && done.back() == '/') done.pop_back();
     std::string remainder = residual.substr(consumed);
     size_t slash = done.rfind('/');
     std::string dir = slash == std::string::npos ? "" : done.substr(0, slash);
