@@ -5,6 +5,7 @@
 #include "core/tavrel_config.h"
 #include "core/tavrel_view.h"
 #include "fs/tavrel_kfsm_abstract_op.h"
+#include "fs/tavrel_metadata.h"
 #include "fs/tavrel_view_db.h"
 #include "kfsm/kfsm_view_hooks.h"
 #include "kfsm/tavrel_kfsm_thread_unix.h"
@@ -35,6 +36,7 @@ void tavrel_agent_install_seams() {
 
   Tavrel_Config::set_view_lookup(current_view);
   Tavrel_AbstractOp::set_view_source(current_view);
+  Tavrel_Metadata::set_view_source(current_view);
   Tavrel_AbstractOp::set_view_sink([](Tavrel_View* view) { Tavrel_View_Handler::set_view(view); });
   // StartView mounts the SILOs of the mount table again through this hook.
   Tavrel_Mountsilo::install_mount_hook();
@@ -53,6 +55,7 @@ std::vector<std::string> tavrel_agent_missing_seams() {
   if (!Tavrel_Config::has_view_lookup()) missing.push_back("configuration view lookup");
   if (!Tavrel_Config::has_mount_hook()) missing.push_back("configuration mount hook");
   if (!Tavrel_AbstractOp::has_view_source()) missing.push_back("operation view source");
+  if (!Tavrel_Metadata::has_view_source()) missing.push_back("resolver view source");
   if (!Tavrel_AbstractOp::has_view_sink()) missing.push_back("operation view sink");
   if (!Tavrel_AbstractOp::has_op_table()) missing.push_back("operation table");
   if (!Tavrel_KFSM_Thread_Unix::get_dispatcher()) missing.push_back("view-protocol dispatcher");

@@ -368,6 +368,8 @@ void Tavrel_Metadata::lookup_failure() {
 
 void Tavrel_Metadata::set_view_source(View_Source source) { g_view_source.store(source); }
 
+bool Tavrel_Metadata::has_view_source() { return g_view_source.load() != nullptr; }
+
 Tavrel_View* Tavrel_Metadata::current_view() {
   View_Source source = g_view_source.load();
   return source ? source() : nullptr;

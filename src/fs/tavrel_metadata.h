@@ -126,6 +126,7 @@ class Tavrel_Metadata {
   // source, or while it gives null, calls that need the view give 20001.
   typedef Tavrel_View* (*View_Source)();
   static void set_view_source(View_Source source);
+  static bool has_view_source();
   static Tavrel_View* current_view();
 
  private:

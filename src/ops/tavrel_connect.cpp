@@ -6,6 +6,7 @@
 #include "core/tavrel_status.h"
 #include "core/tavrel_trace.h"
 #include "core/tavrel_view.h"
+#include "fs/tavrel_metadata.h"
 #include "kfsm/tavrel_kfsm_ioctl.h"
 #include "proto/kfsm_status.h"
 #include "core/tavrel_msg_table.h"
@@ -74,6 +75,8 @@ void Tavrel_Connect::process_request() {
     m_status_message.clear();
     return;
   }
-  int st = Tavrel_KFSM_Ioctl(m_view).view_inval_view();
+  // Names and listings learned offline may be partial: the name service and the kernel forget them.
+  Tavrel_KFSM_Ioctl ioctl(m_view);
+  int st = Tavrel_Metadata::view_inval_view(&ioctl, 1, 1, 0);
   if (st != 0) trace.writeTrace(TRACE_LEVEL_2, "Unable to invalidate view in KFSM: %s", tbs_strerror(st));
 }
