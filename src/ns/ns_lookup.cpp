@@ -402,8 +402,9 @@ int lookup_view_rm(obj_entry* dir, const char* name, uint32_t state) {
 // ---- maintenance --------------------------------------------------------------------------------------
 
 void ns_lookup_install() {
-  static std::once_flag once;
-  std::call_once(once, [] { ns_cache_set_flusher(NS_HANG_NAMES, ns_hanging_flusher{flush_obj_hook, lookup_flush_all}); });
+  // Cheap enough to repeat at every new entry, so that names never hang on objects whose cache does
+  // not know how to drop them.
+  ns_cache_set_flusher(NS_HANG_NAMES, ns_hanging_flusher{flush_obj_hook, lookup_flush_all});
 }
 
 void lookup_flush_all() {

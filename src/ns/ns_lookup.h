@@ -189,7 +189,8 @@ int lookup_view_rm(obj_entry* dir, const char* name, uint32_t state);
 
 // ---- maintenance --------------------------------------------------------------------------------------
 
-// Installs the lookup cache's flusher in the object cache (done once, also at load; repeating is free).
+// Installs the lookup cache's flusher in the object cache (at load and at every new entry; repeating
+// is free).
 void ns_lookup_install();
 // Disposes of every entry (cache_flush). Entries must be unreferenced.
 void lookup_flush_all();

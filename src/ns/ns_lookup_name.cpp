@@ -33,6 +33,12 @@ bool silo_checked_out(obj_entry* obj) {
   return obj->otype != CACHE_COVER_OBJ && obj_is_checkedout(obj_2elem(obj));
 }
 
+// Whether the state says the target is checked out. A hijacked name's record carries the same bit to
+// say that it keeps the hijacked version's identity; that is no checkout.
+bool state_checked_out(uint32_t state) {
+  return (state & VIEW_NAME_STATE_CHECKEDOUT) != 0 && (state & VIEW_NAME_STATE_HIJACKED) == 0;
+}
+
 bool is_dot(const char* s) { return s[0] == '.' && s[1] == 0; }
 bool is_dot_dot(const char* s) { return s[0] == '.' && s[1] == '.' && s[2] == 0; }
 
@@ -85,7 +91,7 @@ name_entry* cm_name(obj_entry* dir, void* /*unused*/, const char* name, uint32_t
   }
 
   // 2. The view's record follows the SILO's checkout mark (a directory element's mark is its own).
-  if (silo_obj != nullptr && silo_co != ((state & VIEW_NAME_STATE_CHECKEDOUT) != 0) && silo_obj->mtype != 2) {
+  if (silo_obj != nullptr && silo_co != state_checked_out(state) && silo_obj->mtype != 2) {
     if (silo_co) {
       trace.writeTrace(TRACE_LEVEL_1, "Checkout of %s->%s\n", lookup_obj_text(dir).c_str(), name);
       if ((state & VIEW_NAME_STATE_VIEW_REC) == 0) {
@@ -468,7 +474,7 @@ int ns_lookup_flags(const view_fhandle_t* dir, const char* name, view_hm_warp_op
     }
   }
 
-  if (checked_out != nullptr) *checked_out = (state & VIEW_NAME_STATE_CHECKEDOUT) != 0;
+  if (checked_out != nullptr) *checked_out = state_checked_out(state);
   const bool want_co = checked_out != nullptr && *checked_out && co_ver_oid != nullptr;
   // What the checkout version is read from, copied before the objects are let go.
   obj_entry* silo_side = obj;
