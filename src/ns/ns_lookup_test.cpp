@@ -4,6 +4,7 @@
 
 #include <unistd.h>
 
+#include <cstring>
 #include <filesystem>
 #include <fstream>
 #include <memory>
@@ -410,6 +411,55 @@ TEST_F(NsLookup, NameBudgetZeroStillAdds) {
   lookup_nep_free(third);
   obj_free(dir);
   ASSERT_EQ(ns_cache_set_size(NS_CACHE_MIN_SIZE, true), 0);
+}
+
+// The view's own name changes keep the cache in step: a private file takes over a cached ENOENT, and its
+// removal leaves an ENOENT at once; neither needs the server.
+TEST_F(NsLookup, ViewChangesKeepTheCacheInStep) {
+  EXPECT_EQ(walk(root_fh_, "v").status, TBS_ST_NO_SUCH_NAME);
+  EXPECT_EQ(request_count(), 1) << requests();
+  obj_entry* f = private_file("v");
+  ASSERT_NE(f, nullptr);
+  Walk made = walk(root_fh_, "v");
+  ASSERT_EQ(made.status, 0);
+  EXPECT_EQ(made.fh.ver_dbid, f->dbid);
+  EXPECT_EQ(made.state & 0x1001, 0x1001u);
+  obj_free(f);
+  obj_entry* dir = root_dir();
+  ASSERT_EQ(tavrel_db_unlink(dir, "v", 0), 0);
+  obj_free(dir);
+  Walk gone = walk(root_fh_, "v");
+  EXPECT_EQ(gone.status, TBS_ST_NO_SUCH_NAME);
+  EXPECT_TRUE(gone.state & VIEW_NAME_STATE_NOT_FOUND);
+  EXPECT_EQ(request_count(), 0) << requests();
+}
+
+// Paths of objects from their SILO root, and the refusals of bad arguments.
+TEST_F(NsLookup, Paths) {
+  struct Row {
+    const char* name;
+    const char* residual;
+    const char* path;
+  } rows[] = {{".", "", "/"}, {"docs", "", "/docs"}, {"docs", "readme.txt", "/docs/readme.txt"}};
+  for (const Row& r : rows) {
+    SCOPED_TRACE(r.path);
+    Walk w = walk(root_fh_, r.name, r.residual);
+    ASSERT_EQ(w.status, 0);
+    int hm = 0, st = 0;
+    obj_entry* obj = locate_validate_fhandle(&w.fh, &hm, &st);
+    ASSERT_NE(obj, nullptr) << st;
+    char path[64], ext[64];
+    EXPECT_EQ(lookup_gpath(obj, 0, sizeof path, path, sizeof ext, ext), 0);
+    EXPECT_STREQ(path, r.path);
+    EXPECT_STREQ(ext, r.path);
+    obj_entry* now = lookup_revalidate(obj, &st);
+    EXPECT_EQ(now, obj) << st;
+    obj_free(now);
+    if (std::strlen(r.path) > 1) EXPECT_EQ(lookup_gpath(obj, 0, 4, path, sizeof ext, ext), TBS_ST_TOO_LONG);
+    EXPECT_EQ(lookup_gpath(obj, 0, 0, path, sizeof ext, ext), TBS_ST_BAD_ARG);
+    EXPECT_EQ(lookup_gpath(obj, 1, sizeof path, path, sizeof ext, ext), TBS_ST_INTERNAL);
+    obj_free(obj);
+  }
 }
 
 }  // namespace
