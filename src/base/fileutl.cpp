@@ -8,6 +8,7 @@
 #include <array>
 #include <cerrno>
 #include <climits>
+#include <cstdio>
 #include <cstdlib>
 #include <cstring>
 #include <vector>
@@ -94,6 +95,25 @@ int fileutl_rm_tree(const std::string& path) {
 
 int fileutl_rename(const std::string& from, const std::string& to) {
   return rename(from.c_str(), to.c_str()) == 0 ? 0 : -1;
+}
+
+int fileutl_rename_noreplace(const std::string& from, const std::string& to) {
+  if (renameat2(AT_FDCWD, from.c_str(), AT_FDCWD, to.c_str(), RENAME_NOREPLACE) == 0) return 0;
+  if (errno != EINVAL && errno != ENOSYS && errno != ENOTSUP) return -1;
+  // A file system without the flag: a hard link fails with EEXIST just as well.
+  if (link(from.c_str(), to.c_str()) != 0) return -1;
+  unlink(from.c_str());
+  return 0;
+}
+
+int fileutl_tmpfile_ext_binary(const std::string& dir, const std::string& prefix, std::string* path) {
+  std::string tmpl = (dir.empty() ? std::string(".") : dir) + "/" + prefix + "XXXXXX";
+  std::vector<char> name(tmpl.begin(), tmpl.end());
+  name.push_back('\0');
+  int fd = mkostemp(name.data(), O_CLOEXEC);
+  if (fd < 0) return -1;
+  path->assign(name.data());
+  return fd;
 }
 
 int fileutl_cp(const std::string& from, const std::string& to) {

@@ -19,6 +19,13 @@ int fileutl_rm(const std::string& path);
 // nothing is there; -1 with errno on the first failure.
 int fileutl_rm_tree(const std::string& path);
 int fileutl_rename(const std::string& from, const std::string& to);
+// Renames `from` to `to` only when nothing is at `to` (errno EEXIST otherwise): an existing file is never
+// replaced. Atomic where the file system offers it; else a hard link and the removal of `from`.
+int fileutl_rename_noreplace(const std::string& from, const std::string& to);
+// Creates a new, empty file with a unique name beginning with `prefix` in directory `dir`, mode 0600,
+// opened for writing in binary mode (no translation of line ends). Returns the open descriptor
+// (close-on-exec) and its path in *path, or -1 with errno.
+int fileutl_tmpfile_ext_binary(const std::string& dir, const std::string& prefix, std::string* path);
 // Copies a regular file's bytes and mode; writes to a temporary then renames, so `to` is whole or absent.
 int fileutl_cp(const std::string& from, const std::string& to);
 // The path without its last component ("/a/b/c" -> "/a/b", "c" -> "", "/c" -> "/").

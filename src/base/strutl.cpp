@@ -90,3 +90,16 @@ unsigned strutl_str_to_hash(const std::string& s) {
   }
   return h;
 }
+
+uint32_t strutl_str_to_hash32(uint32_t seed, const std::string& s) {
+  uint32_t h = 2166136261u;
+  for (int i = 0; i < 4; i++) {
+    h ^= (seed >> (8 * i)) & 0xffu;
+    h *= 16777619u;
+  }
+  for (unsigned char c : s) {
+    h ^= c;
+    h *= 16777619u;
+  }
+  return h;
+}

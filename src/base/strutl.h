@@ -3,6 +3,7 @@
 
 #include <cstdarg>
 #include <cstddef>
+#include <cstdint>
 #include <string>
 
 // Copies src into buf[size] (cut when longer). Returns the length copied.
@@ -21,3 +22,6 @@ bool strutl_strtoul(const std::string& s, unsigned long* out);
 int strutl_stricmp(const std::string& a, const std::string& b);
 // Stable 32-bit hash of a string (FNV-1a).
 unsigned strutl_str_to_hash(const std::string& s);
+// Stable 32-bit hash of a string with a seed: FNV-1a over the seed's four bytes (low byte first), then
+// the string's bytes. Names that must come out the same in every process (cache files) are built on it.
+uint32_t strutl_str_to_hash32(uint32_t seed, const std::string& s);
