@@ -5,6 +5,7 @@
 // loopback HTTP, holding a SILO imported from a generated tree:
 //   d1k/ d10k/ d100k/  1,000, 10,000 and 100,000 files (the listings)
 //   dwan/              2 x kWanNames files never listed (the server-resolved lookups)
+//   m00/ .. m99/       1,000 files each (the objects B12 touches, with d1k and d10k)
 // A view, a session logged in, the SILO's row in the view database and its root handle. Requests are
 // encoded once into XDR memory buffers and served through Tavrel_KFSM_AbstractOp::
 // create_kfsm_request_handler + process_request, as an LPC thread serves a buffer from the kernel.
@@ -18,12 +19,15 @@
 //        same Lookup WAN command run alone, alternating rounds of 100 names
 //   B4   Readdir RPC with cursors until eof, 1k/10k/100k entries: cold (server), warm database (after
 //        cache_init()), warm memory; per-entry cost at 100k over 1k
-//   B12  resident memory of the caches at budgets of 4 and 64 MiB after touching every file
-//        (VmRSS before and after, allocator trimmed before), as a ratio to the budget
+//   B12  resident memory of the caches at budgets of 4 and 64 MiB after listing and looking up every
+//        file of d1k, d10k and m00..m99 (111,000 files, more objects than either budget holds; VmRSS
+//        before and after, allocator trimmed before), as a ratio to the budget
+// Last, every name of d100k looked up with a 64 MiB budget (one directory holding 100,000 cached names).
 // Every RPC's status is checked; the server's request log tells what reached the server during each
 // measure (a warm measure that reached it is reported as failed).
 //
 // usage: ns_bench [scale, default 1: 1 gives 1,000/10,000/100,000 entries; 0.1 gives a tenth]
+//                 [B12 budgets in MiB, default 4,64]
 #include <malloc.h>
 #include <rpc/xdr.h>
 #include <unistd.h>
@@ -80,6 +84,13 @@ void fail(const std::string& what) {
 }
 
 constexpr size_t kWanNames = 1000;  // per side of B3
+constexpr int kSpreadDirs = 100;    // m00..m99, the objects B12 touches besides d1k and d10k
+
+std::string spread_dir(int i) {
+  char b[8];
+  std::snprintf(b, sizeof b, "m%02d", i);
+  return b;
+}
 
 long rss_kib() {
   std::ifstream in("/proc/self/status");
@@ -248,6 +259,7 @@ struct Bench {
     const std::string src = home->path() + "/src";
     sizes = {{"d1k", size_t(1000 * scale)}, {"d10k", size_t(10000 * scale)}, {"d100k", size_t(100000 * scale)},
              {"dwan", 2 * kWanNames}};
+    for (int i = 0; i < kSpreadDirs; ++i) sizes[spread_dir(i)] = size_t(1000 * scale);
     for (auto& [dir, n] : sizes) {
       std::filesystem::create_directories(src + "/" + dir);
       for (size_t i = 0; i < n; ++i) std::ofstream(src + "/" + dir + "/" + file_name(i)) << "x\n";
@@ -255,8 +267,9 @@ struct Bench {
     auto t0 = Clock::now();
     tavrel_server::Store store(home->path() + "/store.db");
     replica = tavrel_server::import_tree(store, "/proj", src, {}).silo.replica;
-    std::printf("tree imported: %zu files in %.1f s\n", sizes["d1k"] + sizes["d10k"] + sizes["d100k"] + sizes["dwan"],
-                since(t0));
+    size_t files = 0;
+    for (auto& [dir, n] : sizes) files += n;
+    std::printf("tree imported: %zu files in %zu directories in %.1f s\n", files, sizes.size(), since(t0));
     fileutl_rm_tree(src);
   }
 
@@ -496,33 +509,65 @@ void b4(Bench& b) {
               rows["d1k"].mem / rows["d100k"].mem);
 }
 
-void b12(Bench& b) {
-  for (uint32_t mib : {4u, 64u}) {
-    std::map<std::string, std::vector<Encoded>> reqs;  // encoded before the first reading
-    for (const char* d : {"d1k", "d10k", "d100k"}) reqs[d] = b.lookups_in(d, 0, b.sizes[d]);
+// Lists every directory of `dirs` and looks up each of its names; the lookups that failed.
+size_t touch(Bench& b, const std::vector<std::string>& dirs, std::map<std::string, std::vector<Encoded>>& reqs) {
+  size_t bad = 0;
+  for (const std::string& d : dirs) {
+    Listing l = list(b.lpc, b.dirs[d]);
+    if (l.status != 0) fail("B12 listing " + d + ": " + std::to_string(l.status));
+    bad += b.serve_all(b.lpc, reqs[d]);
+  }
+  return bad;
+}
+
+void b12(Bench& b, const std::vector<uint32_t>& budgets) {
+  // Every object B12 touches lives in a directory of at most 10,000 names: d1k, d10k and m00..m99.
+  std::vector<std::string> dirs = {"d1k", "d10k"};
+  for (int i = 0; i < kSpreadDirs; ++i) dirs.push_back(spread_dir(i));
+  std::map<std::string, std::vector<Encoded>> reqs;  // encoded before the first reading
+  size_t files = 0;
+  for (const std::string& d : dirs) {
+    reqs[d] = b.lookups_in(d, 0, b.sizes[d]);
+    files += reqs[d].size();
+  }
+  b.mark();
+  touch(b, dirs, reqs);  // m00..m99 come from the server once, so that every run below is local
+  std::printf("B12 preparation (first listing of m00..m99): server %s\n", b.requests().c_str());
+  b.drain();
+  for (uint32_t mib : budgets) {
     if (int st = ns_cache_set_size(mib << 20, true); st != 0) die("cache size", st);
     b.reset_caches();
     malloc_trim(0);
     const long before = rss_kib();
     b.mark();
-    size_t touched = 0, bad = 0;
-    for (const char* d : {"d1k", "d10k", "d100k"}) {
-      Listing l = list(b.lpc, b.dirs[d]);
-      if (l.status != 0) fail(std::string("B12 listing ") + d + ": " + std::to_string(l.status));
-      bad += b.serve_all(b.lpc, reqs[d]);
-      touched += reqs[d].size();
-    }
+    const size_t bad = touch(b, dirs, reqs);
     if (bad) fail("B12: " + std::to_string(bad) + " lookups failed");
     if (b.request_count()) fail("B12 reached the server: " + b.requests());
     const long after = rss_kib();
     const ns_cache_budget bg = ns_cache_get_budget();
-    std::printf("B12 budget %u MiB: %zu files listed and looked up; RSS %+.1f MiB (%ld -> %ld KiB)  ratio %.2f x budget\n",
-                mib, touched, (after - before) / 1024.0, before, after, (after - before) / 1024.0 / mib);
+    std::printf("B12 budget %u MiB: %zu files in %zu directories listed and looked up; RSS %+.1f MiB (%ld -> %ld KiB)  "
+                "ratio %.2f x budget\n",
+                mib, files, dirs.size(), (after - before) / 1024.0, before, after, (after - before) / 1024.0 / mib);
     std::printf("    objects %ld (%ld B of %u), attributes %ld (%ld B of %u), names %ld (%ld B of %u), listings %ld B of %u\n",
                 obj_cache_stats.count, obj_cache_stats.size, bg.obj_cache_max, fstat_cache_stats.count,
                 fstat_cache_stats.size, bg.fstat_max, name_cache_stats.count, name_cache_stats.size, bg.name_max,
                 readdir_cache_stats.size, bg.readdir_max);
+    b.drain();
   }
+}
+
+// Every name of d100k looked up with a 64 MiB budget, which keeps them all: one directory then holds
+// as many cached names as it has files.
+void one_large_directory(Bench& b) {
+  std::vector<Encoded> reqs = b.lookups_in("d100k", 0, b.sizes["d100k"]);
+  if (int st = ns_cache_set_size(64u << 20, true); st != 0) die("cache size", st);
+  b.reset_caches();
+  std::printf("lookups of all %zu names of d100k at 64 MiB: starting\n", reqs.size());
+  std::fflush(stdout);
+  b.mark();
+  if (size_t bad = b.serve_all(b.lpc, reqs)) fail("d100k lookups: " + std::to_string(bad) + " failed");
+  if (b.request_count()) fail("d100k lookups reached the server: " + b.requests());
+  std::printf("lookups of all names of d100k at 64 MiB: done, %ld names cached\n", name_cache_stats.count);
 }
 
 }  // namespace
@@ -530,6 +575,14 @@ void b12(Bench& b) {
 int main(int argc, char** argv) {
   const double scale = argc > 1 ? std::atof(argv[1]) : 1.0;
   if (scale <= 0) die("scale must be positive");
+  std::vector<uint32_t> budgets;  // MiB, in the order given
+  for (const char* p = argc > 2 ? argv[2] : "4,64"; *p;) {
+    char* end = nullptr;
+    const unsigned long mib = std::strtoul(p, &end, 10);
+    if (end == p || mib < 4 || mib > 1024) die("budgets: MiB from 4 to 1024, separated by commas");
+    budgets.push_back(uint32_t(mib));
+    p = *end == ',' ? end + 1 : end;
+  }
   Bench b;
   b.start(scale);
   std::printf("view database in %s, server on port %d, cache size 64 MiB\n", b.storage.c_str(), b.server->port());
@@ -537,7 +590,8 @@ int main(int argc, char** argv) {
   b4(b);
   b0_b1(b);
   b2(b);
-  b12(b);
+  b12(b, budgets);
+  one_large_directory(b);
   b.stop();
   std::printf("%s\n", g_failures ? "SOME MEASURES FAILED" : "all measures checked");
   return g_failures ? 1 : 0;
