@@ -409,7 +409,26 @@ void Kfsmd_Silo::open(uint64_t ino, int flags, Kfsmd_Reply& r) {
   int fl = fcntl(fd, F_GETFL);
   if (fl >= 0) fcntl(fd, F_SETFL, fl & ~O_NONBLOCK);
   const bool direct = static_cast<uint64_t>(st.st_size) != vs.fstat.size;
-  r.open(fd, !is_private(fh), direct);
+  bool keep = false;
+  if (!is_private(fh)) {
+    std::lock_guard<std::mutex> lk(m_mutex);
+    auto it = m_nodes.find(ino);
+    if (it != m_nodes.end()) {
+      Node& n = it->second;
+      keep = n.paged && !direct && n.paged_oid == vs.obj_oid && n.paged_size == vs.fstat.size &&
+             n.paged_mtime.tv_sec == vs.fstat.mtime.tv_sec && n.paged_mtime.tv_usec == vs.fstat.mtime.tv_usec &&
+             n.paged_dev == st.st_dev && n.paged_ino == st.st_ino && n.paged_ctime.tv_sec == st.st_ctim.tv_sec &&
+             n.paged_ctime.tv_nsec == st.st_ctim.tv_nsec;
+      n.paged = !direct;
+      n.paged_oid = vs.obj_oid;
+      n.paged_size = vs.fstat.size;
+      n.paged_mtime = vs.fstat.mtime;
+      n.paged_dev = st.st_dev;
+      n.paged_ino = st.st_ino;
+      n.paged_ctime = st.st_ctim;
+    }
+  }
+  r.open(fd, keep, direct);
 }
 
 void Kfsmd_Silo::statfs(Kfsmd_Reply& r) {

@@ -30,9 +30,14 @@
 //
 // Opening a file: Getcleartext names the backing file, relative to the view's cleartext cache
 // directory (rel_to_cache) or to "<storage>/.s", or absolute; it is opened as the view's owner.
+// That one call is all an open costs the agent: reads go to the backing file, in this process.
 // SILO objects are read-only (EROFS for writing or truncating before any RPC). When the backing file's
 // size differs from the attributes given to the kernel, the file is opened with direct I/O so reads
 // are not cut at the stale size.
+// Page cache: the kernel keeps the pages it read of a SILO file between opens (keep_cache) while the
+// node still stands for what it held at the last open: the same object, attributes (size, mtime) and
+// backing file. Any change, a first open, a view-private file or a direct-I/O open lets the kernel
+// drop them.
 //
 // Stale handles: a directory answered 1087 is revalidated (node 1: bound again) and the operation
 // retried once; files get ESTALE.
@@ -45,6 +50,9 @@
 //
 // Lock: m_mutex guards the tables; it is never held across an RPC or a system call on a backing file.
 #pragma once
+
+#include <sys/time.h>
+#include <sys/types.h>
 
 #include <chrono>
 #include <cstdint>
@@ -129,6 +137,14 @@ class Kfsmd_Silo {
     uint64_t nlookup = 0;
     uint64_t parent = 0;                                // directory it was last looked up in
     std::set<std::pair<uint64_t, std::string>> names;  // (directory, name) that point here
+    // What the kernel's pages of a SILO file were read from (valid when `paged`).
+    bool paged = false;
+    tbs_oid_s paged_oid{};
+    uint64_t paged_size = 0;
+    struct timeval paged_mtime {};
+    dev_t paged_dev = 0;
+    ino_t paged_ino = 0;
+    struct timespec paged_ctime {};  // a file made anew may get a freed inode number back
   };
   using Key = std::tuple<uint32_t, uint32_t, uint32_t>;
   static Key key_of(const view_fhandle_t& fh) { return Key{fh.ver_dbid, fh.gen, fh.flags & 1}; }

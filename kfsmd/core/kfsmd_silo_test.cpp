@@ -2,7 +2,12 @@
 // kernel, what each invalidation plans, and path resolution for the stat command.
 #include "kfsmd/core/kfsmd_silo.h"
 
+#include <fcntl.h>
+
 #include <algorithm>
+#include <filesystem>
+#include <fstream>
+#include <functional>
 #include <thread>
 
 #include "kfsmd/core/kfsmd_test_util.h"
@@ -283,6 +288,45 @@ TEST_F(Silo, StatResolvesPathsThroughTheAgent) {
   EXPECT_EQ(x.oid, Agent::oid(4));
   EXPECT_EQ(x.uuid, uuid_n(5));
   EXPECT_EQ(x.uuid2, uuid_n(1));
+}
+
+}  // namespace
+
+namespace {
+
+// The kernel keeps the pages of a SILO file between opens only while the file is what it was at the
+// last open: same attributes and backing file, and not opened for direct I/O meanwhile.
+TEST_F(Silo, TheKernelKeepsPagesOfAnUnchangedFileBetweenOpens) {
+  const std::string backing = base + "/f.cltxt";
+  std::ofstream(backing) << std::string(30, 'f');
+  agent.set_cleartext(backing, false);
+  const uint64_t f = look(1, "f");
+  struct Step {
+    const char* what;
+    std::function<void()> change;
+    bool keep, direct;
+  } steps[] = {
+      {"first open", [] {}, false, false},
+      {"second open", [] {}, true, false},
+      {"size changed", [&] { agent.add(1, "f", 3, 1, 31); }, false, true},
+      {"size back", [&] { agent.add(1, "f", 3, 1, 30); }, false, false},
+      {"unchanged again", [] {}, true, false},
+      {"other backing file", [&] {
+         std::ofstream(backing + ".new") << std::string(30, 'g');
+         std::filesystem::rename(backing + ".new", backing);
+       }, false, false},
+  };
+  for (const Step& s : steps) {
+    SCOPED_TRACE(s.what);
+    s.change();
+    ASSERT_EQ(getattr(f), 0);
+    Rec_Reply r;
+    silo->open(f, O_RDONLY, r);
+    ASSERT_EQ(r.error, 0);
+    EXPECT_EQ(r.keep_cache, s.keep);
+    EXPECT_EQ(r.direct_io, s.direct);
+  }
+  EXPECT_EQ(agent.count(VIEW_RPC_GETCLEARTEXT), 6);  // one call to the agent per open
 }
 
 }  // namespace

@@ -100,7 +100,8 @@ struct Rec_Reply : Kfsmd_Reply {
   void entry(const Kfsmd_Entry& e) override { error = 0, ent = e; }
   void attr(const struct stat& s, double t) override { error = 0, st = s, timeout = t; }
   void readlink(const std::string& t) override { error = 0, text = t; }
-  void open(int fd, bool, bool) override { error = 0, close(fd); }
+  bool keep_cache = false, direct_io = false;  // of the last open
+  void open(int fd, bool keep, bool direct) override { error = 0, keep_cache = keep, direct_io = direct, close(fd); }
   void statfs(const struct statvfs&) override { error = 0; }
   bool dir_add(const std::string& name, uint64_t ino, uint64_t off) override {
     if (dir.size() >= room) return false;
