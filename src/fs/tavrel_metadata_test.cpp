@@ -125,11 +125,7 @@ class MetadataTest : public wan_test::ScriptedServerTest {
     serve();
   }
   void TearDown() override {
-    // Nothing queued may outlive the test (a queued read holds its directory's scoreboard).
-    while (Tavrel_Request* r = Tavrel_Thread_Manager_Base::get_instance()->pop_request(false)) {
-      r->cancel_request();
-      delete r;
-    }
+    drop_queued();  // a queued read holds its directory's scoreboard
     open_gate();
     Tavrel_Metadata::set_view_source(nullptr);
     silo_tab_dispose_all();
@@ -196,6 +192,12 @@ class MetadataTest : public wan_test::ScriptedServerTest {
     model.cv.wait(g, [&] { return model.listings_entered >= n; });
   }
   size_t count(const char* rpc) { return server->count(rpc); }
+  static void drop_queued() {
+    while (Tavrel_Request* r = Tavrel_Thread_Manager_Base::get_instance()->pop_request(false)) {
+      r->cancel_request();
+      delete r;
+    }
+  }
   // Runs every queued request on this thread, as a pool thread would.
   void run_queued() {
     while (Tavrel_Request* r = Tavrel_Thread_Manager_Base::get_instance()->pop_request(false)) {
@@ -275,6 +277,16 @@ TEST_F(MetadataTest, LookupDecisionTable) {
   EXPECT_EQ(std::string(reinterpret_cast<const char*>(got.vstat.fstat.owner.bytes), got.vstat.fstat.owner.len), uid);
   EXPECT_EQ(got.vstat.obj_oid, oid(100));
   EXPECT_EQ(got.vstat.mtype, SILO_MTYPE_FILE_VER);
+
+  // Online with the server gone: a directory's listing is what the database holds, never complete.
+  tavrel_set_online(true);
+  ASSERT_EQ(lookup(docs, "readme"), 0);
+  drop_queued();  // the background listing it queued never runs
+  server.reset();
+  std::vector<tavrel_dirent> v;
+  EXPECT_EQ(Tavrel_Metadata::readdir_obj(replica, docs, &v), 0);
+  EXPECT_EQ(names(v), "readme ");
+  EXPECT_EQ(lookup(docs, "other"), TAVREL_ST_WAN_CALL);
 }
 
 TEST_F(MetadataTest, ConcurrentForegroundListingsMakeOneRequest) {
