@@ -84,7 +84,10 @@ int Tavrel_View_db_root_dir::create(const tbs_oid_s& scope, uint32_t gn, int loa
   const view_vstat_t& ea = e.mtype == SILO_MTYPE_NONE ? o : e;
   uint32_t silo = 0, root = 0, el = 0;
   int st = tvr_db_in_trans(1, [&] {
+    // The first root of a SILO the view meets brings its row: an empty host and path (":"), which the
+    // module's mount information may fill in later.
     int s = tvr_db_silo_lookup(m_replica, &silo);
+    if (s == TBS_ST_NOT_FOUND) s = tvr_db_silo_create(m_replica, ":", &silo);
     if (s == 0) {
       s = tvr_db_create_vns_elem(silo, elem_oid, SILO_MTYPE_DIR_ELEM, ea.event_time, ea.fstat,
                                  elem.checked_out || obj.checked_out, obj.checked_out ? &o.obj_oid : nullptr, &el);

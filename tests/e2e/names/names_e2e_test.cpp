@@ -47,7 +47,7 @@ std::map<std::string, std::string> walk(const std::string& root) {
   std::error_code ec;
   for (auto it = fs::recursive_directory_iterator(root, ec); !ec && it != fs::recursive_directory_iterator();
        it.increment(ec)) {
-    std::string rel = fs::relative(it->path(), root).string();
+    std::string rel = it->path().lexically_relative(root).string();
     out[rel] = describe(it->path().string());
   }
   if (ec) out["<walk error>"] = ec.message();
@@ -58,10 +58,10 @@ class NamesE2E : public ::testing::Test {
  protected:
   void SetUp() override {
     TAVREL_E2E_NEED_FUSE();
-    // A real tree of a few thousand files with symbolic links: three folders of the system's headers and
+    // A real tree of a few thousand files with symbolic links: four folders of the system's headers and
     // the top-level links that point into them.
     fileutl_mkpath(r.at("tree"), 0755);
-    Outcome cp = r.sh("cd /usr/include && cp -a linux asm-generic x86_64-linux-gnu " + q(r.at("tree")) +
+    Outcome cp = r.sh("cd /usr/include && cp -a linux asm-generic x86_64-linux-gnu c++ " + q(r.at("tree")) +
                       " && for l in $(find . -maxdepth 1 -type l); do cp -a \"$l\" " + q(r.at("tree")) + "/; done");
     ASSERT_EQ(cp.code, 0) << cp.err;
     ASSERT_EQ(r.import("/inc", "tree").code, 0);
