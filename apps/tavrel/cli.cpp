@@ -216,7 +216,7 @@ int main(int argc, char** argv) {
   Options opts;
   opts.agent = default_agent(argv[0]);
   if (const char* s = getenv("TAVREL_STORAGE")) opts.storage = s;
-  if (const char* t = getenv("TAVREL_TIMEOUT")) opts.timeout_s = atoi(t);
+  if (const char* t = getenv("TAVREL_TIMEOUT")) opts.timeout_s = atoi(t), opts.timeout_given = true;
   const Command* cmd = nullptr;
   bool help = false;
   for (int i = 1; i < argc; i++) {
@@ -235,6 +235,7 @@ int main(int argc, char** argv) {
       long t = strtol(v.c_str(), &end, 10);
       if (v.empty() || *end || t <= 0 || t > 86400) return fail(kUsage, "--timeout takes seconds from 1 to 86400");
       opts.timeout_s = static_cast<int>(t);
+      opts.timeout_given = true;
     } else if (name == "--json") {
       opts.output = Output::kJson;
     } else if (name == "--xml") {

@@ -23,6 +23,7 @@ struct Options {
   std::string storage;      // absolute
   std::string agent;        // program path
   int timeout_s = 60;
+  bool timeout_given = false;  // -t or TAVREL_TIMEOUT named a time limit
   Output output = Output::kHuman;
   std::string txid;
   bool quiet = false;
@@ -53,6 +54,8 @@ struct Command {
 const std::vector<Command>& commands();
 // The rows of the mount commands (mount, umount, mounts, silo) and of the module daemon (kfsmd).
 std::vector<Command> mount_commands();
+// The row of `update`.
+std::vector<Command> update_commands();
 int main(int argc, char** argv);
 
 // Shared by the commands.

@@ -336,6 +336,7 @@ const std::vector<Command>& commands() {
   static const std::vector<Command> all = [] {
     std::vector<Command> rows = table;
     for (const Command& c : mount_commands()) rows.push_back(c);
+    for (const Command& c : update_commands()) rows.push_back(c);
     return rows;
   }();
   return all;
