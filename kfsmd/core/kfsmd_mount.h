@@ -42,8 +42,10 @@ class Kfsmd_Reply {
 };
 
 struct Kfsmd_Action {
-  enum Kind { ENTRY, INODE } kind;
-  uint64_t parent_or_ino;  // ENTRY: the directory; INODE: the inode
+  // ENTRY: a name in a directory. INODE: the attributes of an inode. INODE_DATA: its attributes and
+  // what the kernel keeps of its contents (file pages, a directory's cached listing).
+  enum Kind { ENTRY, INODE, INODE_DATA } kind;
+  uint64_t parent_or_ino;  // ENTRY: the directory; INODE, INODE_DATA: the inode
   std::string name;        // ENTRY only
   bool operator==(const Kfsmd_Action& o) const {
     return kind == o.kind && parent_or_ino == o.parent_or_ino && name == o.name;

@@ -495,7 +495,7 @@ void Kfsmd_Silo::plan(uint32_t kind, const tbs_oid_s& oid, const std::string& na
     for (const auto& nm : m_names) out->push_back({Kfsmd_Action::ENTRY, nm.first.first, nm.first.second});
     for (const auto& neg : m_negative) out->push_back({Kfsmd_Action::ENTRY, neg.first.first, neg.first.second});
     for (auto& n : m_nodes) {
-      out->push_back({Kfsmd_Action::INODE, n.first, ""});
+      out->push_back({Kfsmd_Action::INODE_DATA, n.first, ""});
       n.second.names.clear();
     }
     m_names.clear();
@@ -510,7 +510,7 @@ void Kfsmd_Silo::plan(uint32_t kind, const tbs_oid_s& oid, const std::string& na
     for (uint64_t d : hit) {
       if (!is_dir(m_nodes[d].vs)) continue;
       out->push_back({Kfsmd_Action::ENTRY, d, name});
-      out->push_back({Kfsmd_Action::INODE, d, ""});
+      out->push_back({Kfsmd_Action::INODE_DATA, d, ""});
       drop_name(d, name);
     }
     return;
@@ -518,7 +518,7 @@ void Kfsmd_Silo::plan(uint32_t kind, const tbs_oid_s& oid, const std::string& na
   // Kinds 2, 5, 6, 7.
   for (uint64_t ino : hit) {
     Node& n = m_nodes[ino];
-    out->push_back({Kfsmd_Action::INODE, ino, ""});
+    out->push_back({Kfsmd_Action::INODE_DATA, ino, ""});
     std::vector<std::pair<uint64_t, std::string>> names(n.names.begin(), n.names.end());
     for (const auto& nm : names) {
       out->push_back({Kfsmd_Action::ENTRY, nm.first, nm.second});

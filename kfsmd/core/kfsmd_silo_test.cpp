@@ -134,7 +134,7 @@ TEST_F(Silo, EachInvalidationPlansItsActions) {
     std::lock_guard<std::mutex> lk(rec.mu);
     rec.actions.clear();
   };
-  const A::Kind E = A::ENTRY, I = A::INODE;
+  const A::Kind E = A::ENTRY, I = A::INODE_DATA;  // a change the agent reports drops attributes and contents
   struct {
     const char* what;
     uint32_t kind;
@@ -233,7 +233,7 @@ TEST_F(Silo, NamesGivenWithoutCachingAreNotKept) {
   // An invalidation of the file reaches its attributes but plans no name.
   ASSERT_EQ(cmd_inval(view_root("v"), KFSM_INVAL_OBJ, uuid_n(5), Agent::oid(3)), 0);
   std::lock_guard<std::mutex> lk(rec.mu);
-  EXPECT_EQ(rec.actions[silo->info().mount_point], (std::vector<A>{{A::INODE, f, ""}}));
+  EXPECT_EQ(rec.actions[silo->info().mount_point], (std::vector<A>{{A::INODE_DATA, f, ""}}));
 }
 
 TEST_F(Silo, AMovedLvutInvalidatesTheAttributesTheKernelHoldsOncePerTimeout) {

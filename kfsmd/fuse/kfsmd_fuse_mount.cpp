@@ -135,8 +135,8 @@ void Kfsmd_Fuse_Mounter::notifier_loop() {
         for (const Kfsmd_Action& a : item.second) {
           if (a.kind == Kfsmd_Action::ENTRY)
             fuse_lowlevel_notify_inval_entry(st.se, a.parent_or_ino, a.name.c_str(), a.name.size());
-          else
-            fuse_lowlevel_notify_inval_inode(st.se, a.parent_or_ino, -1, 0);
+          else  // off -1: attributes only; off 0, len 0: attributes and every cached page
+            fuse_lowlevel_notify_inval_inode(st.se, a.parent_or_ino, a.kind == Kfsmd_Action::INODE ? -1 : 0, 0);
         }
       }
     }

@@ -97,6 +97,15 @@ void op_readlink(fuse_req_t req, fuse_ino_t ino) {
   silo_of(req)->readlink(ino, r);
 }
 
+// Listings come from the agent, which answers the same way until the directory changes, so the kernel
+// keeps them in its page cache across opens. What changes a directory reaches the kernel as an
+// invalidation of its node (a downcall from the agent, or a new LVUT of its SILO), which drops them.
+void op_opendir(fuse_req_t req, fuse_ino_t, struct fuse_file_info* fi) {
+  fi->cache_readdir = 1;
+  fi->keep_cache = 1;
+  fuse_reply_open(req, fi);
+}
+
 void op_readdir(fuse_req_t req, fuse_ino_t ino, size_t size, off_t off, struct fuse_file_info*) {
   Fuse_Reply r(req, nullptr, size);
   silo_of(req)->readdir(ino, off < 0 ? 0 : static_cast<uint64_t>(off), size, r);
@@ -150,6 +159,7 @@ const struct fuse_lowlevel_ops kfsmd_fuse_ops = [] {
   ops.forget_multi = op_forget_multi;
   ops.getattr = op_getattr;
   ops.readlink = op_readlink;
+  ops.opendir = op_opendir;
   ops.readdir = op_readdir;
   ops.open = op_open;
   ops.read = op_read;
