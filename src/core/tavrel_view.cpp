@@ -29,7 +29,7 @@
 
 Tavrel_Mutex Tavrel_View::g_update_lock{Tavrel_Lock_Rank::UPDATE_GATE, "Tavrel_View::g_update_lock"};
 std::condition_variable_any Tavrel_View::g_gn_cond;
-unsigned Tavrel_View::g_view_gn = 0;
+std::atomic<unsigned> Tavrel_View::g_view_gn{0};
 Tavrel_Update* Tavrel_View::g_active_update = nullptr;
 bool Tavrel_View::g_update_running = false;
 bool Tavrel_View::g_stop_update = false;
@@ -744,10 +744,7 @@ void Tavrel_View::conditional_unlock() {
 // ----------------------------------------------------------------------------------------------------
 // Generation number and the update gate
 
-unsigned Tavrel_View::get_current_gn() {
-  std::lock_guard<Tavrel_Mutex> g(g_update_lock);
-  return g_view_gn;
-}
+unsigned Tavrel_View::get_current_gn() { return g_view_gn.load(); }
 
 void Tavrel_View::set_current_gn(unsigned gn, bool running) {
   Tavrel_Trace trace(TAVREL, "Tavrel_View", "set_current_gn");
@@ -761,7 +758,7 @@ void Tavrel_View::set_current_gn(unsigned gn, bool running) {
 bool Tavrel_View::update_start(Tavrel_Update* update, unsigned& gn, bool wait) {
   Tavrel_Trace trace(TAVREL, "Tavrel_View", "update_start");
   std::unique_lock<Tavrel_Mutex> g(g_update_lock);
-  trace.writeTrace(TRACE_LEVEL_4, "current GN %u", g_view_gn);
+  trace.writeTrace(TRACE_LEVEL_4, "current GN %u", g_view_gn.load());
   if (g_active_update && !wait) return false;
   g_gn_cond.wait(g, [] { return g_active_update == nullptr; });
   g_active_update = update;

@@ -19,7 +19,8 @@
 // makes the step that needs it fail with a status; nothing is pretended.
 //
 // Thread safety: the update state (g_view_gn, g_active_update, g_update_running, g_stop_update) is
-// guarded by g_update_lock with g_gn_cond; the view root by its own mutex; the process-wide copy of the
+// guarded by g_update_lock with g_gn_cond; g_view_gn is also an atomic, so get_current_gn reads it
+// without the lock (the name service asks for it under its own locks, which rank below the gate); the view root by its own mutex; the process-wide copy of the
 // server tag by its own mutex. Everything else is set before the pool starts and read without a lock,
 // except the cache size, which set_cache_size writes from a pool thread (SetCache).
 #pragma once
@@ -228,7 +229,7 @@ class Tavrel_View {
 
   static Tavrel_Mutex g_update_lock;
   static std::condition_variable_any g_gn_cond;
-  static unsigned g_view_gn;
+  static std::atomic<unsigned> g_view_gn;  // written under g_update_lock, read without it
   static Tavrel_Update* g_active_update;
   static bool g_update_running;
   static bool g_stop_update;

@@ -194,7 +194,7 @@ TEST(KfsmFrame, AMalformedLookupIsAnsweredWithTheXidDecodedSoFar) {
 }
 
 // Operations whose namespace change is not offered yet decode their own request (a torn one is
-// refused as undecodable) and answer 1007 with the request's xid; the cleartext reply stands twice.
+// refused as undecodable) and answer 1007 with the request's xid.
 TEST(KfsmFrame, OperationsNotOfferedYetAnswer1007) {
   view_symlink_req_t link{};
   char target[] = "../t";
@@ -205,7 +205,6 @@ TEST(KfsmFrame, OperationsNotOfferedYetAnswer1007) {
     std::vector<char> req;
     size_t copies;
   } rows[] = {
-      {VIEW_RPC_GETCLEARTEXT, encode_request(xdr_view_readlink_req_t), 2},
       {VIEW_RPC_SETATTR, encode_request(xdr_view_setattr_req_t), 1},
       {VIEW_RPC_CREATE, encode_request(xdr_view_create_req_t), 1},
       {VIEW_RPC_REMOVE, encode_request(xdr_view_dir_req_t), 1},

@@ -107,7 +107,7 @@ struct obj_entry {
   readdir_root* readdir_list;  // listing of this directory or null
   uint32_t gen;              // generation that file handles carry
   silo_mtype_t mtype;
-  uint16_t ref_cnt;
+  uint32_t ref_cnt;          // 32 bits: every name cached in a directory holds one on it
   uint16_t flags;            // OBJ_FLAG_*
   obj_entry* ver_next;       // next version or link of the same element
   uint32_t otype;            // CACHE_*_OBJ

@@ -455,7 +455,9 @@ TEST_F(NsLookup, Paths) {
     obj_entry* now = lookup_revalidate(obj, &st);
     EXPECT_EQ(now, obj) << st;
     obj_free(now);
-    if (std::strlen(r.path) > 1) EXPECT_EQ(lookup_gpath(obj, 0, 4, path, sizeof ext, ext), TBS_ST_TOO_LONG);
+    if (std::strlen(r.path) > 1) {
+      EXPECT_EQ(lookup_gpath(obj, 0, 4, path, sizeof ext, ext), TBS_ST_TOO_LONG);
+    }
     EXPECT_EQ(lookup_gpath(obj, 0, 0, path, sizeof ext, ext), TBS_ST_BAD_ARG);
     EXPECT_EQ(lookup_gpath(obj, 1, sizeof path, path, sizeof ext, ext), TBS_ST_INTERNAL);
     obj_free(obj);

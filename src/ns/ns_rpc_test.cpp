@@ -101,7 +101,9 @@ TEST_F(NsRpc, ReadlinkOfViewPrivateLinks) {
     std::memset(buf, '#', sizeof buf);
     size_t len = 99;
     ASSERT_EQ(ns_readlink(&fh, r.max_len, &len, buf), r.want);
-    if (r.want == 0) EXPECT_TRUE(std::string(buf, len) == r.text && buf[len] == '#');
+    if (r.want == 0) {
+      EXPECT_TRUE(std::string(buf, len) == r.text && buf[len] == '#');
+    }
   }
 }
 
