@@ -13,6 +13,8 @@
 #include "ops/tavrel_mkview.h"
 #include "ops/tavrel_mountsilo.h"
 #include "ops/tavrel_startview.h"
+#include "update/tavrel_load.h"
+#include "update/tavrel_update.h"
 
 namespace {
 
@@ -36,9 +38,11 @@ constexpr Tavrel_Op_Entry kOperations[] = {
     {"IsProjectSilo", "1", &make_op<Tavrel_IsProjectSilo>},
     {"IsUpdateInProgress", "1", &make_op<Tavrel_IsUpdateInProgress>},
     {"IsSiloPublic", "1", &make_op<Tavrel_IsSiloPublic>},
+    {"Load", "1", &make_op<Tavrel_Load>},
     {"MkView", "1", &make_op<Tavrel_Mkview>},
     {"MountSilo", "1", &make_op<Tavrel_Mountsilo>},
     {"StartView", "1", &make_op<Tavrel_Startview>},
+    {"Update", "1", &make_op<Tavrel_Update>},
 };
 
 }  // namespace
