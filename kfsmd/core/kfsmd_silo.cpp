@@ -56,7 +56,7 @@ void Kfsmd_Silo::note_lvut(const struct timeval& lvut) {
     m_lvut = lvut;
     if (first) return;  // nothing was given to the kernel under an older time that this one could date
     const auto now = std::chrono::steady_clock::now();
-    const auto period = std::chrono::milliseconds(static_cast<int64_t>(m_view->options().attr_timeout_silo * 1000));
+    const auto period = std::chrono::milliseconds(static_cast<int64_t>(m_view->options().lvut_inval_period * 1000));
     if (m_lvut_invalidated && now - m_lvut_inval_at < period) return;
     m_lvut_invalidated = true;
     m_lvut_inval_at = now;

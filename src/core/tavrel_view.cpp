@@ -17,6 +17,7 @@
 #include "base/imsg.h"
 #include "base/server.h"
 #include "base/strutl.h"
+#include "core/tavrel_config.h"
 #include "core/tavrel_log.h"
 #include "core/tavrel_status.h"
 #include "core/tavrel_thread_manager_base.h"
@@ -530,7 +531,17 @@ int Tavrel_View::read_metadata_file(int full) {
   if (status == 0) m_cache_size = static_cast<unsigned>(cache_size);
   if (status == 0 && full != 0) {
     if (!is_valid()) return TAVREL_ST_VIEW_IDENTITY;
-    status = set_cache_size(static_cast<unsigned>(cache_size), m_status_message, false);
+    // A view whose metadata names no size takes tavrel.conf's tavrelCacheSize (bytes; 32 MiB unless set),
+    // enough for the names and attributes of a working set of some 50,000 objects, so walking a large
+    // tree does not evict attributes and move the SILO's LVUT on every step.
+    // The metadata keeps saying "no size", so a later change of tavrel.conf applies to the view too.
+    unsigned size = static_cast<unsigned>(cache_size);
+    if (size == 0) {
+      long conf = Tavrel_Config::get_instance()->get_int_param(CONF_CACHE_SIZE, DEFAULT_CACHE_SIZE);
+      size = conf > 0 && conf <= 0x7fffffffL ? static_cast<unsigned>(conf) : DEFAULT_CACHE_SIZE;
+    }
+    status = set_cache_size(size, m_status_message, false);
+    if (cache_size == 0) m_cache_size = 0;
   }
   return status;
 }

@@ -189,6 +189,9 @@ class Tavrel_View {
   bool is_tkm() const { return m_view_type == TKM_VIEW_TYPE; }
   int get_preserve_time() const { return m_preserve_time; }
   unsigned get_cache_size() const { return m_cache_size.load(); }
+  // The cache size a view starts with when its metadata names none.
+  static constexpr const char* CONF_CACHE_SIZE = "tavrelCacheSize";
+  static constexpr unsigned DEFAULT_CACHE_SIZE = 32u << 20;
   Tavrel_View_db* get_db() const { return m_db; }
   const std::string& get_status_message() const { return m_status_message; }
   void clear_status_message() { m_status_message.clear(); }

@@ -506,6 +506,8 @@ TEST_F(ViewTest, SetCacheSize) {
   std::string m;
   EXPECT_EQ(v->set_cache_size(1000, m, true), TAVREL_ST_FAILURE);
   EXPECT_EQ(m, msg(TVR_LIB_CACHE_MINIMUM, 1000u, Tavrel_View::MIN_CACHE_SIZE));
+  // No size in the metadata: the caches run with the default and the file still names none.
+  EXPECT_EQ(g_fake.last_size, Tavrel_View::DEFAULT_CACHE_SIZE);
   EXPECT_EQ(v->get_cache_size(), 0u);
   EXPECT_NE(read_text(m_meta).find("cache-size=0\n"), std::string::npos);
   m.clear();
