@@ -253,16 +253,16 @@ bool Tavrel_Update::queue_view_update(Tavrel_Async_Update** out_job) {
   if (init_log() != 0) return false;
   auto* copy = new Tavrel_Update(*this);
   copy->m_log = std::move(m_log);
-  auto* job = new Tavrel_Async_Update(copy);
   unsigned gn = 0;
   if (!Tavrel_View::update_start(copy, gn, false)) {
     trace.writeTrace(TRACE_LEVEL_2, "an update is already running");
-    // The log made for this request stays empty: it names no update that ran.
+    // The log made for this request names no update that ran: it goes (it is still empty).
+    ::unlink(copy->m_log->get_log_path().c_str());
     m_log_file.clear();
-    copy->m_log_file.clear();
-    delete job;
+    delete copy;
     return false;
   }
+  auto* job = new Tavrel_Async_Update(copy);
   if (out_job) *out_job = job;
   Tavrel_Thread_Manager_Base::get_instance()->start_op(job);
   return true;

@@ -11,6 +11,9 @@
 #include "core/tavrel_util.h"
 #include "core/tavrel_view.h"
 #include "db/tavrel_db_vns.h"
+#include "db/tavrel_engine_db.h"
+#include "db/tvr_db_silo.h"
+#include "db/tvr_db_vns.h"
 #include "fs/tavrel_metadata.h"
 #include "fs/tavrel_view_db.h"
 #include "fs/tavrel_view_db_root_dir.h"
@@ -327,7 +330,9 @@ bool Tavrel_View_db_listener::unload_object(const tbs_uuid_s& replica_uuid, cons
   trace.writeTrace(TRACE_LEVEL_5, "unload silo %s parent elem %s name \"%s\" old_obj_oid %s",
                    uuid_text(replica_uuid).c_str(), oid_text(parent_oid).c_str(), leaf.c_str(),
                    oid_text(object_oid).c_str());
-  int st = tavrel_db_ver_mark_remove(replica_uuid, parent_oid, object_oid, leaf.c_str());
+  // The stream names the element; the name in its parent shows the version of it that the view holds.
+  const tbs_oid_s shown = shown_object(replica_uuid, object_oid);
+  int st = tavrel_db_ver_mark_remove(replica_uuid, parent_oid, shown, leaf.c_str());
   if (st != 0)
     return fail(agent_status(st), TVR_LIB_UPDATE_MARK_REMOVED, uuid_text(replica_uuid).c_str(),
                 oid_text(parent_oid).c_str(), path.c_str(), db_text(st));
@@ -344,10 +349,27 @@ bool Tavrel_View_db_listener::unload_object(const tbs_uuid_s& replica_uuid, cons
   } else if (log) {
     log->log_unload(path);
   }
-  flush(replica_uuid, object_oid, TBS_OID_NULL, parent_oid, leaf, path);
+  flush(replica_uuid, object_oid, shown, parent_oid, leaf, path);
   if (!new_leaf.empty()) flush(replica_uuid, TBS_OID_NULL, TBS_OID_NULL, parent_oid, new_leaf, dir + "/" + new_leaf);
   m_applied++;
   return true;
+}
+
+tbs_oid_s Tavrel_View_db_listener::shown_object(const tbs_uuid_s& replica, const tbs_oid_s& object_oid) {
+  uint32_t dbid = 0, ver = 0;
+  silo_mtype_t mtype = 0;
+  if (!Tavrel_View_db::obj_oid_to_dbid_mtype(replica, object_oid, &dbid, &mtype) ||
+      (mtype != SILO_MTYPE_DIR_ELEM && mtype != SILO_MTYPE_FILE_ELEM))
+    return object_oid;  // a link is its own element; an object the view does not hold has no name to mark
+  int st = tvr_db_in_trans(0, [&] {
+    uint32_t silo = 0;
+    int st = tvr_db_silo_lookup(replica, &silo);
+    if (st == 0) st = tvr_db_elem_get_ver(silo, dbid, &ver);
+    return st;
+  });
+  tbs_oid_s oid = object_oid;
+  if (st == 0 && !Tavrel_View_db::obj_dbid_to_oid(replica, ver, &oid)) oid = object_oid;
+  return oid;
 }
 
 // ---- the end ------------------------------------------------------------------------------------------------------
