@@ -168,6 +168,15 @@ int Tavrel_View::start_store() {
     trace.writeTrace(TRACE_LEVEL_1, "No name-service cache to start");
     return TAVREL_ST_CACHE_START;
   }
+  // A view whose metadata names no size takes tavrel.conf's tavrelCacheSize (bytes; 32 MiB unless set),
+  // enough for the names and attributes of a working set of some 50,000 objects, so walking a large tree
+  // does not evict attributes and move the SILO's LVUT at every step. The metadata keeps naming no size,
+  // so a later change of tavrel.conf applies to the view too.
+  if (m_cache_size.load() == 0 && g_hooks.cache_set_size) {
+    long conf = Tavrel_Config::get_instance()->get_int_param(CONF_CACHE_SIZE, DEFAULT_CACHE_SIZE);
+    unsigned size = conf > 0 && conf <= 0x7fffffffL ? static_cast<unsigned>(conf) : DEFAULT_CACHE_SIZE;
+    if (g_hooks.cache_set_size(size, true) != 0) trace.writeTrace(TRACE_LEVEL_2, "default cache size %u refused", size);
+  }
   if (g_hooks.cache_init() != 0) return TAVREL_ST_CACHE_START;
 
   int db_status = g_hooks.start_db ? g_hooks.start_db(m_storage_path, m_view_uuid_str, &m_db) : TBS_ST_FAILURE;
@@ -531,17 +540,7 @@ int Tavrel_View::read_metadata_file(int full) {
   if (status == 0) m_cache_size = static_cast<unsigned>(cache_size);
   if (status == 0 && full != 0) {
     if (!is_valid()) return TAVREL_ST_VIEW_IDENTITY;
-    // A view whose metadata names no size takes tavrel.conf's tavrelCacheSize (bytes; 32 MiB unless set),
-    // enough for the names and attributes of a working set of some 50,000 objects, so walking a large
-    // tree does not evict attributes and move the SILO's LVUT on every step.
-    // The metadata keeps saying "no size", so a later change of tavrel.conf applies to the view too.
-    unsigned size = static_cast<unsigned>(cache_size);
-    if (size == 0) {
-      long conf = Tavrel_Config::get_instance()->get_int_param(CONF_CACHE_SIZE, DEFAULT_CACHE_SIZE);
-      size = conf > 0 && conf <= 0x7fffffffL ? static_cast<unsigned>(conf) : DEFAULT_CACHE_SIZE;
-    }
-    status = set_cache_size(size, m_status_message, false);
-    if (cache_size == 0) m_cache_size = 0;
+    status = set_cache_size(static_cast<unsigned>(cache_size), m_status_message, false);
   }
   return status;
 }
