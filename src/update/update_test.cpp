@@ -6,9 +6,7 @@
 
 #include <atomic>
 #include <filesystem>
-#include <fstream>
 #include <future>
-#include <sstream>
 #include <thread>
 
 #include <gtest/gtest.h>
@@ -21,7 +19,6 @@
 #include "db/db_test_util.h"
 #include "db/tavrel_db_adopt.h"
 #include "db/tavrel_db_container.h"
-#include "db/tavrel_db_vns.h"
 #include "db/tavrel_engine_db.h"
 #include "db/tvr_db_dir.h"
 #include "db/tvr_db_silo.h"
@@ -230,14 +227,23 @@ class UpdateTest : public wan_test::ScriptedServerTest {
     Outcome out{op->get_status(), op->get_status_message(), "", ""};
     op->get_response(out.response);
     const size_t at = out.response.find("<log-file>");
-    if (at != std::string::npos) {
-      const std::string name = out.response.substr(at + 10, out.response.find('<', at + 10) - at - 10);
-      std::ifstream in(storage->path() + "/log/" + name);
-      std::stringstream s;
-      s << in.rdbuf();
-      out.log = s.str();
-    }
+    if (at != std::string::npos)
+      out.log = wan_test::read_file(storage->path() + "/log/" +
+                                    out.response.substr(at + 10, out.response.find('<', at + 10) - at - 10));
     return out;
+  }
+  // The texts of the update logs in the view, by name.
+  std::vector<std::string> update_logs() {
+    std::vector<std::string> out;
+    if (fs::exists(storage->path() + "/log"))
+      for (const auto& e : fs::directory_iterator(storage->path() + "/log"))
+        if (e.path().filename().string().rfind("update.", 0) == 0) out.push_back(wan_test::read_file(e.path()));
+    return out;
+  }
+  template <class P>
+  static void wait_until(P pred) {
+    const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(30);
+    while (!pred() && std::chrono::steady_clock::now() < deadline) std::this_thread::yield();
   }
   void script(const std::string& doc) {
     std::lock_guard<std::mutex> g(mu);
@@ -286,41 +292,38 @@ class UpdateTest : public wan_test::ScriptedServerTest {
     });
     return st == 0 ? static_cast<long>(state) : -1;
   }
-  // The user's hijack of a.c: a view-private file under the name, marked hijacked.
-  void hijack_a() {
+  // Calls `fn` with the SILO's root directory, under the name service's mutex.
+  template <class F>
+  void with_root(F fn) {
     std::lock_guard<Tavrel_Recursive_Mutex> g(tavrel_cache_mutex());
     int st = 0, cacheable = 0;
     uint32_t state = 0;
-    view_silo* silo = silo_create(replica, &st);
-    ASSERT_NE(silo, nullptr) << st;
-    obj_entry* root = lookup_root_ext(silo, 0, &cacheable, &state, &st);
+    obj_entry* root = lookup_root_ext(silo_create(replica, &st), 0, &cacheable, &state, &st);
     ASSERT_NE(root, nullptr) << st;
-    view_set_attr_t sattr{};
-    sattr.mode = 0644;
-    obj_entry* f = tavrel_db_create(nullptr, root, "a.c", 1, &sattr, nullptr, VIEW_NAME_STATE_VIEW_REC, nullptr,
-                                    nullptr, &st);
-    ASSERT_NE(f, nullptr) << st;
-    EXPECT_EQ(tavrel_db_state_set(root, "a.c", 0x201800), 0);
-    EXPECT_EQ(tavrel_db_hijack_set({replica, oid(kRoot.elem), 2}, "a.c", oid(kA.ver), oid(kA.elem)), 0);
-    obj_free(f);
+    fn(root);
     obj_free(root);
+  }
+  // The user's hijack of a.c: a view-private file under the name, marked hijacked.
+  void hijack_a() {
+    with_root([&](obj_entry* root) {
+      view_set_attr_t sattr{};
+      sattr.mode = 0644;
+      int st = 0;
+      obj_free(tavrel_db_create(nullptr, root, "a.c", 1, &sattr, nullptr, VIEW_NAME_STATE_VIEW_REC, nullptr, nullptr,
+                                &st));
+      EXPECT_EQ(st, 0);
+      EXPECT_EQ(tavrel_db_state_set(root, "a.c", 0x201800), 0);
+    });
+    EXPECT_EQ(tavrel_db_hijack_set({replica, oid(kRoot.elem), 2}, "a.c", oid(kA.ver), oid(kA.elem)), 0);
     ASSERT_EQ(Tavrel_Update_Hijack::lookup(replica, oid(kRoot.elem), "a.c"), 0);
   }
   // Removes what the view holds of a.c and of its renamed copy.
   void clear_view_records() {
     for (const char* leaf : {"a.c", "a.c.keep.1"}) {
-      if (view_record(leaf) < 0) continue;
-      if (Tavrel_Update_Hijack::lookup(replica, oid(kRoot.elem), leaf) == 0) {
+      if (Tavrel_Update_Hijack::lookup(replica, oid(kRoot.elem), leaf) == 0)
         EXPECT_EQ(Tavrel_Update_Hijack::remove(replica, oid(kRoot.elem), leaf), 0);
-        continue;
-      }
-      std::lock_guard<Tavrel_Recursive_Mutex> g(tavrel_cache_mutex());
-      int st = 0, cacheable = 0;
-      uint32_t state = 0;
-      obj_entry* root = lookup_root_ext(silo_create(replica, &st), 0, &cacheable, &state, &st);
-      ASSERT_NE(root, nullptr) << st;
-      EXPECT_EQ(tavrel_db_unlink(root, leaf, 0), 0);
-      obj_free(root);
+      else if (view_record(leaf) >= 0)
+        with_root([&](obj_entry* root) { EXPECT_EQ(tavrel_db_unlink(root, leaf, 0), 0); });
     }
     ASSERT_EQ(view_record("a.c"), -1);
   }
@@ -334,15 +337,15 @@ class UpdateTest : public wan_test::ScriptedServerTest {
     ASSERT_EQ(o.status, 0) << o.message;
     ASSERT_TRUE(has(o.log, "Succeeded")) << o.log;
   }
-  // The requests for the stream, each as its arguments in order.
-  std::vector<std::vector<n::RpcArg>> stream_requests() {
-    std::vector<std::vector<n::RpcArg>> out;
+  // The values of argument `name` in the i-th request for a stream, in order.
+  std::vector<std::string> sent(size_t i, const char* name) {
+    std::vector<std::string> out;
     for (const auto& r : server->requests()) {
-      if (r.rpc != n::RPC_SYNCFETCH) continue;
       std::vector<n::RpcArg> args;
       std::string error;
-      n::rpcargs_parse(r.rpcargs, &args, &error);
-      out.push_back(args);
+      if (r.rpc != n::RPC_SYNCFETCH || i-- != 0 || !n::rpcargs_parse(r.rpcargs, &args, &error)) continue;
+      for (const auto& a : args)
+        if (a.name == name) out.push_back(a.value);
     }
     return out;
   }
@@ -379,7 +382,6 @@ TEST_F(UpdateTest, FirstLoadThenAnUpdateOfChangedNewAndUnloadedElements) {
   }
   EXPECT_EQ(server->count(n::RPC_SYNCFETCH), 1u);
 
-  peer->commands();  // what follows is the update's
   const size_t before = peer->commands().size();
   Stream s(6, replica);
   s.unload(kB).scope("/proj", kRule, 6).put(kA2, "main/11").put(kC).end_scope();
@@ -398,19 +400,13 @@ TEST_F(UpdateTest, FirstLoadThenAnUpdateOfChangedNewAndUnloadedElements) {
   EXPECT_TRUE(has(o.log, "Status:                  Succeeded")) << o.log;
   // The kernel was told to forget each name the update touched, and then the whole view.
   std::string kernel;
-  for (const auto& c : peer->commands()) kernel += c.info + c.heap;
-  EXPECT_GT(peer->commands().size(), before + 3);
+  const auto commands = peer->commands();
+  for (size_t i = before; i < commands.size(); i++) kernel += commands[i].info + commands[i].heap;
+  EXPECT_GT(commands.size(), before + 3);
   for (const char* name : {"a.c", "b.c", "c.c"}) EXPECT_TRUE(has(kernel, name)) << name;
   // The second request named the GN the first one stored.
-  auto reqs = stream_requests();
-  ASSERT_EQ(reqs.size(), 2u);
-  auto value = [](const std::vector<n::RpcArg>& args, const char* name) {
-    for (const auto& a : args)
-      if (a.name == name) return a.value;
-    return std::string("<none>");
-  };
-  EXPECT_EQ(value(reqs[0], n::ARG_VIEW_GN), "0");
-  EXPECT_EQ(value(reqs[1], n::ARG_VIEW_GN), "5");
+  EXPECT_EQ(sent(0, n::ARG_VIEW_GN), std::vector<std::string>{"0"});
+  EXPECT_EQ(sent(1, n::ARG_VIEW_GN), std::vector<std::string>{"5"});
 }
 
 // Each treatment of a hijacked a.c, when a.c changes and when it is unloaded: the log's line and what
@@ -488,17 +484,7 @@ TEST_F(UpdateTest, AStopMidwayKeepsTheViewGn) {
   script(doc);
   std::future<Outcome> first = std::async(std::launch::async, [this] { return update("force=\"true\""); });
   // Wait until a.c stands in the log, then end the view's updates.
-  auto log_text = [this] {
-    std::string all;
-    if (fs::exists(storage->path() + "/log"))
-      for (const auto& e : fs::directory_iterator(storage->path() + "/log")) {
-        std::ifstream in(e.path());
-        all += std::string(std::istreambuf_iterator<char>(in), {});
-      }
-    return all;
-  };
-  const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(30);
-  while (!has(log_text(), "/proj/a.c") && std::chrono::steady_clock::now() < deadline) std::this_thread::yield();
+  wait_until([this] { return update_logs().size() == 1 && has(update_logs()[0], "/proj/a.c"); });
   Tavrel_View::abort_update();
   go.set_value();
   Outcome o = first.get();
@@ -537,9 +523,7 @@ TEST_F(UpdateTest, ASecondUpdateWhileOneRunsIsRefused) {
   s.scope("/proj", kRule, 5).put(kRoot).put(kA).end_scope();
   script(s.done());
   std::future<Outcome> first = std::async(std::launch::async, [this] { return update(""); });
-  const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(30);
-  while (server->count(n::RPC_SYNCFETCH) == 0 && std::chrono::steady_clock::now() < deadline)
-    std::this_thread::yield();
+  wait_until([this] { return server->count(n::RPC_SYNCFETCH) == 1; });
   ASSERT_TRUE(Tavrel_View::update_in_progress());
   Outcome second = update("");
   go.set_value();
@@ -551,11 +535,7 @@ TEST_F(UpdateTest, ASecondUpdateWhileOneRunsIsRefused) {
   EXPECT_TRUE(has(o.log, "Succeeded")) << o.log;
   EXPECT_EQ(db_view_gn(), 5u);
   EXPECT_EQ(server->count(n::RPC_SYNCFETCH), 1u);
-  // The refused request left no log behind.
-  int logs = 0;
-  for (const auto& e : fs::directory_iterator(storage->path() + "/log"))
-    logs += e.path().filename().string().rfind("update.", 0) == 0;
-  EXPECT_EQ(logs, 1);
+  EXPECT_EQ(update_logs().size(), 1u);  // the refused request left none
 }
 
 // A failed update keeps the view GN; the resumed one sends that GN again with Resume and each scope's
@@ -586,41 +566,14 @@ TEST_F(UpdateTest, ResumeSendsTheScopeGnsAndCompletes) {
   EXPECT_EQ(db_view_gn(), 6u);
   EXPECT_EQ(shown(kSrc, "b.c"), "31");
 
-  auto reqs = stream_requests();
-  ASSERT_EQ(reqs.size(), 2u);
-  std::string resume, view_gn, path;
-  std::vector<std::string> sent;
-  for (const auto& a : reqs[1]) {
-    if (a.name == n::ARG_RESUME) resume = a.value;
-    if (a.name == n::ARG_VIEW_GN) view_gn = a.value;
-    if (a.name == n::ARG_SCOPE_PATH) path = a.value;
-    if (a.name == n::ARG_SCOPE_GN) sent.push_back(path + "@" + a.value);
-  }
-  EXPECT_EQ(resume, "1");
-  EXPECT_EQ(view_gn, "0");
-  EXPECT_EQ(sent, want);
-  EXPECT_NE(std::find(sent.begin(), sent.end(), "/proj@5"), sent.end());  // the failed update's scope GN
-}
-
-TEST_F(UpdateTest, ASurgicalUpdateStoresThePathsWithoutANewGn) {
-  first_load();
-  Stream s(5, replica);
-  s.put(kC);
-  script(s.done());
-  Outcome o = update("surgical=\"true\"", "<update-paths><path>/proj/src/c.c</path></update-paths>");
-  ASSERT_EQ(o.status, 0) << o.message;
-  EXPECT_EQ(actions(o.log), std::vector<std::string>{"New: /proj/src/c.c"});
-  EXPECT_EQ(shown(kSrc, "c.c"), "51");
-  EXPECT_EQ(db_view_gn(), 5u);
-  auto reqs = stream_requests();
-  ASSERT_EQ(reqs.size(), 2u);
-  std::string use_paths, path;
-  for (const auto& a : reqs[1]) {
-    if (a.name == "UsePaths") use_paths = a.value;
-    if (a.name == n::ARG_SCOPE_PATH) path = a.value;
-  }
-  EXPECT_EQ(use_paths, "1");
-  EXPECT_EQ(path, "/proj/src/c.c");
+  EXPECT_EQ(sent(1, n::ARG_RESUME), std::vector<std::string>{"1"});
+  EXPECT_EQ(sent(1, n::ARG_VIEW_GN), std::vector<std::string>{"0"});
+  const std::vector<std::string> paths = sent(1, n::ARG_SCOPE_PATH), gns = sent(1, n::ARG_SCOPE_GN);
+  ASSERT_EQ(paths.size(), gns.size());
+  std::vector<std::string> scopes_sent;
+  for (size_t i = 0; i < paths.size(); i++) scopes_sent.push_back(paths[i] + "@" + gns[i]);
+  EXPECT_EQ(scopes_sent, want);
+  EXPECT_NE(std::find(want.begin(), want.end(), "/proj@5"), want.end());  // the failed update's scope GN
 }
 
 // Requests refused before anything starts: no stream asked for, no log, the gate free.
@@ -647,8 +600,7 @@ TEST_F(UpdateTest, RefusedBeforeAnythingStarts) {
   }
   tavrel_set_online(true);
   EXPECT_EQ(server->count(n::RPC_SYNCFETCH), 0u);
-  EXPECT_FALSE(fs::exists(storage->path() + "/log") &&
-               fs::directory_iterator(storage->path() + "/log") != fs::directory_iterator());
+  EXPECT_EQ(update_logs().size(), 0u);
 }
 
 }  // namespace
