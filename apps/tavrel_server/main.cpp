@@ -4,7 +4,7 @@
 //                        [--users FILE | --open-login] [--admin-token-file FILE] [--request-log FILE]
 //                        [--threads N] [--max-body BYTES] [--session-idle SECONDS] [--port-file FILE]
 //                        [--header-timeout SECONDS] [--max-conns-per-addr N]
-//   tavrel_server import [--store FILE] --silo /TAG DIR [--public] [--project]
+//   tavrel_server import [--store FILE] --silo /TAG DIR [--public] [--project] [--max-file-size BYTES]
 //   tavrel_server admin  [--url URL] [--token-file FILE] [--store FILE] [--data FILE] [--cacert FILE]
 //                        OP [Name=value ...]
 //
@@ -47,7 +47,10 @@ const char* const kServeUsage =
     "  --session-idle SECONDS   sessions idle longer end and are swept (default 1800)\n"
     "  --header-timeout SECONDS time for the whole head of a request (default 5)\n"
     "  --max-conns-per-addr N   open connections per client address (default 32)\n";
-const char* const kImportUsage = "usage: tavrel_server import [--store FILE] --silo /TAG DIR [--public] [--project]\n";
+const char* const kImportUsage =
+    "usage: tavrel_server import [--store FILE] --silo /TAG DIR [--public] [--project] [--max-file-size BYTES]\n"
+    "  --max-file-size BYTES    larger files are skipped and named (default 512 MiB, at most 10^9; the\n"
+    "                           store holds a file of up to 10^9 bytes less a few hundred)\n";
 const char* const kAdminUsage =
     "usage: tavrel_server admin [--url URL] [--token-file FILE] [--store FILE] [--data FILE] [--cacert FILE]\n"
     "                           OP [Name=value ...]\n"
@@ -114,6 +117,7 @@ std::string default_store() {
 int run_import(int argc, char** argv) {
   std::string store = default_store(), tag, dir;
   ImportOptions opt;
+  long long n = 0;
   for (int i = 2; i < argc; ++i) {
     std::string a = argv[i];
     if (is_help(a)) return std::cout << kImportUsage, 0;
@@ -121,6 +125,8 @@ int run_import(int argc, char** argv) {
     else if (a == "--silo" && i + 1 < argc) tag = argv[++i];
     else if (a == "--public") opt.is_public = true;
     else if (a == "--project") opt.is_project = true;
+    else if (a == "--max-file-size" && i + 1 < argc && parse_int(argv[i + 1], 0, 1000000000, &n))
+      opt.max_file_size = uint64_t(n), ++i;
     else if (!a.empty() && a[0] != '-' && dir.empty()) dir = a;
     else return usage(("unexpected argument " + a).c_str(), "import");
   }

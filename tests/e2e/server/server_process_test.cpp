@@ -46,6 +46,8 @@ TEST_F(ServerProcess, CommandLine) {
       {"import" + store + " --silo /demo " + q(r.at("tree")), 0, "imported /demo: 2 files, 1 directories"},
       {"import" + store + " --silo /demo " + q(r.at("tree")), 1, "exists"},
       {"import" + store + " --silo demo " + q(r.at("tree")), 1, ""},
+      {"import" + store + " --silo /cut --max-file-size 5 " + q(r.at("tree")), 0, "skipped /cut/a.txt: larger than"},
+      {"import" + store + " --silo /big --max-file-size 1000000001 " + q(r.at("tree")), 2, "--max-file-size"},
       {"serve" + store, 2, "--users"},
       {"serve" + store + " --users " + q(r.at("users")) + " --cert " + q(r.at("x")), 2, "--cert and --key go together"},
   };
