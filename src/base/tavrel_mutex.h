@@ -35,10 +35,10 @@ enum class Tavrel_Lock_Rank : int {
   // Short chains below everything above.
   CLIENT_REQUEST = 500,      // a client's request channel (held across the blocking read)
   CLIENT_RESPONSE = 510,     // a client's response channel (held across one bounded write)
-  SCOREBOARD = 520,          // the scoreboard's g_lock
   THREAD_REQUESTS = 530,     // Tavrel_Thread_Manager_Base::g_request_mutex
   THREAD_QUEUE = 540,        // the thread manager's queue mutex
   THREAD_OUTSTANDING = 550,  // a request thread's count of queued requests
+  SCOREBOARD = 555,          // the scoreboard's g_lock (read by the thread manager's equivalence test)
   WAN_SESSION_CREATE = 560,  // RClient_Session::g_session_lock (creation of the session)
   WAN_SESSION = 570,         // RClient_Session::mutex (the session's fields and handle pool)
   CURL_INIT = 580,           // libcurl's global set-up

@@ -299,6 +299,9 @@ obj_entry* locate_revalidate_fhandle(const view_fhandle_t* fh, int* status) {
 }
 
 void locate_invalidate_oid(view_silo* silo, const tbs_oid_s* oid, int flush) {
+  // The caller's oid may live in an object flushed below: work on a copy.
+  const tbs_oid_s oid_copy = *oid;
+  oid = &oid_copy;
   std::lock_guard<Tavrel_Recursive_Mutex> g(tavrel_cache_mutex());
   Tavrel_Trace trace(TAVREL, "ns_locate", "locate_invalidate_oid");
   if (!flush) {

@@ -116,6 +116,7 @@ class NsReaddir : public dbtest::DbTest {
     view_set_attr_t sattr{};
     sattr.mode = 0755;
     int st = -1;
+    std::lock_guard<Tavrel_Recursive_Mutex> g(tavrel_cache_mutex());  // the facade's callers hold it
     obj_entry* o = tavrel_db_create(nullptr, dir, name, ftype, &sattr, nullptr, 0, nullptr, nullptr, &st);
     EXPECT_NE(o, nullptr) << name << ": " << st;
     uint32_t dbid = o != nullptr ? o->dbid : 0;
@@ -229,7 +230,10 @@ TEST_F(NsReaddir, BothSidesListOnceWhiteOutsHiddenHistoryModeSiloOnly) {
   const uint32_t silo_dup = add_silo("dup", 10), silo_gone = add_silo("gone", 20), silo_keep = add_silo("keep", 30);
   const uint32_t priv_dup = add_private(root(), "dup", 1);
   const uint32_t priv_p = add_private(root(), "p", 1);
-  ASSERT_EQ(tavrel_db_link(root(), "gone", nullptr, 0), 0);  // a white-out of a SILO name
+  {
+    std::lock_guard<Tavrel_Recursive_Mutex> g(tavrel_cache_mutex());
+    ASSERT_EQ(tavrel_db_link(root(), "gone", nullptr, 0), 0);  // a white-out of a SILO name
+  }
   int eofs = 0;
   std::map<std::string, uint32_t> seen;
   for (const Rec& r : list(root(), 4096, &eofs))
