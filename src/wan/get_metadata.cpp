@@ -75,23 +75,7 @@ Get_Metadata::Get_Metadata(const tbs_uuid_s& view, const std::string& p)
 int Get_Metadata::marshal_request(RClient_Request_Args*) {
   Tavrel_Trace trace(RCLIENT, kClass, "marshal_request");
   reset_metadata();  // a resend after a re-login parses its reply from nothing
-  if (tbs_uuid_is_null(view_uuid) || !metadata_arg_sendable(path, TBS_PNAME_MAX)) {
-    trace.writeTrace(TRACE_LEVEL_2, "Cannot send: view %s, path [%s]", tbs_uuid_to_str(view_uuid).c_str(),
-                     path.c_str());
-    status.code = RCLIENT_ST_MARSHAL;
-    return RCLIENT_ST_MARSHAL;
-  }
-  marshal_arg(n::ARG_VIEW_UUID, view_uuid);
-  if (!by_path) {
-    if (!tbs_uuid_is_null(silo_uuid)) marshal_arg(n::ARG_SILO_UUID, silo_uuid);
-    if (!tbs_oid_is_null(version_oid)) marshal_arg(n::ARG_VERSION_OID, version_oid);
-    if (!tbs_oid_is_null(element_oid)) {
-      marshal_arg(n::ARG_ELEMENT_OID, element_oid);
-      return 0;
-    }
-  }
-  marshal_arg(n::ARG_PATH_NAME, path);
-  return 0;
+  return marshal_object_args(view_uuid, silo_uuid, version_oid, element_oid, by_path, path);
 }
 
 int Get_Metadata::run() {

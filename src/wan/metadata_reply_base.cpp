@@ -5,6 +5,8 @@
 #include "base/stg.h"
 #include "core/tavrel_trace.h"
 #include "proto/wan_names.h"
+#include "wan/get_metadata.h"  // metadata_arg_sendable
+#include "wan/rclient_messages.h"
 
 namespace {
 const char* const kClass = "Metadata_Reply_Base";
@@ -90,5 +92,29 @@ int Metadata_Reply_Base::get_obj_scope_info(tbs_oid_s& oid, unsigned int& gn) co
   }
   oid = scope.oid;
   gn = scope.gn;
+  return 0;
+}
+
+int Metadata_Reply_Base::marshal_object_args(const tbs_uuid_s& view_uuid, const tbs_uuid_s& silo_uuid,
+                                             const tbs_oid_s& version_oid, const tbs_oid_s& element_oid, bool by_path,
+                                             const std::string& path) {
+  namespace n = tavrel_wan;
+  Tavrel_Trace trace(RCLIENT, kClass, "marshal_object_args");
+  if (tbs_uuid_is_null(view_uuid) || !metadata_arg_sendable(path, TBS_PNAME_MAX)) {
+    trace.writeTrace(TRACE_LEVEL_2, "Cannot send: view %s, path [%s]", tbs_uuid_to_str(view_uuid).c_str(),
+                     path.c_str());
+    status.code = RCLIENT_ST_MARSHAL;
+    return RCLIENT_ST_MARSHAL;
+  }
+  marshal_arg(n::ARG_VIEW_UUID, view_uuid);
+  if (!by_path) {
+    if (!tbs_uuid_is_null(silo_uuid)) marshal_arg(n::ARG_SILO_UUID, silo_uuid);
+    if (!tbs_oid_is_null(version_oid)) marshal_arg(n::ARG_VERSION_OID, version_oid);
+    if (!tbs_oid_is_null(element_oid)) {
+      marshal_arg(n::ARG_ELEMENT_OID, element_oid);
+      return 0;
+    }
+  }
+  marshal_arg(n::ARG_PATH_NAME, path);
   return 0;
 }

@@ -49,6 +49,11 @@ class Metadata_Reply_Base : public RClient_Abstract_Cmd {
   int unmarshal_part(const std::string& content_id) override;
   // Starts a new attempt: records zeroed, no fault.
   void reset_metadata();
+  // The arguments that name one object: "ViewUuid", then by path "PathName", else "SiloUuid" and
+  // "VersionOid" when not null and "ElementOid", or "PathName" when that is null. A null view or a
+  // path that cannot travel sends nothing and gives RCLIENT_ST_MARSHAL (also set as the status code).
+  int marshal_object_args(const tbs_uuid_s& view_uuid, const tbs_uuid_s& silo_uuid, const tbs_oid_s& version_oid,
+                          const tbs_oid_s& element_oid, bool by_path, const std::string& path);
 
   tavrel_vstat obj_vstat;
   tavrel_vstat elem_vstat;
