@@ -64,7 +64,9 @@ TEST(AgentRoot, OperationTableKeepsTheComparisonOrder) {
     auto at = std::find(order.begin(), order.end(), table[i].name);
     ASSERT_NE(at, order.end()) << table[i].name;
     size_t pos = static_cast<size_t>(at - order.begin());
-    if (i > 0) EXPECT_GT(pos, last) << table[i].name << " out of order";
+    if (i > 0) {
+      EXPECT_GT(pos, last) << table[i].name << " out of order";
+    }
     last = pos;
     EXPECT_STREQ(table[i].highest_version, std::string(table[i].name) == "Uncheckout" ? "2" : "1");
   }

@@ -319,7 +319,9 @@ TEST_F(VnsTest, LookupTrustTable) {
     ASSERT_EQ(write(row.step), 0) << row.what;
     uint32_t dbid = 0;
     EXPECT_EQ(lookup(r, row.name, &dbid), row.want) << row.what;
-    if (row.want != TBS_ST_NOT_FOUND) EXPECT_NE(dbid, 0u) << row.what << ": results come before trust";
+    if (row.want != TBS_ST_NOT_FOUND) {
+      EXPECT_NE(dbid, 0u) << row.what << ": results come before trust";
+    }
   }
   uint32_t dbid = 0;
   ASSERT_EQ(write([&] { return tvr_db_ver_set_stale(silo_, f, 1); }), 0);

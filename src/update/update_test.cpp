@@ -448,7 +448,9 @@ TEST_F(UpdateTest, HijackTreatments) {
     Outcome o = update(std::string("hijack-treatment=\"") + c.treatment + "\"");
     ASSERT_EQ(o.status, 0) << o.message;
     EXPECT_EQ(actions(o.log), std::vector<std::string>{c.line});
-    if (*c.renamed) EXPECT_TRUE(has(o.log, std::string("/proj/") + c.renamed)) << o.log;
+    if (*c.renamed) {
+      EXPECT_TRUE(has(o.log, std::string("/proj/") + c.renamed)) << o.log;
+    }
     EXPECT_EQ(shown(kRoot, "a.c"), c.unload ? "-" : "12");
     EXPECT_EQ(Tavrel_Update_Hijack::lookup(replica, oid(kRoot.elem), "a.c") == 0, c.still_hijacked);
     EXPECT_EQ(view_record("a.c") >= 0, c.copy_under_name);
