@@ -42,13 +42,15 @@ const char* tavrel_lock_rank_name(Tavrel_Lock_Rank rank) {
 namespace tavrel_lock_order {
 namespace {
 
-// What one thread holds, in the order taken. Ranks only ever grow along the stack, except for the
-// re-entries of a recursive mutex; a release may come out of order (unique_lock, wait), so an entry
-// is taken out wherever it stands.
+// What one thread holds, in the order first taken. Ranks only ever grow along the stack; the
+// re-entries of a recursive mutex count in the depth of its one entry (a walk up a deep tree re-enters
+// the cache mutex once per level). A release may come out of order (unique_lock, wait), so an entry is
+// taken out wherever it stands.
 struct Held {
   const void* mutex;
   Tavrel_Lock_Rank rank;
   const char* name;
+  int depth;
 };
 thread_local Held t_held[MAX_HELD];
 thread_local int t_count = 0;
@@ -83,18 +85,24 @@ void check_lock(const void* mutex, Tavrel_Lock_Rank rank, const char* name) {
 }
 
 void note_locked(const void* mutex, Tavrel_Lock_Rank rank, const char* name) {
+  for (int i = 0; i < t_count; i++)
+    if (t_held[i].mutex == mutex) {
+      t_held[i].depth++;
+      return;
+    }
   if (t_count >= MAX_HELD) {
     char text[512];
     snprintf(text, sizeof text, "lock order: taking \"%s\" (%s) with %d locks held already\n", name,
              tavrel_lock_rank_name(rank), t_count);
     fail(text);
   }
-  t_held[t_count++] = Held{mutex, rank, name};
+  t_held[t_count++] = Held{mutex, rank, name, 1};
 }
 
 void note_unlocked(const void* mutex, const char* name) {
   for (int i = t_count - 1; i >= 0; i--) {
     if (t_held[i].mutex != mutex) continue;
+    if (--t_held[i].depth > 0) return;
     for (int j = i; j + 1 < t_count; j++) t_held[j] = t_held[j + 1];
     t_count--;
     return;
@@ -110,7 +118,11 @@ bool held_by_me(const void* mutex) {
   return false;
 }
 
-int held_count() { return t_count; }
+int held_count() {
+  int n = 0;
+  for (int i = 0; i < t_count; i++) n += t_held[i].depth;
+  return n;
+}
 
 void assert_held(const void*, bool held, const char* name, const char* file, int line) {
   if (held) return;

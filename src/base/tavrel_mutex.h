@@ -8,7 +8,8 @@
 //
 // With TAVREL_LOCK_ORDER_CHECKS defined (Debug and sanitizer builds, see the top CMakeLists.txt),
 // each thread keeps a small stack of the mutexes it holds, and a lock against the order, an unlock
-// of a mutex the thread does not hold, or more than MAX_HELD mutexes at once ends the process with a
+// of a mutex the thread does not hold, or more than MAX_HELD different mutexes at once (re-entries of a
+// recursive mutex count once) ends the process with a
 // message naming both mutexes. Without it the classes hold a plain std::mutex / std::recursive_mutex
 // and nothing else; the checks compile away.
 //

@@ -39,6 +39,11 @@ TEST_F(Lock_Order, InOrderAndRecursiveReentryPass) {
     e.unlock();
     // Released out of order: the bookkeeping follows.
     EXPECT_EQ(tavrel_lock_order::held_count(), 4);
+    // Re-entries as deep as a walk up a deep tree makes them take no room of their own.
+    for (int i = 0; i < 4 * tavrel_lock_order::MAX_HELD; i++) cache.lock();
+    EXPECT_EQ(tavrel_lock_order::held_count(), 4 + 4 * tavrel_lock_order::MAX_HELD);
+    for (int i = 0; i < 4 * tavrel_lock_order::MAX_HELD; i++) cache.unlock();
+    EXPECT_TRUE(cache.held_by_me());
   }
   EXPECT_EQ(tavrel_lock_order::held_count(), 0);
   EXPECT_FALSE(cache.held_by_me());

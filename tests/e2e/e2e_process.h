@@ -18,6 +18,8 @@
 #include <thread>
 #include <vector>
 
+#include <gtest/gtest.h>
+
 #include "base/fileutl.h"
 
 namespace e2e {
@@ -122,7 +124,8 @@ struct Scratch {
 // The view tests' world: a home, a view storage, the users file (alice, password in "pw", a wrong one
 // in "badpw"), the admin token "tok-e2e" in "token", a server store, and the reference server on a
 // loopback port that the first start picks and later starts keep (a view keeps its server's URL).
-// The server writes every request it answered to "requests.log". The destructor stops the server.
+// The server writes every request it answered to "requests.log", agents started by `tavrel` their
+// standard error to "agent.log". The destructor stops the server.
 struct Rig : Scratch {
   std::string home = at("home"), storage = at("view"), store = at("store.db");
   int port = 0;
@@ -136,7 +139,14 @@ struct Rig : Scratch {
     put("badpw", "wrong\n");
     put("token", "tok-e2e\n");
   }
-  ~Rig() { stop(server); }
+  ~Rig() {
+    stop(server);
+    // A failed test shows the end of the agent's standard error: an agent that ended shows up in the
+    // test only as calls that fail.
+    std::string log = slurp(at("agent.log"));
+    if (::testing::Test::HasFailure() && !log.empty())
+      fprintf(stderr, "---- the agent's standard error (end) ----\n%s\n", log.substr(log.size() > 4000 ? log.size() - 4000 : 0).c_str());
+  }
 
   std::string url() const { return "http://127.0.0.1:" + std::to_string(port) + "/"; }
   std::vector<std::string> creds(const std::string& pw = "pw") const {
@@ -167,7 +177,8 @@ struct Rig : Scratch {
   Outcome tavrel(std::vector<std::string> args, const std::vector<std::string>& more = {},
                  const std::string& view = "") const {
     args.insert(args.end(), more.begin(), more.end());
-    std::string cmd = env() + q(bin("tavrel")) + " -s " + q(view.empty() ? storage : view) + " -t 30";
+    std::string cmd = env() + q(bin("tavrel")) + " -s " + q(view.empty() ? storage : view) + " -t 30 --agent-log " +
+                      q(at("agent.log"));
     for (const auto& a : args) cmd += " " + q(a);
     return sh(cmd);
   }
