@@ -4,6 +4,7 @@
 #include <sys/statvfs.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <climits>
 #include <cstring>
@@ -23,6 +24,7 @@ Kfsmd_Silo::Kfsmd_Silo(std::shared_ptr<Kfsmd_View> view, const Kfsmd_Silo_Info& 
   Node root;
   root.ino = ROOT_INO;
   m_nodes.emplace(ROOT_INO, root);
+  index_oid(root.vs.obj_oid, ROOT_INO);
 }
 
 Kfsmd_Silo::~Kfsmd_Silo() = default;
@@ -113,7 +115,7 @@ int Kfsmd_Silo::bind_root(view_fhandle_t* fh, view_vstat_t* vs) {
     auto old = m_by_key.find(key_of(root.fh));
     if (old != m_by_key.end() && old->second == ROOT_INO) m_by_key.erase(old);
     root.fh = g->fh;
-    root.vs = g->vstat;
+    set_vs(root, g->vstat);
     m_by_key[key_of(root.fh)] = ROOT_INO;
     m_root_bound = true;
     *fh = root.fh;
@@ -154,7 +156,7 @@ int Kfsmd_Silo::revalidate(uint64_t ino, view_fhandle_t* fh) {
   auto k = m_by_key.find(key_of(it->second.fh));
   if (k != m_by_key.end() && k->second == ino) m_by_key.erase(k);
   it->second.fh = r->fh;
-  it->second.vs = r->vstat;
+  set_vs(it->second, r->vstat);
   m_by_key[key_of(r->fh)] = ino;
   *fh = r->fh;
   return 0;
@@ -166,16 +168,38 @@ Kfsmd_Silo::Node& Kfsmd_Silo::intern(const view_fhandle_t& fh, const view_vstat_
     auto it = m_nodes.find(k->second);
     if (it != m_nodes.end()) {
       it->second.fh = fh;
-      it->second.vs = vs;
+      set_vs(it->second, vs);
       return it->second;
     }
   }
   Node n;
   n.ino = m_next_ino++;
   n.fh = fh;
-  n.vs = vs;
   m_by_key[key_of(fh)] = n.ino;
-  return m_nodes.emplace(n.ino, n).first->second;
+  Node& made = m_nodes.emplace(n.ino, n).first->second;
+  set_vs(made, vs);
+  return made;
+}
+
+void Kfsmd_Silo::index_oid(const tbs_oid_s& oid, uint64_t ino) {
+  std::vector<uint64_t>& inos = m_by_oid[oid];
+  if (std::find(inos.begin(), inos.end(), ino) == inos.end()) inos.push_back(ino);
+}
+
+void Kfsmd_Silo::unindex_oid(const tbs_oid_s& oid, uint64_t ino) {
+  auto it = m_by_oid.find(oid);
+  if (it == m_by_oid.end()) return;
+  std::vector<uint64_t>& inos = it->second;
+  inos.erase(std::remove(inos.begin(), inos.end(), ino), inos.end());
+  if (inos.empty()) m_by_oid.erase(it);
+}
+
+void Kfsmd_Silo::set_vs(Node& n, const view_vstat_t& vs) {
+  for (const tbs_oid_s* old : {&n.vs.obj_oid, &n.vs.elem_oid})
+    if (!(*old == vs.obj_oid) && !(*old == vs.elem_oid)) unindex_oid(*old, n.ino);
+  n.vs = vs;
+  index_oid(vs.obj_oid, n.ino);
+  index_oid(vs.elem_oid, n.ino);
 }
 
 void Kfsmd_Silo::drop_name(uint64_t dir, const std::string& name) {
@@ -195,6 +219,8 @@ void Kfsmd_Silo::remove_node(uint64_t ino) {
   for (const auto& nm : it->second.names) m_names.erase(nm);
   auto k = m_by_key.find(key_of(it->second.fh));
   if (k != m_by_key.end() && k->second == ino) m_by_key.erase(k);
+  unindex_oid(it->second.vs.obj_oid, ino);
+  unindex_oid(it->second.vs.elem_oid, ino);
   m_nodes.erase(it);
 }
 
@@ -290,7 +316,7 @@ void Kfsmd_Silo::getattr(uint64_t ino, Kfsmd_Reply& r) {
   {
     std::lock_guard<std::mutex> lk(m_mutex);
     auto it = m_nodes.find(ino);
-    if (it != m_nodes.end()) it->second.vs = g->vstat;
+    if (it != m_nodes.end()) set_vs(it->second, g->vstat);
   }
   note_lvut(g->lvut);
   r.attr(to_stat(g->vstat, fh), m_view->epoch() != epoch ? 0 : attr_timeout(fh));
@@ -504,8 +530,11 @@ void Kfsmd_Silo::plan(uint32_t kind, const tbs_oid_s& oid, const std::string& na
     return;
   }
   std::vector<uint64_t> hit;
-  for (const auto& n : m_nodes)
-    if (matches(n.second)) hit.push_back(n.first);
+  if (auto found = m_by_oid.find(oid); found != m_by_oid.end())
+    for (uint64_t ino : found->second) {
+      auto n = m_nodes.find(ino);
+      if (n != m_nodes.end() && matches(n->second)) hit.push_back(ino);
+    }
   if (kind == KFSM_INVAL_NAME) {
     for (uint64_t d : hit) {
       if (!is_dir(m_nodes[d].vs)) continue;

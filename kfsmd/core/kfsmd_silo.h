@@ -158,6 +158,10 @@ class Kfsmd_Silo {
   int revalidate(uint64_t ino, view_fhandle_t* fh);
   // Caller holds m_mutex. The node for an answer's handle, made when new.
   Node& intern(const view_fhandle_t& fh, const view_vstat_t& vs);
+  // Caller holds m_mutex. Gives a node its attributes and keeps m_by_oid in step with them.
+  void set_vs(Node& n, const view_vstat_t& vs);
+  void index_oid(const tbs_oid_s& oid, uint64_t ino);
+  void unindex_oid(const tbs_oid_s& oid, uint64_t ino);
   void drop_name(uint64_t dir, const std::string& name);
   void remove_node(uint64_t ino);
   double attr_timeout(const view_fhandle_t& fh) const;
@@ -178,6 +182,12 @@ class Kfsmd_Silo {
   uint64_t m_next_ino = 2;
   std::unordered_map<uint64_t, Node> m_nodes;
   std::map<Key, uint64_t> m_by_key;
+  // The nodes by the oids of their attributes (version and element): an invalidation finds the nodes of
+  // an object without walking them all, so an update's stream of them costs no more on a large tree.
+  struct Oid_Hash {
+    size_t operator()(const tbs_oid_s& o) const { return tbs_oid_to_hash32(o); }
+  };
+  std::unordered_map<tbs_oid_s, std::vector<uint64_t>, Oid_Hash> m_by_oid;
   std::map<std::pair<uint64_t, std::string>, uint64_t> m_names;  // positive names
   std::map<std::pair<uint64_t, std::string>, std::chrono::steady_clock::time_point> m_negative;
   struct timeval m_lvut {};                                  // the latest LVUT seen, 0 before any

@@ -9,6 +9,7 @@
 #include <atomic>
 #include <cerrno>
 #include <cstring>
+#include <deque>
 #include <memory>
 #include <mutex>
 #include <string>
@@ -27,6 +28,13 @@ struct Handle {
   bool broken = false;
   bool cookie_sent = false;
   uint32_t last_cookie = 0;
+  // Commands sent by kfsm_mcb_post whose answers were not taken yet, oldest first.
+  struct Posted {
+    uint32_t seq;
+    uint32_t cmd;
+    uint32_t infolen;
+  };
+  std::deque<Posted> posted;
 };
 
 constexpr size_t kMaxHandles = 4096;
@@ -78,6 +86,7 @@ int wait_readable(int fd, int timeout_ms, int wake) {
 int exchange(Handle* h, uint16_t type, const std::string& body, uint16_t want, int timeout_ms, int wake,
              kfsm_frame* answer) {
   if (h->broken) return ECONNRESET;
+  if (!h->posted.empty()) return EBUSY;
   uint32_t seq = ++h->seq;
   int e = kfsm_frame_send(h->fd, type, seq, body);
   if (e == 0) e = wait_readable(h->fd, timeout_ms, wake);
@@ -238,6 +247,76 @@ void kfsm_mcb_cmd(int handle, kfsmcmd_block* block, int* err) {
     return;
   }
   run_command(h, KFSM_FRAME_MCB, block, err);
+}
+
+void kfsm_mcb_post(int handle, kfsmcmd_block* block, int* err) {
+  Handle* h = find(handle);
+  if (!h || !block) {
+    *err = h ? EINVAL : EBADF;
+    return;
+  }
+  if (block->cmd == KFSM_CMD_XSTAT || block->cmd == KFSM_CMD_ROOT || block->cmd == KFSM_CMD_SUFFIX ||
+      block->cmd == KFSM_CMD_LPC_MESSAGE) {
+    *err = EINVAL;
+    return;
+  }
+  if (h->broken) {
+    *err = ECONNRESET;
+    return;
+  }
+  if (h->posted.size() >= size_t(KFSM_MAX_POSTED)) {
+    *err = EAGAIN;
+    return;
+  }
+  std::string image;
+  int e = kfsm_command_encode(*block, &image);
+  if (e != 0) {
+    *err = e;
+    return;
+  }
+  const uint32_t seq = ++h->seq;
+  e = kfsm_frame_send(h->fd, KFSM_FRAME_MCB, seq, image);
+  if (e != 0) {
+    h->broken = true;
+    *err = e == EPIPE ? ECONNRESET : e;
+    return;
+  }
+  h->posted.push_back({seq, block->cmd, block->infolen});
+  *err = 0;
+}
+
+int kfsm_mcb_collect(int handle, bool wait, int* status) {
+  Handle* h = find(handle);
+  if (!h) return EBADF;
+  if (h->posted.empty()) return EAGAIN;
+  if (h->broken) return ECONNRESET;
+  int e = wait_readable(h->fd, wait ? g_command_ms.load() : 0, -1);
+  if (e == ETIMEDOUT && !wait) return EAGAIN;
+  kfsm_frame answer;
+  if (e == 0) e = kfsm_frame_recv(h->fd, &answer);
+  const Handle::Posted p = h->posted.front();
+  if (e == 0 && (answer.type != KFSM_FRAME_MCB + 1 || answer.seq != p.seq)) e = EPROTO;
+  if (e == 0) {
+    // Posted commands have no outputs: the block receives only the status.
+    kfsmcmd_block b;
+    memset(&b, 0, sizeof b);
+    b.cmd = p.cmd;
+    b.infolen = p.infolen;
+    int remote = 0;
+    e = kfsm_result_apply(reinterpret_cast<const uint8_t*>(answer.body.data()), answer.body.size(), &b, &remote);
+    if (e == 0) {
+      h->posted.pop_front();
+      *status = b.status;
+      return remote;
+    }
+  }
+  h->broken = true;
+  return e == EPIPE ? ECONNRESET : e;
+}
+
+int kfsm_mcb_outstanding(int handle) {
+  Handle* h = find(handle);
+  return h ? static_cast<int>(h->posted.size()) : 0;
 }
 
 void kfsm_cmd(int handle, int* err, int* status, uint32_t cmd, uint32_t flags, kfsm_strbuf* pn, kfsm_strbuf* pn2,

@@ -40,6 +40,22 @@ void kfsm_view_root_close_type(int type, int handle);
 // not the size the command requires, EBADF for an unknown handle, ETIMEDOUT, ECONNRESET, EPROTO). The
 // command's own result is in block->status.
 void kfsm_mcb_cmd(int handle, kfsmcmd_block* block, int* err);
+// Pipelined commands, for a stream of commands whose answers carry nothing but a status (such as an
+// update's invalidations): kfsm_mcb_post sends a block without waiting for its answer, and
+// kfsm_mcb_collect takes the oldest outstanding answer. The daemon answers a connection's commands in
+// order, so a sender that does not wait for each answer lets both sides work in bursts instead of
+// waking each other once per command. At most KFSM_MAX_POSTED commands are outstanding on a handle
+// (then kfsm_mcb_post gives EAGAIN); kfsm_mcb_cmd and kfsm_cmd on a handle with outstanding commands
+// give EBUSY. Commands with outputs (stat, root, suffix, LPC) cannot be posted (EINVAL). A transport
+// failure breaks the handle as for kfsm_mcb_cmd, and the outstanding answers are lost with it.
+constexpr int KFSM_MAX_POSTED = 32;
+void kfsm_mcb_post(int handle, kfsmcmd_block* block, int* err);
+// The oldest outstanding answer: 0 with its command's status in *status; EAGAIN when nothing is
+// outstanding, or when `wait` is false and that answer has not come yet; otherwise the failure of the
+// call as for kfsm_mcb_cmd.
+int kfsm_mcb_collect(int handle, bool wait, int* status);
+// How many commands of the handle await their answers.
+int kfsm_mcb_outstanding(int handle);
 // Runs a command from its parts (11, 20, and 65 the LPC message). *err as kfsm_mcb_cmd; *status the
 // command's status.
 void kfsm_cmd(int handle, int* err, int* status, uint32_t cmd, uint32_t flags, kfsm_strbuf* pn, kfsm_strbuf* pn2,

@@ -49,8 +49,88 @@ void print_mkview(const Tavrel_Trace& trace, const kfsm_mkviewtag_info& m) {
 
 }  // namespace
 
+Tavrel_KFSM_Ioctl::~Tavrel_KFSM_Ioctl() {
+  drain();
+  close_kept();
+}
+
+void Tavrel_KFSM_Ioctl::close_kept() {
+  if (m_handle == 0) return;
+  m_posted_failures += kfsm_mcb_outstanding(m_handle);
+  kfsm_view_root_close_type(1, m_handle);
+  m_handle = 0;
+}
+
+bool Tavrel_KFSM_Ioctl::collect_one(bool wait) {
+  if (m_handle == 0) return false;
+  int status = 0;
+  int err = kfsm_mcb_collect(m_handle, wait, &status);
+  if (err == EAGAIN) return false;
+  if (err != 0 || status != 0) {
+    Tavrel_Trace trace(TAVREL_KFSM, "Tavrel_KFSM_Ioctl", "collect_one");
+    trace.writeTrace(TRACE_LEVEL_2, "a posted command failed: errno %d, status %d", err, status);
+    m_posted_failures++;
+  }
+  if (err != 0) {
+    close_kept();
+    return false;
+  }
+  return true;
+}
+
+void Tavrel_KFSM_Ioctl::drain() {
+  pfm_inhibit();
+  while (m_handle != 0 && kfsm_mcb_outstanding(m_handle) > 0 && collect_one(true)) {
+  }
+  pfm_enable();
+}
+
+int Tavrel_KFSM_Ioctl::kept_command(kfsmcmd_block* block) {
+  Tavrel_Trace trace(TAVREL_KFSM, "Tavrel_KFSM_Ioctl", "kept_command");
+  const bool post = block->cmd == KFSM_CMD_INVAL;
+  int status = 0;
+  for (int attempt = 0; attempt < 2; attempt++) {
+    if (m_handle == 0) {
+      status = 0;
+      m_handle = kfsm_view_root_open_type(1, &status);
+      if (m_handle == 0) return status;
+    }
+    int err = 0;
+    if (post) {
+      kfsm_mcb_post(m_handle, block, &err);
+      if (err == EAGAIN && collect_one(true)) kfsm_mcb_post(m_handle, block, &err);
+      // Answers that came meanwhile are taken without waiting, so the window rarely fills.
+      while (err == 0 && collect_one(false)) {
+      }
+      if (err == 0) return 0;
+    } else {
+      while (kfsm_mcb_outstanding(m_handle) > 0 && collect_one(true)) {
+      }
+      if (m_handle == 0) {
+        status = TBS_ST_FAILURE;
+        continue;
+      }
+      do {
+        err = 0;
+        kfsm_mcb_cmd(m_handle, block, &err);
+      } while (err == EINTR);
+      if (err == 0) return block->status;
+    }
+    status = tbs_errno2status(err);
+    trace.writeTrace(TRACE_LEVEL_3, "kept handle failed (%d): %s", err, attempt == 0 ? "opening another" : "giving up");
+    close_kept();
+  }
+  return status;
+}
+
 int Tavrel_KFSM_Ioctl::kfsm_ioctl(kfsmcmd_block* block) {
   Tavrel_Trace trace(TAVREL_KFSM, "Tavrel_KFSM_Ioctl", "kfsm_ioctl");
+  if (m_keep) {
+    pfm_inhibit();
+    int status = kept_command(block);
+    pfm_enable();
+    return status;
+  }
   pfm_inhibit();
   int status = 0;
   trace.writeTrace(TRACE_LEVEL_4, "Calling kfsm_view_root_open_type");
@@ -211,11 +291,16 @@ uint32_t Tavrel_KFSM_Ioctl::inval_kind(silo_op_t op) {
 int Tavrel_KFSM_Ioctl::inval(kfsm_inval_info* info) {
   Tavrel_Trace trace(TAVREL_KFSM, "Tavrel_KFSM_Ioctl", "inval");
   char root[KFSM_VIEW_ROOT_MAX];
-  const std::string tag = m_view->get_server_tag();
-  int st = tbs_view_root_type(1, root, tag.c_str());
-  if (st != 0) {
-    trace.writeTrace(TRACE_LEVEL_2, "tbs_view_root_type failed: %d", st);
-    return TBS_ST_NO_VIEW;
+  if (m_keep && !m_root.empty()) {
+    memcpy(root, m_root.c_str(), m_root.size() + 1);
+  } else {
+    const std::string tag = m_view->get_server_tag();
+    int st = tbs_view_root_type(1, root, tag.c_str());
+    if (st != 0) {
+      trace.writeTrace(TRACE_LEVEL_2, "tbs_view_root_type failed: %d", st);
+      return TBS_ST_NO_VIEW;
+    }
+    if (m_keep) m_root = root;
   }
   trace.writeTrace(TRACE_LEVEL_4, "invalidate kind %u in %s", info->kind, root);
   kfsmcmd_block block;
@@ -226,7 +311,10 @@ int Tavrel_KFSM_Ioctl::inval(kfsm_inval_info* info) {
   block.pn2 = kfsm_strbuf_empty();
   block.infolen = KFSM_INVAL_IMAGE;
   block.infop = info;
-  return kfsm_ioctl(&block);
+  int status = kfsm_ioctl(&block);
+  // A daemon started again may have another root: the next command asks anew.
+  if (status == TBS_ST_NO_VIEW) m_root.clear();
+  return status;
 }
 
 int Tavrel_KFSM_Ioctl::view_inval_view() {

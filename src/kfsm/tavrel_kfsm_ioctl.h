@@ -2,6 +2,17 @@
 // made where a command is needed, used and deleted; any thread may use its own object at any time,
 // also while the LPC threads are blocked (each command opens and closes its own handle).
 //
+// keep_open() changes that for a stream of commands from one thread, such as the invalidations of an
+// update (one or two per applied element): the object then opens one handle at its first command and
+// keeps it until it is deleted, and asks the module for the view root once. Its invalidations are
+// posted (libkfsm.h): sent without waiting for their answers, at most KFSM_MAX_POSTED at a time, so
+// they cost the sender no wait per command; they give 0 when sent, and an answer that reports a
+// failure later is traced and counted in posted_failures(). Any other command, drain() and the
+// destructor first wait for every outstanding answer. A handle whose transport failed is closed and
+// the command is sent once more on a new one, so a module daemon that restarted is found again (the
+// answers outstanding on the old handle count as failures); only idempotent commands (invalidations,
+// stat) should go through a kept handle. A kept object is used by one thread at a time.
+//
 // Statuses are of the 1000 range (tbs_status_t), except mount_silo and umount_silo, which give the
 // agent's own statuses: 0, 20046 (already mounted), 20047 (not mounted), or tbs_to_tavrel_status of
 // the module's answer.
@@ -21,7 +32,16 @@ typedef int silo_op_t;
 class Tavrel_KFSM_Ioctl {
  public:
   explicit Tavrel_KFSM_Ioctl(Tavrel_View* view) : m_view(view) {}
-  virtual ~Tavrel_KFSM_Ioctl() = default;
+  virtual ~Tavrel_KFSM_Ioctl();
+  Tavrel_KFSM_Ioctl(const Tavrel_KFSM_Ioctl&) = delete;
+  Tavrel_KFSM_Ioctl& operator=(const Tavrel_KFSM_Ioctl&) = delete;
+
+  // From now on one handle serves every command of this object (see above).
+  void keep_open() { m_keep = true; }
+  // Waits for the answers of every posted command.
+  void drain();
+  // Posted commands whose answers reported a failure, or were lost with a broken handle.
+  int posted_failures() const { return m_posted_failures; }
 
   // The single way of running a block: opens a handle, runs the block (again while the call is
   // interrupted), closes the handle, all while process exit is held off. A failure of the call gives
@@ -60,6 +80,16 @@ class Tavrel_KFSM_Ioctl {
   int get_xstat(const std::string& path, view_vstat* vstat, tbs_oid_s* oid, tbs_uuid_s* uuid, int* flag, int follow,
                 tbs_uuid_s* uuid2);
   int inval(kfsm_inval_info* info);
+  // One command on the kept handle, opened when there is none; a broken transport gets one more try on
+  // a new handle.
+  int kept_command(kfsmcmd_block* block);
+  // Takes the oldest outstanding answer (waiting for it when `wait`); false when there was none to take.
+  bool collect_one(bool wait);
+  void close_kept();
 
   Tavrel_View* m_view;
+  bool m_keep = false;
+  int m_handle = 0;    // the kept handle, 0 while none is open
+  int m_posted_failures = 0;
+  std::string m_root;  // the view root, once asked with a kept handle
 };

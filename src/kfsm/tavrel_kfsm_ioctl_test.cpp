@@ -6,6 +6,7 @@
 #include <sys/un.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <cstring>
 #include <tuple>
@@ -138,6 +139,40 @@ TEST_F(KfsmIoctl, InvalidationsCarryKindAndRoot) {
   size_t before = peer->commands().size();
   EXPECT_EQ(io.view_inval_view(), TBS_ST_NO_VIEW);
   for (size_t i = before; i < peer->commands().size(); ++i) EXPECT_NE(peer->commands()[i].cmd, KFSM_CMD_INVAL);
+}
+
+// An update's stream of invalidations goes over one connection, and finds a daemon that started again.
+TEST_F(KfsmIoctl, AKeptObjectSendsItsCommandsOverOneConnection) {
+  tbs_uuid_s silo;
+  memset(silo.bytes, 0x5A, 16);
+  tbs_oid_s obj = oid_n(3);
+  {
+    Tavrel_KFSM_Ioctl kept{&view};
+    kept.keep_open();
+    const int before = peer->accepted_connections();
+    // Posted, not awaited: a failure the module answers later is counted, in order.
+    for (int i = 0; i < 3; i++) peer->push_status(KFSM_CMD_INVAL, i == 2 ? TBS_ST_FAILURE : 0);
+    for (int i = 0; i < 50; i++) ASSERT_EQ(kept.view_inval_obj(&silo, &obj, 13), 0);
+    kept.drain();
+    EXPECT_EQ(kept.posted_failures(), 1);
+    const auto cmds = peer->commands();
+    EXPECT_EQ(std::count_if(cmds.begin(), cmds.end(), [](const kfsm_command& c) { return c.cmd == KFSM_CMD_INVAL; }), 50);
+    // One connection asked the root, one carried the fifty commands.
+    EXPECT_EQ(peer->accepted_connections() - before, 2);
+    // A command with outputs waits for the posted ones, then runs on the same handle.
+    EXPECT_EQ(kept.view_inval_view(), 0);
+    EXPECT_EQ(kept.view_get_xstat("/view/vtag/a", nullptr, nullptr, nullptr, nullptr, nullptr), 0);
+    EXPECT_EQ(peer->accepted_connections() - before, 2);
+    peer->stop();
+    peer = std::make_unique<Kfsm_Peer>(sock.path, "/view");
+    ASSERT_EQ(peer->start(), 0);
+    EXPECT_EQ(kept.view_inval_name(&silo, &obj, "a"), 0);
+    kept.drain();
+    EXPECT_EQ(peer->commands().size(), 1u);
+    EXPECT_EQ(kept.posted_failures(), 1);
+  }
+  // Deleting the object closes its handle.
+  EXPECT_TRUE(peer->wait_closed(1));
 }
 
 // What the answer carries reaches the caller through the real daemon (tests/e2e/kfsm); here the

@@ -7,6 +7,7 @@
 #include <cstring>
 #include <ctime>
 
+#include "core/tavrel_config.h"
 #include "core/tavrel_log.h"
 #include "core/tavrel_log_update.h"
 #include "core/tavrel_msg_table.h"
@@ -296,7 +297,8 @@ int Tavrel_Update::do_view_update(bool is_restore) {
   set_rpc_complete(false);
   {
     std::unique_ptr<Tavrel_View_db_listener> listener;
-    if (m_prefetch && !is_restore)
+    const bool prefetch = m_prefetch && Tavrel_Config::get_instance()->get_int_param(CONF_PREFETCH, 1) != 0;
+    if (prefetch && !is_restore)
       listener = std::make_unique<Tavrel_Cltxt_Plus_DB_Listener>(this);
     else
       listener = std::make_unique<Tavrel_View_db_listener>(this);

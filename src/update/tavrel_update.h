@@ -22,6 +22,10 @@
 // A surgical update runs in the request's thread, after any update that holds the gate, and its
 // status is the request's.
 //
+// Prefetch: a whole-view update also fetches the cleartext of the file versions it brings, in the
+// background, unless tavrel.conf sets tavrelUpdatePrefetch=0; then a file is fetched when it is first
+// opened, as in a view that was never updated.
+//
 // Durability: each applied event is its own database transaction; the view's generation number (GN)
 // is stored only once the whole stream was applied. An update that fails, is stopped, or dies with the
 // process leaves a whole database, the old view GN, and a log that ends without a trailer (death) or
@@ -58,6 +62,7 @@ class Tavrel_Update : public Tavrel_AbstractOp {
   static constexpr const char* UPDATE_PATHS = "update-paths";
   static constexpr const char* PATH = "path";
   static constexpr const char* LOG_FILE = "log-file";
+  static constexpr const char* CONF_PREFETCH = "tavrelUpdatePrefetch";
 
   Tavrel_Update(const std::string& location, OlXmlDoc* doc);
   // Built in code: a surgical update of `paths` (tag-prefixed), as the namespace operations ask for it.
@@ -100,7 +105,8 @@ class Tavrel_Update : public Tavrel_AbstractOp {
   // A listener that was stopped because the view is ending marks the update cancelled.
   void set_cancelled() { m_cancelled = true; }
   bool is_cancelled() const { return m_cancelled; }
-  // Whether full updates prefetch the cleartext of the file versions they bring (default true).
+  // Whether full updates prefetch the cleartext of the file versions they bring (default true; off also
+  // when tavrel.conf says so).
   void set_prefetch(bool on) { m_prefetch = on; }
 
   // The count of background requests that end_view_update waits for.

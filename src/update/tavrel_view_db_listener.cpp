@@ -126,6 +126,7 @@ bool Tavrel_View_db_listener::begin_operation(unsigned int gn) {
   new_gn = gn;
   trace.writeTrace(TRACE_LEVEL_4, "old gn %u new gn %u", old_gn, new_gn);
   m_ioctl = std::make_unique<Tavrel_KFSM_Ioctl>(update->get_update_view());
+  m_ioctl->keep_open();  // one or two invalidations per element: one connection for them all
   m_has_hijacks = Tavrel_Update_Hijack::view_has_hijacks();
   scope_names.clear();
   return true;
@@ -445,5 +446,9 @@ bool Tavrel_View_db_listener::end_operation() {
   Tavrel_Update::set_rpc_complete(true);
   for (const tbs_uuid_s& silo : m_silos)
     Tavrel_Update_Hijack::sweep(silo, update->get_hijack_treatment(), update->get_log(), ioctl());
+  // The kernel has every invalidation of the update before the update is said to be over.
+  ioctl()->drain();
+  if (ioctl()->posted_failures() != 0)
+    trace.writeTrace(TRACE_LEVEL_2, "%d kernel invalidations failed", ioctl()->posted_failures());
   return true;
 }
