@@ -10,6 +10,13 @@ function(tavrel_library name)
   target_link_libraries(${name} PUBLIC ${A_DEPS} Threads::Threads)
 endfunction()
 
+# Test programs are built without optimisation in optimised builds: the code under test comes from the
+# libraries, built as the build type says, and a test file compiles about four times faster at -O0
+# (test files are most of what a clean build compiles).
+function(tavrel_test_flags name)
+  target_compile_options(${name} PRIVATE $<$<CONFIG:RelWithDebInfo,Release,MinSizeRel>:-O0>)
+endfunction()
+
 # tavrel_unit_test(name SOURCES ... [DEPS ...] [SINGLE_THREADED])
 #   A GoogleTest executable; its cases are registered with ctest under the label "unit", which the
 #   sanitizer builds run. SINGLE_THREADED (code no two threads ever run at once) makes the label
@@ -26,6 +33,7 @@ function(tavrel_unit_test name)
   add_executable(${name} ${A_SOURCES})
   target_include_directories(${name} PRIVATE ${PROJECT_SOURCE_DIR}/src ${PROJECT_SOURCE_DIR})
   target_link_libraries(${name} PRIVATE ${A_DEPS} GTest::gtest GTest::gtest_main GTest::gmock Threads::Threads)
+  tavrel_test_flags(${name})
   gtest_discover_tests(${name} PROPERTIES LABELS ${label} TIMEOUT ${A_TIMEOUT} DISCOVERY_TIMEOUT 60)
 endfunction()
 
@@ -46,6 +54,7 @@ function(tavrel_e2e_test name)
   add_executable(${name} ${A_SOURCES})
   target_include_directories(${name} PRIVATE ${PROJECT_SOURCE_DIR}/src ${PROJECT_SOURCE_DIR})
   target_link_libraries(${name} PRIVATE ${A_DEPS} GTest::gtest GTest::gtest_main GTest::gmock Threads::Threads)
+  tavrel_test_flags(${name})
   gtest_discover_tests(${name} PROPERTIES LABELS ${label} TIMEOUT ${A_TIMEOUT}
     ENVIRONMENT "TAVREL_BIN_DIR=${PROJECT_BINARY_DIR}/bin" DISCOVERY_TIMEOUT 60)
 endfunction()
