@@ -297,7 +297,12 @@ int Tavrel_Update::do_view_update(bool is_restore) {
   set_rpc_complete(false);
   {
     std::unique_ptr<Tavrel_View_db_listener> listener;
-    const bool prefetch = m_prefetch && Tavrel_Config::get_instance()->get_int_param(CONF_PREFETCH, 1) != 0;
+    // A pool of one thread runs no background work until the view ends: the update would wait for its
+    // prefetches for ever, so it fetches nothing ahead then.
+    const bool one_thread = Tavrel_Thread_Manager_Base::get_instance()->counters().pool == 1;
+    const bool prefetch =
+        m_prefetch && !one_thread && Tavrel_Config::get_instance()->get_int_param(CONF_PREFETCH, 1) != 0;
+    if (m_prefetch && one_thread) trace.writeTrace(TRACE_LEVEL_3, "one pool thread: no cleartext prefetch");
     if (prefetch && !is_restore)
       listener = std::make_unique<Tavrel_Cltxt_Plus_DB_Listener>(this);
     else

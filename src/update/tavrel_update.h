@@ -23,8 +23,9 @@
 // status is the request's.
 //
 // Prefetch: a whole-view update also fetches the cleartext of the file versions it brings, in the
-// background, unless tavrel.conf sets tavrelUpdatePrefetch=0; then a file is fetched when it is first
-// opened, as in a view that was never updated.
+// background, unless tavrel.conf sets tavrelUpdatePrefetch=0 or the agent's pool has one thread (which
+// runs background work only at the view's end, so the update would wait for ever); then a file is
+// fetched when it is first opened, as in a view that was never updated.
 //
 // Durability: each applied event is its own database transaction; the view's generation number (GN)
 // is stored only once the whole stream was applied. An update that fails, is stopped, or dies with the

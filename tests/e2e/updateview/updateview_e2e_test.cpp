@@ -185,6 +185,25 @@ TEST_F(UpdateViewE2E, ServerChangesShowInTheViewAfterOneUpdate) {
   EXPECT_EQ(first_values(text, "Status:"), std::vector<std::string>{"Succeeded"});
 }
 
+// An agent with one pool thread runs background work only when the view ends: its update fetches
+// nothing ahead, ends, and the files still read through the view.
+TEST_F(UpdateViewE2E, WithOnePoolThreadTheUpdateEndsWithoutPrefetch) {
+  ASSERT_EQ(r.sh("mkdir -p " + q(r.at("tree")) + " && cp -a /usr/include/asm-generic " + q(r.at("tree"))).code, 0);
+  r.put("home/tavrel.conf", "tavrelNumCmapi=1\n");
+  start_view();
+  if (HasFatalFailure()) return;
+  ASSERT_EQ(r.sh("cd " + q(view) + " && find . >/dev/null").code, 0);
+  const size_t fetched = r.rpcs().size();
+  // Bounded: an update that waits for background work that never runs would hang here.
+  Outcome u = r.sh(r.env() + "timeout 60 " + q(bin("tavrel")) + " -s " + q(r.storage) + " update");
+  ASSERT_EQ(u.code, 0) << u.out << u.err;
+  EXPECT_NE(u.out.find("update succeeded:"), std::string::npos) << u.out;
+  const std::vector<std::string> rpcs = r.rpcs();
+  EXPECT_EQ(std::count(rpcs.begin() + fetched, rpcs.end(), "cltxt"), 0);
+  Outcome d = diff(r.at("tree"));
+  EXPECT_EQ(d.code, 0) << d.out.substr(0, 2000) << d.err.substr(0, 2000);
+}
+
 TEST_F(UpdateViewE2E, AnAgentKilledMidUpdateIsCompletedByResume) {
   // More than 20,000 real files: three copies of /usr/include, links resolved.
   for (const char* copy : {"a", "b", "c"}) {
