@@ -79,6 +79,7 @@ bool Tavrel_KFSM_Ioctl::collect_one(bool wait) {
 }
 
 void Tavrel_KFSM_Ioctl::drain() {
+  if (m_handle == 0 || kfsm_mcb_outstanding(m_handle) == 0) return;  // the usual case: nothing to take
   pfm_inhibit();
   while (m_handle != 0 && kfsm_mcb_outstanding(m_handle) > 0 && collect_one(true)) {
   }
