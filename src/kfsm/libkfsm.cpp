@@ -81,20 +81,37 @@ int wait_readable(int fd, int timeout_ms, int wake) {
   }
 }
 
+// A failure of the transport breaks the handle; a closed peer reads as a reset connection.
+int broke(Handle* h, int e) {
+  h->broken = true;
+  return e == EPIPE ? ECONNRESET : e;
+}
+
+// The two halves of an exchange. send_request sends a request frame under the next sequence number
+// (in *seq); receive_answer waits for the frame that answers request `seq`. 0 or an errno; any
+// failure but a wait that `timeout_ms` ended breaks the handle.
+int send_request(Handle* h, uint16_t type, const std::string& body, uint32_t* seq) {
+  if (h->broken) return ECONNRESET;
+  *seq = ++h->seq;
+  int e = kfsm_frame_send(h->fd, type, *seq, body);
+  return e == 0 ? 0 : broke(h, e);
+}
+
+int receive_answer(Handle* h, uint32_t seq, uint16_t want, int timeout_ms, int wake, kfsm_frame* answer) {
+  int e = wait_readable(h->fd, timeout_ms, wake);
+  if (e == 0) e = kfsm_frame_recv(h->fd, answer);
+  if (e == 0 && (answer->type != want || answer->seq != seq)) e = EPROTO;
+  return e == 0 ? 0 : broke(h, e);
+}
+
 // Sends a request frame and receives the frame that answers it. 0 or an errno; any failure breaks
 // the handle.
 int exchange(Handle* h, uint16_t type, const std::string& body, uint16_t want, int timeout_ms, int wake,
              kfsm_frame* answer) {
-  if (h->broken) return ECONNRESET;
   if (!h->posted.empty()) return EBUSY;
-  uint32_t seq = ++h->seq;
-  int e = kfsm_frame_send(h->fd, type, seq, body);
-  if (e == 0) e = wait_readable(h->fd, timeout_ms, wake);
-  if (e == 0) e = kfsm_frame_recv(h->fd, answer);
-  if (e == 0 && (answer->type != want || answer->seq != seq)) e = EPROTO;
-  if (e == EPIPE) e = ECONNRESET;
-  if (e != 0) h->broken = true;
-  return e;
+  uint32_t seq = 0;
+  int e = send_request(h, type, body, &seq);
+  return e != 0 ? e : receive_answer(h, seq, want, timeout_ms, wake, answer);
 }
 
 int open_handle(int type, int* err, bool quiet) {
@@ -260,29 +277,16 @@ void kfsm_mcb_post(int handle, kfsmcmd_block* block, int* err) {
     *err = EINVAL;
     return;
   }
-  if (h->broken) {
-    *err = ECONNRESET;
-    return;
-  }
   if (h->posted.size() >= size_t(KFSM_MAX_POSTED)) {
     *err = EAGAIN;
     return;
   }
   std::string image;
+  uint32_t seq = 0;
   int e = kfsm_command_encode(*block, &image);
-  if (e != 0) {
-    *err = e;
-    return;
-  }
-  const uint32_t seq = ++h->seq;
-  e = kfsm_frame_send(h->fd, KFSM_FRAME_MCB, seq, image);
-  if (e != 0) {
-    h->broken = true;
-    *err = e == EPIPE ? ECONNRESET : e;
-    return;
-  }
-  h->posted.push_back({seq, block->cmd, block->infolen});
-  *err = 0;
+  if (e == 0) e = send_request(h, KFSM_FRAME_MCB, image, &seq);
+  if (e == 0) h->posted.push_back({seq, block->cmd, block->infolen});
+  *err = e;
 }
 
 int kfsm_mcb_collect(int handle, bool wait, int* status) {
@@ -290,28 +294,22 @@ int kfsm_mcb_collect(int handle, bool wait, int* status) {
   if (!h) return EBADF;
   if (h->posted.empty()) return EAGAIN;
   if (h->broken) return ECONNRESET;
-  int e = wait_readable(h->fd, wait ? g_command_ms.load() : 0, -1);
-  if (e == ETIMEDOUT && !wait) return EAGAIN;
-  kfsm_frame answer;
-  if (e == 0) e = kfsm_frame_recv(h->fd, &answer);
+  if (!wait && wait_readable(h->fd, 0, -1) == ETIMEDOUT) return EAGAIN;
   const Handle::Posted p = h->posted.front();
-  if (e == 0 && (answer.type != KFSM_FRAME_MCB + 1 || answer.seq != p.seq)) e = EPROTO;
-  if (e == 0) {
-    // Posted commands have no outputs: the block receives only the status.
-    kfsmcmd_block b;
-    memset(&b, 0, sizeof b);
-    b.cmd = p.cmd;
-    b.infolen = p.infolen;
-    int remote = 0;
-    e = kfsm_result_apply(reinterpret_cast<const uint8_t*>(answer.body.data()), answer.body.size(), &b, &remote);
-    if (e == 0) {
-      h->posted.pop_front();
-      *status = b.status;
-      return remote;
-    }
-  }
-  h->broken = true;
-  return e == EPIPE ? ECONNRESET : e;
+  kfsm_frame answer;
+  int e = receive_answer(h, p.seq, KFSM_FRAME_MCB + 1, g_command_ms.load(), -1, &answer);
+  if (e != 0) return e;
+  // Posted commands have no outputs: the block receives only the status.
+  kfsmcmd_block b;
+  memset(&b, 0, sizeof b);
+  b.cmd = p.cmd;
+  b.infolen = p.infolen;
+  int remote = 0;
+  e = kfsm_result_apply(reinterpret_cast<const uint8_t*>(answer.body.data()), answer.body.size(), &b, &remote);
+  if (e != 0) return broke(h, e);
+  h->posted.pop_front();
+  *status = b.status;
+  return remote;
 }
 
 int kfsm_mcb_outstanding(int handle) {

@@ -66,6 +66,7 @@ bool Tavrel_KFSM_Ioctl::collect_one(bool wait) {
   int status = 0;
   int err = kfsm_mcb_collect(m_handle, wait, &status);
   if (err == EAGAIN) return false;
+  if (status == TBS_ST_NO_VIEW) m_root.clear();  // a daemon started again may have another root
   if (err != 0 || status != 0) {
     Tavrel_Trace trace(TAVREL_KFSM, "Tavrel_KFSM_Ioctl", "collect_one");
     trace.writeTrace(TRACE_LEVEL_2, "a posted command failed: errno %d, status %d", err, status);
@@ -105,8 +106,7 @@ int Tavrel_KFSM_Ioctl::kept_command(kfsmcmd_block* block) {
       }
       if (err == 0) return 0;
     } else {
-      while (kfsm_mcb_outstanding(m_handle) > 0 && collect_one(true)) {
-      }
+      drain();
       if (m_handle == 0) {
         status = TBS_ST_FAILURE;
         continue;
@@ -312,10 +312,7 @@ int Tavrel_KFSM_Ioctl::inval(kfsm_inval_info* info) {
   block.pn2 = kfsm_strbuf_empty();
   block.infolen = KFSM_INVAL_IMAGE;
   block.infop = info;
-  int status = kfsm_ioctl(&block);
-  // A daemon started again may have another root: the next command asks anew.
-  if (status == TBS_ST_NO_VIEW) m_root.clear();
-  return status;
+  return kfsm_ioctl(&block);
 }
 
 int Tavrel_KFSM_Ioctl::view_inval_view() {

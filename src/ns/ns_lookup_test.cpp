@@ -165,7 +165,7 @@ class NsLookup : public dbtest::DbTest {
     view_set_attr_t sattr{};
     sattr.mode = 0644;
     int st = -1;
-    std::lock_guard<Tavrel_Recursive_Mutex> held168(tavrel_cache_mutex());  // the facade's callers hold it
+    std::lock_guard<Tavrel_Recursive_Mutex> cache_held(tavrel_cache_mutex());  // the facade's callers hold it
     obj_entry* f = tavrel_db_create(nullptr, dir, name, 1, &sattr, nullptr, VIEW_NAME_STATE_VIEW_REC, nullptr,
                                     nullptr, &st);
     EXPECT_NE(f, nullptr) << st;
@@ -265,7 +265,7 @@ TEST_F(NsLookup, ViewSideStates) {
   obj_entry* dir = root_dir();
 
   {  // white-out
-    std::lock_guard<Tavrel_Recursive_Mutex> held267(tavrel_cache_mutex());  // the facade's callers hold it
+    std::lock_guard<Tavrel_Recursive_Mutex> cache_held(tavrel_cache_mutex());  // the facade's callers hold it
     ASSERT_EQ(tavrel_db_link(dir, "a.c", nullptr, 0x1400), 0);
     lookup_invalidate(dir, "a.c");
     Walk w = walk(root_fh_, "a.c");
@@ -275,7 +275,6 @@ TEST_F(NsLookup, ViewSideStates) {
     EXPECT_EQ(ns_lookup_white_out(&root_fh_, "a.c", &hijacked), 0);
     EXPECT_FALSE(hijacked);
     EXPECT_EQ(ns_lookup_white_out(&root_fh_, "docs", &hijacked), TBS_ST_EXISTS);
-    std::lock_guard<Tavrel_Recursive_Mutex> held276(tavrel_cache_mutex());  // the facade's callers hold it
     ASSERT_EQ(tavrel_db_unlink(dir, "a.c", 0), 0);
     lookup_invalidate(dir, "a.c");
   }
@@ -296,7 +295,7 @@ TEST_F(NsLookup, ViewSideStates) {
     ref.replica = replica_;
     ref.oid = elem->oid;
     ref.mtype = elem->mtype;
-    std::lock_guard<Tavrel_Recursive_Mutex> held296(tavrel_cache_mutex());  // the facade's callers hold it
+    std::lock_guard<Tavrel_Recursive_Mutex> cache_held(tavrel_cache_mutex());  // the facade's callers hold it
     ASSERT_EQ(tavrel_db_state_set(dir, "a.c", 0x201800), 0);
     ASSERT_EQ(tavrel_db_hijack_set(ref, "a.c", silo_side.vstat.obj_oid, silo_side.vstat.elem_oid), 0);
     lookup_invalidate(dir, "a.c");
@@ -333,7 +332,7 @@ TEST_F(NsLookup, StaleViewRecordPurged) {
             }),
             0);
   uint32_t view_dbid = 0, state = 0;
-  std::lock_guard<Tavrel_Recursive_Mutex> held332(tavrel_cache_mutex());  // the facade's callers hold it
+  std::lock_guard<Tavrel_Recursive_Mutex> cache_held(tavrel_cache_mutex());  // the facade's callers hold it
   ASSERT_EQ(tavrel_db_lookup(dir, "p", &view_dbid, &state), 0);
   ASSERT_EQ(view_dbid, cover);
 
@@ -341,7 +340,6 @@ TEST_F(NsLookup, StaleViewRecordPurged) {
   Walk w = walk(root_fh_, "p");
   EXPECT_EQ(w.status, TBS_ST_NO_SUCH_NAME);
   EXPECT_TRUE(messages.contains("Purging p")) << messages.all();
-  std::lock_guard<Tavrel_Recursive_Mutex> held339(tavrel_cache_mutex());  // the facade's callers hold it
   EXPECT_EQ(tavrel_db_lookup(dir, "p", &view_dbid, &state), TBS_ST_NOT_FOUND);
   obj_free(dir);
 }
@@ -432,7 +430,7 @@ TEST_F(NsLookup, ViewChangesKeepTheCacheInStep) {
   EXPECT_EQ(made.state & 0x1001, 0x1001u);
   obj_free(f);
   obj_entry* dir = root_dir();
-  std::lock_guard<Tavrel_Recursive_Mutex> held429(tavrel_cache_mutex());  // the facade's callers hold it
+  std::lock_guard<Tavrel_Recursive_Mutex> cache_held(tavrel_cache_mutex());  // the facade's callers hold it
   ASSERT_EQ(tavrel_db_unlink(dir, "v", 0), 0);
   obj_free(dir);
   Walk gone = walk(root_fh_, "v");
