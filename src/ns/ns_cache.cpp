@@ -9,6 +9,7 @@
 #include "core/tavrel_trace.h"
 #include "core/tavrel_util.h"
 #include "ns/ns_lvut.h"
+#include "ns/ns_obj_index.h"
 #include "ns/ns_silo.h"
 
 // Everything below is guarded by tavrel_cache_mutex().
@@ -17,9 +18,13 @@ long obj_zero_ref_size;
 
 namespace {
 
+uint32_t oid_hash(const obj_entry* obj) { return tbs_oid_to_hash32(obj->oid); }
+uint32_t dbid_hash(const obj_entry* obj) { return obj->dbid; }
+
 ns_cache_budget g_budget{};
-obj_entry* oid_hash_tab[NS_OBJ_BUCKETS];
 obj_entry* dbid_hash_tab[NS_OBJ_BUCKETS];
+Ns_Obj_Index<&obj_entry::oid_next, oid_hash> oid_index;
+Ns_Obj_Index<&obj_entry::dbid_idx_next, dbid_hash> dbid_index;
 uint32_t dbid_hash_sweep;  // the clock's hand: the bucket the next sweep starts at
 ns_hanging_flusher g_flushers[NS_HANG_KINDS];
 
@@ -35,7 +40,6 @@ void compute(uint32_t size) {
   g_budget.name_max = 48 * unit;
 }
 
-uint32_t oid_bucket(const tbs_oid_s& oid) { return tbs_oid_to_hash32(oid) % NS_OBJ_BUCKETS; }
 uint32_t dbid_bucket(uint32_t dbid) { return dbid % NS_OBJ_BUCKETS; }
 
 // The cache kind of an object, or 0 for a kind the cache does not hold.
@@ -55,14 +59,10 @@ uint32_t otype_of(bool view_private, silo_mtype_t mtype) {
   }
 }
 
-void unchain(obj_entry** head, obj_entry* obj, obj_entry* obj_entry::*next) {
-  for (obj_entry** p = head; *p != nullptr; p = &((*p)->*next)) {
-    if (*p == obj) {
-      *p = obj->*next;
-      return;
-    }
-  }
-  NS_ASSERT(false, "object in its hash chain");
+void unchain(obj_entry* obj) {
+  NS_ASSERT(*obj->dbid_pprev == obj, "object in its hash chain");
+  *obj->dbid_pprev = obj->dbid_next;
+  if (obj->dbid_next != nullptr) obj->dbid_next->dbid_pprev = obj->dbid_pprev;
 }
 
 // Takes a version off its element's list and drops the reference it held on the element.
@@ -119,7 +119,7 @@ Tavrel_Recursive_Mutex& tavrel_cache_mutex() {
 int cache_init() {
   std::lock_guard<Tavrel_Recursive_Mutex> g(tavrel_cache_mutex());
   if (obj_cache_stats.count != 0 || silo_tab_head() != nullptr) cache_flush();
-  for (uint32_t i = 0; i < NS_OBJ_BUCKETS; i++) oid_hash_tab[i] = dbid_hash_tab[i] = nullptr;
+  for (uint32_t i = 0; i < NS_OBJ_BUCKETS; i++) dbid_hash_tab[i] = nullptr;
   dbid_hash_sweep = 0;
   obj_zero_ref_size = 0;
   cache_reset_stats();
@@ -156,7 +156,7 @@ ns_cache_budget ns_cache_get_budget() {
 obj_entry* obj_get(view_silo* silo, uint32_t dbid) {
   std::lock_guard<Tavrel_Recursive_Mutex> g(tavrel_cache_mutex());
   obj_cache_stats.requests++;
-  for (obj_entry* obj = dbid_hash_tab[dbid_bucket(dbid)]; obj != nullptr; obj = obj->dbid_next) {
+  for (obj_entry* obj = dbid_index.head(dbid); obj != nullptr; obj = obj->dbid_idx_next) {
     if (obj->dbid == dbid && obj->silo == silo) {
       obj_cache_stats.hits++;
       obj_inc_ref(obj);
@@ -169,7 +169,7 @@ obj_entry* obj_get(view_silo* silo, uint32_t dbid) {
 obj_entry* obj_get_by_oid(view_silo* silo, const tbs_oid_s* oid, int want_cover) {
   std::lock_guard<Tavrel_Recursive_Mutex> g(tavrel_cache_mutex());
   obj_cache_stats.requests++;
-  for (obj_entry* obj = oid_hash_tab[oid_bucket(*oid)]; obj != nullptr; obj = obj->oid_next) {
+  for (obj_entry* obj = oid_index.head(tbs_oid_to_hash32(*oid)); obj != nullptr; obj = obj->oid_next) {
     if (obj->silo != silo || obj->oid != *oid) continue;
     if ((obj->otype == CACHE_COVER_OBJ) != (want_cover != 0)) continue;
     obj_cache_stats.hits++;
@@ -212,11 +212,13 @@ obj_entry* obj_alloc_rmap(view_silo* silo, uint32_t dbid, const tbs_oid_s& oid, 
   obj->ref_cnt = 1;
   obj->flags = 0;
   obj->gen = gen;
-  uint32_t ob = oid_bucket(oid), db = dbid_bucket(dbid);
-  obj->oid_next = oid_hash_tab[ob];
-  oid_hash_tab[ob] = obj;
-  obj->dbid_next = dbid_hash_tab[db];
-  dbid_hash_tab[db] = obj;
+  obj_entry** head = &dbid_hash_tab[dbid_bucket(dbid)];
+  obj->dbid_next = *head;
+  if (*head != nullptr) (*head)->dbid_pprev = &obj->dbid_next;
+  obj->dbid_pprev = head;
+  *head = obj;
+  oid_index.insert(obj);
+  dbid_index.insert(obj);
   obj->mtype = mtype;
   obj->otype = otype;
   if (view_private) {
@@ -307,8 +309,9 @@ void obj_flush(obj_entry* obj) {
             "(obj->ref_cnt == 1 || obj->ref_cnt == 0) && obj->silo == NULL");
 
   // 6. Out of the tables; uncharged and freed.
-  unchain(&oid_hash_tab[oid_bucket(obj->oid)], obj, &obj_entry::oid_next);
-  unchain(&dbid_hash_tab[dbid_bucket(obj->dbid)], obj, &obj_entry::dbid_next);
+  unchain(obj);
+  oid_index.remove(obj);
+  dbid_index.remove(obj);
   obj_cache_stats.size -= NS_OBJ_CHARGE;
   if (obj->ref_cnt == 0) obj_zero_ref_size -= NS_OBJ_CHARGE;
   obj_cache_stats.count--;
@@ -366,7 +369,8 @@ void cache_flush() {
   silo_cache_flush();
   for (ns_hanging_kind k : {NS_HANG_FSTAT, NS_HANG_READDIR, NS_HANG_NAMES})
     if (g_flushers[k].flush_all != nullptr) g_flushers[k].flush_all();
-  for (uint32_t i = 0; i < NS_OBJ_BUCKETS; i++) NS_ASSERT(oid_hash_tab[i] == nullptr, "oid_hash_tab[i] == NULL");
+  for (uint32_t i = 0; i < NS_OBJ_BUCKETS; i++) NS_ASSERT(dbid_hash_tab[i] == nullptr, "dbid_hash_tab[i] == NULL");
+  NS_ASSERT(oid_index.count() == 0 && dbid_index.count() == 0, "oid and dbid indexes empty");
   NS_ASSERT(obj_cache_stats.size == 0 && obj_zero_ref_size == 0 && obj_cache_stats.count == 0,
             "obj_cache_stats.size == 0 && obj_zero_ref_size == 0 && obj_cache_stats.count == 0");
 }
@@ -378,12 +382,21 @@ void ns_cache_set_flusher(ns_hanging_kind kind, const ns_hanging_flusher& flushe
 
 std::string ns_cache_check() {
   std::lock_guard<Tavrel_Recursive_Mutex> g(tavrel_cache_mutex());
-  long count = 0, zero = 0, in_oid = 0;
+  long count = 0, zero = 0;
+  auto indexed = [](obj_entry* head, obj_entry* obj_entry::*next, const obj_entry* o) {
+    for (obj_entry* p = head; p != nullptr; p = p->*next)
+      if (p == o) return true;
+    return false;
+  };
   std::map<view_silo*, long> per_silo;
   for (uint32_t i = 0; i < NS_OBJ_BUCKETS; i++) {
-    for (obj_entry* o = oid_hash_tab[i]; o != nullptr; o = o->oid_next) in_oid++;
-    for (obj_entry* o = dbid_hash_tab[i]; o != nullptr; o = o->dbid_next) {
+    obj_entry** link = &dbid_hash_tab[i];
+    for (obj_entry* o = dbid_hash_tab[i]; o != nullptr; link = &o->dbid_next, o = o->dbid_next) {
       count++;
+      if (o->dbid_pprev != link) return "an object's back link is not the link to it";
+      if (!indexed(oid_index.head(tbs_oid_to_hash32(o->oid)), &obj_entry::oid_next, o))
+        return "object missing from the oid index";
+      if (!indexed(dbid_index.head(o->dbid), &obj_entry::dbid_idx_next, o)) return "object missing from the dbid index";
       if (o->ref_cnt == 0) zero++;
       per_silo[o->silo]++;
       if (dbid_bucket(o->dbid) != i) return "object in the wrong dbid bucket";
@@ -395,7 +408,8 @@ std::string ns_cache_check() {
       }
     }
   }
-  if (in_oid != count) return "the oid and dbid tables hold different objects";
+  if (static_cast<long>(oid_index.count()) != count || static_cast<long>(dbid_index.count()) != count)
+    return "the indexes and the dbid table hold different objects";
   if (count != obj_cache_stats.count) return "object count differs from the objects chained";
   if (obj_cache_stats.size != static_cast<long>(NS_OBJ_CHARGE) * count) return "charged size is not 100 x count";
   if (obj_zero_ref_size != static_cast<long>(NS_OBJ_CHARGE) * zero) return "obj_zero_ref_size is not 100 x unreferenced";

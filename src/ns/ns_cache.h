@@ -9,9 +9,11 @@
 // is (every maximum 0: each allocation then sweeps first).
 //
 // Objects. One obj_entry per element, version, symbolic link or view-private object somebody touched
-// recently, findable by (SILO, dbid) in dbid_hash_tab and by (SILO, oid) in oid_hash_tab, 511 buckets
-// each (bucket tbs_oid_to_hash32(oid) % 511 and dbid % 511, dbid unsigned). Every object is charged
-// 100 bytes. Invariants, true whenever tavrel_cache_mutex is free:
+// recently. Every object is chained in dbid_hash_tab, 511 buckets (bucket dbid % 511, dbid unsigned),
+// which the sweep and the dump walk, and is findable by (SILO, dbid) and by (SILO, oid) through two
+// indexes whose bucket count grows with the objects (ns_obj_index.h), so a lookup or a flush costs
+// the same at 100 objects as at 200,000. Every object is charged 100 bytes. Invariants, true whenever
+// tavrel_cache_mutex is free:
 //   obj_cache_stats.size == 100 * obj_cache_stats.count;
 //   obj_zero_ref_size == 100 * (objects whose ref_cnt is 0);
 //   cover partners point at each other and each holds a reference on the other;
@@ -93,9 +95,11 @@ constexpr uint32_t NS_OBJ_CHARGE = 100;  // bytes charged per object, whatever i
 constexpr uint32_t NS_OBJ_BUCKETS = 511;
 
 struct obj_entry {
-  obj_entry* oid_next;       // chain of oid_hash_tab
+  obj_entry* oid_next;       // chain of the oid index
   tbs_oid_s oid;
   obj_entry* dbid_next;      // chain of dbid_hash_tab
+  obj_entry** dbid_pprev;    // the link that points at this object in that chain (unchained in O(1))
+  obj_entry* dbid_idx_next;  // chain of the dbid index
   uint32_t dbid;             // read as signed: negative marks a view-private object
   tbs_oid_s rmap;            // replica-map oid given at creation; TBS_OID_NULL for a view-private object
   view_silo* silo;           // owning SILO; null once flushed
@@ -130,7 +134,7 @@ extern long obj_zero_ref_size;
 // obj_get_by_oid with want_cover 0 finds any kind but a cover, with 1 only a cover.
 obj_entry* obj_get(view_silo* silo, uint32_t dbid);
 obj_entry* obj_get_by_oid(view_silo* silo, const tbs_oid_s* oid, int want_cover);
-// A new object with one reference, chained at the head of both buckets and counted in its SILO. Null
+// A new object with one reference, at the head of its chains and counted in its SILO. Null
 // after "Unable to malloc storage.\n" when memory is out.
 obj_entry* obj_alloc(view_silo* silo, uint32_t dbid, const tbs_oid_s& oid, silo_mtype_t mtype, uint32_t gen);
 obj_entry* obj_alloc_rmap(view_silo* silo, uint32_t dbid, const tbs_oid_s& oid, const tbs_oid_s& rmap,
@@ -169,8 +173,9 @@ struct ns_hanging_flusher {
 };
 void ns_cache_set_flusher(ns_hanging_kind kind, const ns_hanging_flusher& flusher);
 
-// Walks both tables and checks the invariants above (charges, unreferenced bytes, both chains holding
-// the same objects, partners, version links, each SILO's count). "" when they hold, else what broke.
+// Walks the objects and checks the invariants above (charges, unreferenced bytes, the chains and both
+// indexes holding the same objects, partners, version links, each SILO's count). "" when they hold,
+// else what broke.
 std::string ns_cache_check();
 
 // ---- accessors ----------------------------------------------------------------------------------------

@@ -233,6 +233,36 @@ TEST_F(ObjCache, FlushSiloTakesOnlyItsObjectsAndMovesTheLvut) {
   cache_flush_silo(&other);
 }
 
+TEST_F(ObjCache, ManyObjectsStayFindableAndTheNewerOfTwoEqualKeysIsFound) {
+  // Enough objects to double the indexes several times, with a duplicate dbid made before the growth.
+  obj_entry* older = alloc(42, 6);
+  obj_entry* newer = obj_alloc(&silo_, 42, oid_of(4242), 6, 1);
+  std::vector<obj_entry*> held;
+  for (uint32_t d = 1000; d < 6000; d++) held.push_back(alloc(d, 6));
+  EXPECT_EQ(ns_cache_check(), "");
+  obj_entry* got = obj_get(&silo_, 42);
+  EXPECT_EQ(got, newer);
+  obj_free(got);
+  for (uint32_t d = 1000; d < 6000; d += 7) {
+    obj_entry* by_dbid = obj_get(&silo_, d);
+    obj_entry* by_oid = obj_get_by_oid(&silo_, &held[d - 1000]->oid, 0);
+    EXPECT_TRUE(by_dbid == held[d - 1000] && by_oid == by_dbid) << d;
+    obj_free(by_dbid);
+    obj_free(by_oid);
+  }
+  // Flushes from the middle of chains, then the other copy of 42 is what is left.
+  for (size_t i = 0; i < held.size(); i += 2) obj_flush(held[i]);
+  obj_flush(newer);
+  EXPECT_EQ(ns_cache_check(), "");
+  got = obj_get(&silo_, 42);
+  EXPECT_EQ(got, older);
+  obj_free(got);
+  EXPECT_EQ(obj_get(&silo_, 1000), nullptr);
+  obj_entry* odd = obj_get(&silo_, 1001);
+  EXPECT_EQ(odd, held[1]);
+  obj_free(odd);
+}
+
 TEST_F(ObjCache, StatisticsSnapshotHasDeltas) {
   obj_entry* o = alloc(60, 6);
   obj_free(o);
