@@ -104,6 +104,15 @@ int receive_answer(Handle* h, uint32_t seq, uint16_t want, int timeout_ms, int w
   return e == 0 ? 0 : broke(h, e);
 }
 
+// The answer to posted request `seq` when it is already queued (one recvmsg, no poll). Otherwise
+// EAGAIN without `wait`, which leaves the handle as it is, and with it the wait of receive_answer.
+int take_answer(Handle* h, uint32_t seq, uint16_t want, bool wait, kfsm_frame* answer) {
+  int e = kfsm_frame_recv(h->fd, answer, true);
+  if (e == EAGAIN) return wait ? receive_answer(h, seq, want, g_command_ms.load(), -1, answer) : EAGAIN;
+  if (e == 0 && (answer->type != want || answer->seq != seq)) e = EPROTO;
+  return e == 0 ? 0 : broke(h, e);
+}
+
 // Sends a request frame and receives the frame that answers it. 0 or an errno; any failure breaks
 // the handle.
 int exchange(Handle* h, uint16_t type, const std::string& body, uint16_t want, int timeout_ms, int wake,
@@ -294,10 +303,9 @@ int kfsm_mcb_collect(int handle, bool wait, int* status) {
   if (!h) return EBADF;
   if (h->posted.empty()) return EAGAIN;
   if (h->broken) return ECONNRESET;
-  if (!wait && wait_readable(h->fd, 0, -1) == ETIMEDOUT) return EAGAIN;
   const Handle::Posted p = h->posted.front();
   kfsm_frame answer;
-  int e = receive_answer(h, p.seq, KFSM_FRAME_MCB + 1, g_command_ms.load(), -1, &answer);
+  int e = take_answer(h, p.seq, KFSM_FRAME_MCB + 1, wait, &answer);
   if (e != 0) return e;
   // Posted commands have no outputs: the block receives only the status.
   kfsmcmd_block b;

@@ -60,7 +60,7 @@ int kfsm_frame_send(int fd, uint16_t type, uint32_t seq, const std::string& body
   }
 }
 
-int kfsm_frame_recv(int fd, kfsm_frame* out) {
+int kfsm_frame_recv(int fd, kfsm_frame* out, bool dontwait) {
   // One buffer per thread, one byte larger than the largest frame so that truncation shows.
   thread_local std::vector<char> buf(KFSM_FRAME_HDR + KFSM_FRAME_MAX_BODY + 1);
   ssize_t n;
@@ -70,9 +70,9 @@ int kfsm_frame_recv(int fd, kfsm_frame* out) {
   msg.msg_iov = &iov;
   msg.msg_iovlen = 1;
   do {
-    n = recvmsg(fd, &msg, MSG_CMSG_CLOEXEC);
+    n = recvmsg(fd, &msg, MSG_CMSG_CLOEXEC | (dontwait ? MSG_DONTWAIT : 0));
   } while (n < 0 && errno == EINTR);
-  if (n < 0) return errno;
+  if (n < 0) return errno == EWOULDBLOCK ? EAGAIN : errno;
   if (n == 0) return ECONNRESET;
   if ((msg.msg_flags & (MSG_TRUNC | MSG_CTRUNC)) || size_t(n) < KFSM_FRAME_HDR) return EPROTO;
   const uint8_t* p = reinterpret_cast<const uint8_t*>(buf.data());

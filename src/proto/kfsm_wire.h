@@ -62,8 +62,9 @@ struct kfsm_frame {
 // Sends one frame as one packet (never raising SIGPIPE). 0 or an errno.
 int kfsm_frame_send(int fd, uint16_t type, uint32_t seq, const std::string& body);
 // Receives one packet. 0; ECONNRESET at the end of the stream; EPROTO for a packet that is not a
-// well-formed frame (short, truncated, wrong magic, version or length); or the errno of recv.
-int kfsm_frame_recv(int fd, kfsm_frame* out);
+// well-formed frame (short, truncated, wrong magic, version or length); or the errno of recv. With
+// `dontwait` a socket with nothing queued answers EAGAIN at once.
+int kfsm_frame_recv(int fd, kfsm_frame* out, bool dontwait = false);
 
 std::string kfsm_hello_body(uint32_t type, uint32_t pid);
 bool kfsm_parse_hello(const std::string& body, uint32_t* type, uint32_t* pid);

@@ -69,6 +69,9 @@ class SyncPoint {
   int sync();
   bool pending() const { return synced_.load() < written_.load(); }
   void note_written() { written_.fetch_add(1); }
+  // Commits are numbered from 1 in the order they were written; every commit up to synced() is durable.
+  uint64_t written() const { return written_.load(); }
+  uint64_t synced() const { return synced_.load(); }
   // Everything written so far is durable by other means (a sync of the journal, or a checkpoint).
   void mark_synced() {
     std::lock_guard<std::mutex> g(mutex_);
@@ -117,6 +120,10 @@ class Journal {
   void set_deferred(bool on) { deferred_ = on; }
   int settle() { return unsettled() ? sync_point_->sync() : 0; }
   bool unsettled() const { return sync_point_ && sync_point_->pending(); }
+  // The number of the last commit written, and the last one known durable (see SyncPoint); without
+  // deferral both stay 0, every commit being durable when it returns.
+  uint64_t commits_written() const { return sync_point_ ? sync_point_->written() : 0; }
+  uint64_t commits_durable() const { return sync_point_ ? sync_point_->synced() : 0; }
   std::shared_ptr<SyncPoint> sync_point() const { return sync_point_; }
   // Re-read the header after roll-forward changed the file.
   int reload(const MsgFn& msg);

@@ -1,6 +1,7 @@
 // The transaction journal: its exact format, roll-forward of committed transactions, torn and corrupted
 // tails, stale entries, malformed files, an abort after a spill and transaction-number wrap. (A spilled
 // transaction that commits and is rolled forward: crash_test.cpp.)
+#include <fcntl.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -14,6 +15,7 @@
 #include "db/rec/dt.h"
 #include "db/rec/io.h"
 #include "db/rec/journal.h"
+#include "db/rec/page_cache.h"
 #include "db/rec/schema.h"
 #include "db/rec/test_util.h"
 
@@ -399,6 +401,66 @@ TEST_F(Journal, TransactionNumberWraps) {
     if (e.type == 1) starts.push_back(e.tx);
   EXPECT_EQ(starts, (std::vector<uint32_t>{0xffffffffu, 1u, 2u})) << "0 is skipped";
   EXPECT_EQ(reopen_with(snap, j), want);
+}
+
+// Deferred commits: a page reaches its file only once its commit is durable. While it is not, the
+// cache evicts other pages around it; once the journal's sync point has synced that commit, the page
+// is evicted like any other, even while a later commit waits for its sync.
+TEST(PageCacheDeferred, APageReachesItsFileOnlyAfterItsCommitIsDurable) {
+  using namespace tavrel::rec;
+  rectest::TempDir dir;
+  constexpr uint32_t kPs = 512;
+  std::vector<CacheFile> files(1);
+  files[0].path = dir.file("data");
+  files[0].fd = ::open(files[0].path.c_str(), O_RDWR | O_CREAT, 0600);
+  ASSERT_GE(files[0].fd, 0);
+  tavrel::rec::Journal j;
+  ASSERT_EQ(j.open(dir.file("tjf"), [](int, const std::string&) {}), 0);
+  j.set_deferred(true);
+  PageCache cache(kPs);
+  ASSERT_EQ(cache.allocate(8), 0);
+  cache.attach(&files, &j);
+  auto page0_in_file = [&] {
+    uint8_t b[kPs] = {};
+    size_t got = 0;
+    EXPECT_EQ(io_read(files[0].fd, b, kPs, 0, &got), 0);
+    return got == kPs && b[0] == 'A';
+  };
+  auto touch_others = [&](uint32_t from) {
+    for (uint32_t p = from; p < from + 32; p++) {
+      PageRef r;
+      ASSERT_EQ(cache.get(0, p, &r), 0);
+    }
+  };
+
+  cache.tx_begin(true);
+  {
+    PageRef r;
+    ASSERT_EQ(cache.get(0, 0, &r), 0);
+    ASSERT_EQ(r.dirty(), 0);
+    r.data()[0] = 'A';
+  }
+  bool applying = false;
+  ASSERT_EQ(cache.tx_commit(false, &applying), 0);
+  ASSERT_TRUE(j.unsettled());
+  touch_others(1);  // four times the cache: every other frame is reused
+  EXPECT_FALSE(page0_in_file());
+  EXPECT_TRUE(j.unsettled()) << "other frames were free: no sync was needed";
+
+  // The flusher syncs; a later commit (of page 1) is pending again, yet page 0 may now go.
+  ASSERT_EQ(j.sync_point()->sync(), 0);
+  cache.tx_begin(true);
+  {
+    PageRef r;
+    ASSERT_EQ(cache.get(0, 1, &r), 0);
+    ASSERT_EQ(r.dirty(), 0);
+    r.data()[0] = 'B';
+  }
+  ASSERT_EQ(cache.tx_commit(false, &applying), 0);
+  touch_others(100);
+  EXPECT_TRUE(page0_in_file());
+  EXPECT_TRUE(j.unsettled()) << "page 1's commit is still not durable, and nothing synced it";
+  ::close(files[0].fd);
 }
 
 }  // namespace

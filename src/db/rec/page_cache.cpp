@@ -149,7 +149,7 @@ int PageCache::write_frame(int f) {
 int PageCache::evict(int f) {
   Frame& fr = frames_[f];
   if (fr.key == ~0ull) return 0;
-  if (fr.cdirty && journal_ && journal_->unsettled()) {
+  if (commit_pending(fr)) {
     // A commit whose sync was deferred: sync once and write back every committed page, so that the
     // evictions that follow find clean frames instead of each costing a sync.
     int st = write_back();
@@ -217,17 +217,19 @@ int PageCache::release_batch() {
 }
 
 int PageCache::victim(int* out) {
-  // Clock over unpinned frames that the open transaction has not changed. While a deferred commit is not
-  // yet durable its pages may not reach their files, so frames holding committed changes are passed over
-  // as long as others can be had; when none can, one sync and a write-back of every committed page
-  // makes them all clean at once (one sync for many evictions, not one per commit).
+  // Clock over unpinned frames that the open transaction has not changed. A page of a deferred commit
+  // that is not yet durable may not reach its file, so such frames are passed over as long as others
+  // can be had; once the flusher's sync has made their commits durable they are fair game again. When
+  // no frame can be had, one sync and a write-back of every committed page make them all clean at
+  // once (one sync for many evictions, not one per commit).
   auto scan = [&](bool avoid_committed) {
-    size_t n = frames_.size();
+    const size_t n = frames_.size();
+    const uint64_t durable = avoid_committed ? journal_->commits_durable() : ~0ull;
     for (size_t step = 0; step < 2 * n; step++) {
       size_t i = hand_;
-      hand_ = (hand_ + 1) % n;
+      if (++hand_ == n) hand_ = 0;
       Frame& fr = frames_[i];
-      if (fr.pins > 0 || fr.dirty || (avoid_committed && fr.cdirty)) continue;
+      if (fr.pins > 0 || fr.dirty || (fr.cdirty && fr.commit > durable)) continue;
       if (fr.key == ~0ull || !fr.ref) {
         *out = (int)i;
         return true;
@@ -405,6 +407,7 @@ int PageCache::tx_commit(bool sync_files_now, bool* applying) {
     if (journaled_) {
       // The journal holds the change; the page reaches its file when evicted or at the next checkpoint.
       fr.cdirty = true;
+      fr.commit = journal_->commits_written();
     } else {
       st = write_frame(f);
       if (st != 0) return st;

@@ -139,11 +139,14 @@ class PageCache {
     bool ref = false;
     bool dirty = false;
     bool cdirty = false;      // holds committed changes not yet written to the file
+    uint64_t commit = 0;      // with cdirty: the journal's number of the last commit that changed it
     bool from_spill = false;  // content came from the journal (uncommitted)
     bool listed = false;      // in dirty_list_
   };
   static uint64_t mk(int file, uint32_t page) { return (uint64_t)file << 32 | page; }
   int victim(int* out);
+  // Whether the commit that last changed frame `fr` may be behind its journal's last sync.
+  bool commit_pending(const Frame& fr) const { return fr.cdirty && journal_ && fr.commit > journal_->commits_durable(); }
   int evict(int f);
   int release_batch();
   int write_frame(int f);
