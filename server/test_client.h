@@ -173,8 +173,9 @@ class WanClient {
                     {{"x-ondrel-login-credentials", base64(user + ":" + password)}});
     for (const auto& [k, v] : r.headers) {
       if (k != "Set-Cookie") continue;
-      auto take = [&](const std::string& name, std::string* out) {
-        if (v.rfind(name + "=", 0) == 0) *out = v.substr(name.size() + 1, v.find(';') - name.size() - 1);
+      auto take = [&cookie = v](const std::string& name, std::string* out) {
+        if (cookie.rfind(name + "=", 0) == 0)
+          *out = cookie.substr(name.size() + 1, cookie.find(';') - name.size() - 1);
       };
       take("JSESSIONID", &jsession_);
       take("Session", &session_);

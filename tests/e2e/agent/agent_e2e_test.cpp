@@ -413,6 +413,7 @@ TEST(AgentProcess, PoolSizesAndASignalWithWorkQueued) {
   // released, and the end of file follows.
   const std::string ending = std::to_string(TAVREL_ST_VIEW_ENDING);
   for (auto [pool, want] : std::vector<std::pair<int, int>>{{1, 1}, {2, 1}, {7, 6}}) {
+    const int want_running = want;
     Agent a(pool);
     ASSERT_TRUE(a.run(kTrace4));
     std::vector<std::unique_ptr<Connection>> conns;
@@ -425,7 +426,7 @@ TEST(AgentProcess, PoolSizesAndASignalWithWorkQueued) {
     ASSERT_TRUE(wait_for(20000, [&] {
       int n = 0;
       for (int i = 0; i < 6; i++) n += ran(i);
-      return n >= want && count_of(a.traces(), "Request queued") == 6;
+      return n >= want_running && count_of(a.traces(), "Request queued") == 6;
     })) << "pool " << pool;
     std::string reply;
     if (pool == 1) {
