@@ -234,6 +234,9 @@ int tvr_db_get_ver_scope(uint32_t silo, uint32_t dbid, DB_ADDR* scope_dba);
 int tvr_db_get_ver_scope_oid(uint32_t silo, uint32_t dbid, tbs_oid_s* scope_oid, uint32_t* gn);
 // Directory version holding the object's first name (0 for a root).
 int tvr_db_ver_get_parent(uint32_t silo, uint32_t dbid, uint32_t* parent);
+// The path of a version from its SILO's root by first names: "" for the root, else "/a/b". 1002 when the
+// version is not held; a chain deeper than 4096 directories (a damaged database) is an internal error.
+int tvr_db_ver_path(uint32_t silo, uint32_t dbid, std::string* path);
 int tvr_db_ver_get_elem(uint32_t silo, uint32_t dbid, uint32_t* elem_dbid);
 // First version of an element that the view holds (1002 when none).
 int tvr_db_elem_get_ver(uint32_t silo, uint32_t elem_dbid, uint32_t* ver_dbid);

@@ -220,6 +220,24 @@ int tvr_db_ver_get_parent(uint32_t silo, uint32_t dbid, uint32_t* parent) {
   return 0;
 }
 
+int tvr_db_ver_path(uint32_t silo, uint32_t dbid, std::string* path) {
+  DB_ADDR silo_dba = 0;
+  int st = tvr_db_vns_enter_read(silo, &silo_dba);
+  if (st != 0) return st;
+  path->clear();
+  for (int depth = 0;; depth++) {
+    if (depth > 4096) return TBS_ST_INTERNAL;
+    vns_db_dir_ver_ent row{};
+    DB_ADDR at = 0;
+    if ((st = first_name(silo_dba, dbid, &row, &at)) != 0) return st;
+    if (row.dir_dbid == 0) return 0;  // the root's row
+    std::string name;
+    if ((st = entry_name(at, row, &name)) != 0) return st;
+    *path = "/" + name + *path;
+    dbid = row.dir_dbid;
+  }
+}
+
 int tvr_db_ver_get_elem(uint32_t silo, uint32_t dbid, uint32_t* elem_dbid) {
   vns_db_obj obj{};
   int st = tvr_db_get_obj_info(silo, dbid, &obj);

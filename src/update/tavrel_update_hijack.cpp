@@ -2,12 +2,15 @@
 
 #include <vector>
 
+#include "core/tavrel_config.h"
 #include "core/tavrel_log_update.h"
 #include "core/tavrel_trace.h"
 #include "db/tavrel_db_adopt.h"
 #include "db/tavrel_engine_db.h"
 #include "db/tvr_db_dir.h"
+#include "db/tvr_db_silo.h"
 #include "db/tvr_db_store.h"
+#include "db/tvr_db_vns.h"
 #include "fs/tavrel_metadata.h"
 #include "fs/tavrel_view_db.h"
 #include "proto/xdr_prim.h"
@@ -30,6 +33,28 @@ std::string leaf_of(const std::string& path) {
 std::string sibling(const std::string& path, const std::string& leaf) {
   const size_t slash = path.rfind('/');
   return slash == std::string::npos ? leaf : path.substr(0, slash + 1) + leaf;
+}
+
+// The path an update log gives `leaf` of directory element `dir_elem`: "<SILO tag><directory>/<leaf>" when
+// the SILO is mounted and the view still holds a version of the directory, else `known`, the name as the
+// view's own records have it.
+std::string log_path(const tbs_uuid_s& replica, const tbs_oid_s& dir_elem, const std::string& leaf,
+                     const std::string& known) {
+  std::string tag;
+  for (const SILO_mount_info& m : Tavrel_Config::get_instance()->get_mounted_silos())
+    if (m.replica_uuid == replica) tag = m.silo_tag;
+  if (tag.empty()) return known;
+  std::string dir;
+  int st = tvr_db_in_trans(0, [&] {
+    uint32_t silo = 0, elem = 0, ver = 0;
+    DB_ADDR silo_dba = 0;
+    int s = tvr_db_silo_lookup(replica, &silo);
+    if (s == 0) s = tvr_db_vns_silo_dba(silo, &silo_dba);
+    if (s == 0) s = tvr_db_vns_elem_lookup(silo_dba, dir_elem, &elem);
+    if (s == 0) s = tvr_db_elem_get_ver(silo, elem, &ver);
+    return s != 0 ? s : tvr_db_ver_path(silo, ver, &dir);
+  });
+  return st == 0 ? tag + dir + "/" + leaf : known;
 }
 
 }  // namespace
@@ -100,7 +125,10 @@ int Tavrel_Update_Hijack::sweep(const tbs_uuid_s& replica, HijackTreatment treat
     trace.writeTrace(TRACE_LEVEL_4, "hijack %s of an element no longer loaded: %d", h.name.c_str(), st);
     if (st != 0) continue;
     treated++;
-    if (log) log->log_hijack_sweep(treatment, h.name, new_leaf.empty() ? "" : sibling(h.name, new_leaf));
+    if (log) {
+      const std::string path = log_path(replica, h.parent, leaf, h.name);
+      log->log_hijack_sweep(treatment, path, new_leaf.empty() ? "" : sibling(path, new_leaf));
+    }
     if (ioctl) {
       Tavrel_Metadata::view_inval_name(ioctl, replica, h.parent, leaf.c_str(), 1, 1, 0);
       if (!new_leaf.empty()) Tavrel_Metadata::view_inval_name(ioctl, replica, h.parent, new_leaf.c_str(), 1, 1, 0);

@@ -46,7 +46,9 @@ class Tavrel_Update_Hijack {
 
   // The hijacks of SILO `replica` whose element the view no longer holds (it left the view without an
   // unload of the name, e.g. with its directory): each is treated as for an unload and, except for
-  // keep, logged ("HijackedDeleted:", "HijackedRenamed:") and flushed from the name service and the
+  // keep, logged ("HijackedDeleted:", "HijackedRenamed:"; by SILO path when the SILO is mounted and the
+  // view still holds the directory, else by the name the view's records give) and flushed from the name
+  // service and the
   // kernel through `ioctl` (may be null). Returns the number treated, or -1 when the hijacks could not be
   // listed.
   static int sweep(const tbs_uuid_s& replica, HijackTreatment treatment, Tavrel_Log_Update* log,

@@ -12,6 +12,7 @@
 #include <gtest/gtest.h>
 
 #include "cleartext/tavrel_cleartext.h"
+#include "core/tavrel_config.h"
 #include "core/tavrel_online.h"
 #include "core/tavrel_status.h"
 #include "core/tavrel_thread_manager_base.h"
@@ -22,6 +23,7 @@
 #include "db/tavrel_engine_db.h"
 #include "db/tvr_db_dir.h"
 #include "db/tvr_db_silo.h"
+#include "db/tvr_db_vns.h"
 #include "fs/tavrel_metadata.h"
 #include "fs/tavrel_view_db.h"
 #include "fs/tavrel_view_db_silo.h"
@@ -303,20 +305,22 @@ class UpdateTest : public wan_test::ScriptedServerTest {
     fn(root);
     obj_free(root);
   }
-  // The user's hijack of a.c: a view-private file under the name, marked hijacked.
-  void hijack_a() {
+  // The user's hijack of `leaf` in the root: a view-private file under the name, marked hijacked as a
+  // copy of version `ver` of element `elem`.
+  void hijack(const char* leaf, uint32_t ver, uint32_t elem) {
     with_root([&](obj_entry* root) {
       view_set_attr_t sattr{};
       sattr.mode = 0644;
       int st = 0;
-      obj_free(tavrel_db_create(nullptr, root, "a.c", 1, &sattr, nullptr, VIEW_NAME_STATE_VIEW_REC, nullptr, nullptr,
+      obj_free(tavrel_db_create(nullptr, root, leaf, 1, &sattr, nullptr, VIEW_NAME_STATE_VIEW_REC, nullptr, nullptr,
                                 &st));
       EXPECT_EQ(st, 0);
-      EXPECT_EQ(tavrel_db_state_set(root, "a.c", 0x201800), 0);
+      EXPECT_EQ(tavrel_db_state_set(root, leaf, 0x201800), 0);
     });
-    EXPECT_EQ(tavrel_db_hijack_set({replica, oid(kRoot.elem), 2}, "a.c", oid(kA.ver), oid(kA.elem)), 0);
-    ASSERT_EQ(Tavrel_Update_Hijack::lookup(replica, oid(kRoot.elem), "a.c"), 0);
+    EXPECT_EQ(tavrel_db_hijack_set({replica, oid(kRoot.elem), 2}, leaf, oid(ver), oid(elem)), 0);
+    ASSERT_EQ(Tavrel_Update_Hijack::lookup(replica, oid(kRoot.elem), leaf), 0);
   }
+  void hijack_a() { hijack("a.c", kA.ver, kA.elem); }
   // Removes what the view holds of a.c and of its renamed copy.
   void clear_view_records() {
     for (const char* leaf : {"a.c", "a.c.keep.1"}) {
@@ -462,6 +466,66 @@ TEST_F(UpdateTest, HijackTreatments) {
     gn++;
     clear_view_records();
   }
+}
+
+// A hijack whose element the view no longer holds (it went without an unload of its name) is treated at
+// the end of the update as for an unload: overwrite and rename log it, keep leaves it as it is.
+TEST_F(UpdateTest, TheEndSweepsHijacksOfElementsNoLongerHeld) {
+  struct Case {
+    const char* treatment;
+    const char* line;  // "" when nothing is logged
+    bool still_hijacked, copy_under_name;
+    const char* renamed;
+  } cases[] = {
+      {"keep", "", true, true, ""},
+      {"overwrite", "HijackedDeleted: /proj/gone.c", false, false, ""},
+      {"rename", "HijackedRenamed: /proj/gone.c", false, false, "gone.c.keep.1"},
+  };
+  first_load();
+  // The log names a swept hijack by its SILO path, which takes the mounted SILO's tag and the path of the
+  // directory the view holds.
+  SILO_mount_info m;
+  m.silo_tag = "/proj";
+  m.replica_uuid = m.family_uuid = replica;
+  m.mount_state = 1;
+  Tavrel_Config::g_mounted_silos[m.silo_tag] = m;
+  std::string b_path;
+  ASSERT_EQ(tvr_db_in_trans(0, [&] {
+              uint32_t silo = 0, dbid = 0;
+              DB_ADDR silo_dba = 0;
+              silo_mtype_t mtype = 0;
+              int st = tvr_db_silo_lookup(replica, &silo);
+              if (st == 0) st = tvr_db_vns_silo_dba(silo, &silo_dba);
+              if (st == 0) st = tvr_db_vns_obj_lookup(silo_dba, oid(kB.ver), &dbid, &mtype);
+              return st != 0 ? st : tvr_db_ver_path(silo, dbid, &b_path);
+            }),
+            0);
+  EXPECT_EQ(b_path, "/src/b.c");
+  unsigned gn = 6;
+  for (const Case& c : cases) {
+    SCOPED_TRACE(c.treatment);
+    // Elements 90 and 91 never came to the view; a.c's hijack stays beside it, its element still held.
+    if (Tavrel_Update_Hijack::lookup(replica, oid(kRoot.elem), "gone.c") != 0) hijack("gone.c", 90, 91);
+    hijack_a();
+    Stream s(gn, replica);
+    s.scope("/proj", kRule, gn).end_scope();
+    script(s.done());
+    Outcome o = update(std::string("hijack-treatment=\"") + c.treatment + "\"");
+    ASSERT_EQ(o.status, 0) << o.message;
+    EXPECT_TRUE(has(o.log, "Succeeded")) << o.log;
+    EXPECT_EQ(actions(o.log), *c.line ? std::vector<std::string>{c.line} : std::vector<std::string>{});
+    if (*c.renamed) {
+      EXPECT_TRUE(has(o.log, std::string("/proj/gone.c /proj/") + c.renamed)) << o.log;
+      ASSERT_GE(view_record(c.renamed), 0);
+      EXPECT_EQ(view_record(c.renamed) & 0x200000, 0);
+    }
+    EXPECT_EQ(Tavrel_Update_Hijack::lookup(replica, oid(kRoot.elem), "gone.c") == 0, c.still_hijacked);
+    EXPECT_EQ(view_record("gone.c") >= 0, c.copy_under_name);
+    EXPECT_EQ(Tavrel_Update_Hijack::lookup(replica, oid(kRoot.elem), "a.c"), 0);
+    gn++;
+    clear_view_records();
+  }
+  Tavrel_Config::g_mounted_silos.clear();
 }
 
 // A listener stopped because the view is ending: what came before stays, the GN does not move, and
