@@ -126,7 +126,9 @@ int tvr_db_create_vns_obj(DB_ADDR silo_dba, const tbs_oid_s& oid, silo_mtype_t m
 }
 
 int tvr_db_create_vns_elem(uint32_t silo, const tbs_oid_s& oid, silo_mtype_t mtype, const struct timeval& event_time,
-                           const tbs_fstat_db_t& fstat, int checked_out, const tbs_oid_s* co_ver, uint32_t* dbid) {
+                           const tbs_fstat_db_t& fstat, int checked_out, const tbs_oid_s* co_ver, uint32_t* dbid,
+                           int* changed) {
+  if (changed != nullptr) *changed = 1;
   DB_ADDR silo_dba = 0;
   int st = tvr_db_vns_enter_write(silo, &silo_dba);
   if (st != 0) return st;
@@ -137,7 +139,7 @@ int tvr_db_create_vns_elem(uint32_t silo, const tbs_oid_s& oid, silo_mtype_t mty
   if (found) {
     if (!is_elem_type(obj.vns_obj_mtype)) return TBS_ST_INTERNAL;
     *dbid = obj.vns_obj_dbid;
-    return tvr_db_elem_set_checkedout(silo, obj.vns_obj_dbid, co_ver, checked_out);
+    return tvr_db_elem_set_checkedout(silo, obj.vns_obj_dbid, co_ver, checked_out, changed);
   }
   if ((st = tvr_db_create_vns_obj(silo_dba, oid, mtype, fstat, dbid)) != 0) return st;
   vns_db_elem elem{};
@@ -419,8 +421,9 @@ int create_slink_rec(DB_ADDR silo_dba, uint32_t dbid, const struct timeval& even
 }
 
 // The common plan of versions, roots and links. *dbid receives the object's dbid.
-int create_object(const create_args& a, uint32_t* dbid, tbs_oid_s* hardlink_oid, tbs_oid_s* out_oid) {
+int create_object(const create_args& a, uint32_t* dbid, tbs_oid_s* hardlink_oid, tbs_oid_s* out_oid, int* same) {
   Tavrel_Trace trace(TAVREL_DB, "", "tvr_db_create_vns_ver");
+  if (same != nullptr) *same = 0;
   if (hardlink_oid != nullptr) *hardlink_oid = TBS_OID_NULL;
   if (out_oid != nullptr) *out_oid = TBS_OID_NULL;
   const bool is_dir = a.mtype == SILO_MTYPE_DIR_VER;
@@ -438,6 +441,7 @@ int create_object(const create_args& a, uint32_t* dbid, tbs_oid_s* hardlink_oid,
     if ((st = tvr_db_handle_evil_twins(a.parent, check.entry)) != 0) return st;
   }
   if (check.same_ver) {
+    if (same != nullptr) *same = 1;
     vns_db_dir_ver_ent row{};
     if ((st = read(check.entry, &row, "VNS_CREATE_VER")) != 0) return st;
     *dbid = row.obj_dbid;
@@ -512,7 +516,7 @@ int create_object(const create_args& a, uint32_t* dbid, tbs_oid_s* hardlink_oid,
 int tvr_db_create_vns_ver(uint32_t silo, uint32_t parent, const tbs_oid_s& oid, const tbs_oid_s& elem_oid,
                           silo_mtype_t mtype, const struct timeval& event_time, const char* name,
                           const tbs_fstat_db_t& fstat, const tbs_oid_s* scope, uint32_t gn, int load_state,
-                          uint32_t* dbid, tbs_oid_s* hardlink_oid, tbs_oid_s* out_oid) {
+                          uint32_t* dbid, tbs_oid_s* hardlink_oid, tbs_oid_s* out_oid, int* same) {
   DB_ADDR silo_dba = 0;
   int st = tvr_db_vns_enter_write(silo, &silo_dba);
   if (st != 0) return st;
@@ -520,7 +524,7 @@ int tvr_db_create_vns_ver(uint32_t silo, uint32_t parent, const tbs_oid_s& oid, 
   if ((st = check_name(name)) != 0) return st;
   if (parent != 0 && name == nullptr) return TBS_ST_BAD_ARG;
   create_args a{silo_dba, parent, &oid, &elem_oid, mtype, &event_time, name, &fstat, nullptr, scope, gn, load_state};
-  return create_object(a, dbid, hardlink_oid, out_oid);
+  return create_object(a, dbid, hardlink_oid, out_oid, same);
 }
 
 int tvr_db_create_root_dir(uint32_t silo, const tbs_oid_s& oid, const tbs_oid_s& elem_oid,
@@ -533,7 +537,7 @@ int tvr_db_create_root_dir(uint32_t silo, const tbs_oid_s& oid, const tbs_oid_s&
   if (st != 0) return st;
   create_args a{silo_dba, 0, &oid, &elem_oid, SILO_MTYPE_DIR_VER, &event_time, nullptr, &fstat, nullptr,
                 scope, gn, load_state};
-  if ((st = create_object(a, dbid, nullptr, nullptr)) != 0) return st;
+  if ((st = create_object(a, dbid, nullptr, nullptr, nullptr)) != 0) return st;
   db_silo row{};
   if ((st = read(silo_dba, &row, "VNS_CREATE_ROOT_DIR")) != 0) return st;
   if (row.silo_root_dbid != *dbid) {
@@ -548,7 +552,7 @@ int tvr_db_create_root_dir(uint32_t silo, const tbs_oid_s& oid, const tbs_oid_s&
 
 int tvr_db_create_vns_slink(uint32_t silo, uint32_t parent, const tbs_oid_s& oid, const struct timeval& event_time,
                             const char* name, const char* text, const tbs_oid_s* scope, uint32_t gn,
-                            uint32_t* dbid) {
+                            uint32_t* dbid, int* same) {
   DB_ADDR silo_dba = 0;
   int st = tvr_db_vns_enter_write(silo, &silo_dba);
   if (st != 0) return st;
@@ -561,7 +565,7 @@ int tvr_db_create_vns_slink(uint32_t silo, uint32_t parent, const tbs_oid_s& oid
   fstat.nlink = 1;
   fstat.spare = 0;
   create_args a{silo_dba, parent, &oid, &oid, SILO_MTYPE_SYMLINK, &event_time, name, &fstat, text, scope, gn, 0};
-  return create_object(a, dbid, nullptr, nullptr);
+  return create_object(a, dbid, nullptr, nullptr, same);
 }
 
 // ---- moving names ------------------------------------------------------------------------------------------------

@@ -164,24 +164,28 @@ int tvr_db_remove_lr_scope(const tbs_oid_s& oid, int delete_row, const tbs_oid_s
 int tvr_db_create_vns_obj(DB_ADDR silo_dba, const tbs_oid_s& oid, silo_mtype_t mtype, const tbs_fstat_db_t& fstat,
                           uint32_t* dbid);
 // An element (2 or 5); an existing one only takes the check-out flag (and `co_ver` when given).
+// `changed` (optional) receives 0 when the element existed with that flag and OID already, else 1.
 int tvr_db_create_vns_elem(uint32_t silo, const tbs_oid_s& oid, silo_mtype_t mtype, const struct timeval& event_time,
-                           const tbs_fstat_db_t& fstat, int checked_out, const tbs_oid_s* co_ver, uint32_t* dbid);
+                           const tbs_fstat_db_t& fstat, int checked_out, const tbs_oid_s* co_ver, uint32_t* dbid,
+                           int* changed = nullptr);
 // A version (3, 6, 8) of the element `elem_oid` (which must exist) under `name` in directory version
 // `parent`. *dbid receives the version's dbid. `hardlink_oid` (optional, directories): the scope of another
 // name of this directory version whose scope differs, else null. `out_oid` (optional): the OID of the
 // object the name showed before when this call replaced it (an evil twin or another version), else null.
+// `same` (optional) receives 1 when the name already showed this version (only its scope, generation and
+// marks were brought up to date), else 0.
 int tvr_db_create_vns_ver(uint32_t silo, uint32_t parent, const tbs_oid_s& oid, const tbs_oid_s& elem_oid,
                           silo_mtype_t mtype, const struct timeval& event_time, const char* name,
                           const tbs_fstat_db_t& fstat, const tbs_oid_s* scope, uint32_t gn, int load_state,
-                          uint32_t* dbid, tbs_oid_s* hardlink_oid, tbs_oid_s* out_oid);
+                          uint32_t* dbid, tbs_oid_s* hardlink_oid, tbs_oid_s* out_oid, int* same = nullptr);
 // The silo's root directory version (no name, no parent); becomes SILO_ROOT_DBID.
 int tvr_db_create_root_dir(uint32_t silo, const tbs_oid_s& oid, const tbs_oid_s& elem_oid,
                            const struct timeval& event_time, const tbs_fstat_db_t& fstat, const tbs_oid_s* scope,
                            uint32_t gn, int load_state, uint32_t* dbid);
-// A symbolic link (type 7; its own element). Text over 1023 bytes gives 1084.
+// A symbolic link (type 7; its own element). Text over 1023 bytes gives 1084. `same` as above.
 int tvr_db_create_vns_slink(uint32_t silo, uint32_t parent, const tbs_oid_s& oid, const struct timeval& event_time,
                             const char* name, const char* text, const tbs_oid_s* scope, uint32_t gn,
-                            uint32_t* dbid);
+                            uint32_t* dbid, int* same = nullptr);
 
 // The creation check: what the server says now (oid, elem_oid, mtype under `name` in `parent`) against
 // the local rows. Exactly one of the flags or none is set (same_ver implies same_elem); *entry is the name
@@ -270,9 +274,11 @@ int tvr_db_mark_sub_ver_stale(DB_ADDR silo_dba, uint32_t dbid, int stale);
 // Marks the name `name` of object `obj` in directory `dir` for removal at the end of the next scope update
 // (obj 0: whatever the name shows). 1002 when there is no such name.
 int tvr_db_mark_dir_ent_remove(uint32_t silo, uint32_t dir, uint32_t obj, const char* name);
-// Check-out mark of an element, given the element or any of its versions. The flag is always written, the
-// OID only when `ver_oid` is not null.
-int tvr_db_elem_set_checkedout(uint32_t silo, uint32_t dbid, const tbs_oid_s* ver_oid, int checked_out);
+// Check-out mark of an element, given the element or any of its versions: the flag, and the OID when
+// `ver_oid` is not null. Nothing is written when both are as asked already; `changed` (optional) tells
+// whether anything was.
+int tvr_db_elem_set_checkedout(uint32_t silo, uint32_t dbid, const tbs_oid_s* ver_oid, int checked_out,
+                               int* changed = nullptr);
 int tvr_db_elem_get_checkedout(uint32_t silo, uint32_t dbid, int* checked_out, tbs_oid_s* ver_oid);
 int tvr_db_has_checkouts(bool* any);
 int tvr_db_find_checkouts(std::vector<tavrel_hijack_co_info>& out);

@@ -290,12 +290,16 @@ static int elem_of(uint32_t silo, uint32_t dbid, DB_ADDR* silo_dba, DB_ADDR* ele
   return found ? 0 : TBS_ST_NOT_FOUND;
 }
 
-int tvr_db_elem_set_checkedout(uint32_t silo, uint32_t dbid, const tbs_oid_s* ver_oid, int checked_out) {
+int tvr_db_elem_set_checkedout(uint32_t silo, uint32_t dbid, const tbs_oid_s* ver_oid, int checked_out,
+                               int* changed) {
   tvr_db_trans_write_check();
+  if (changed != nullptr) *changed = 0;
   DB_ADDR silo_dba = 0, elem_dba = 0;
   vns_db_elem elem{};
   int st = elem_of(silo, dbid, &silo_dba, &elem_dba, &elem, "SET_CHECKOUT");
   if (st != 0) return st;
+  if (elem.checked_out == (checked_out ? 1 : 0) && (ver_oid == nullptr || elem.co_ver == *ver_oid)) return 0;
+  if (changed != nullptr) *changed = 1;
   elem.checked_out = checked_out ? 1 : 0;
   if (ver_oid != nullptr) elem.co_ver = *ver_oid;
   if ((st = write(elem_dba, &elem, "SET_CHECKOUT")) != 0) return st;

@@ -178,8 +178,9 @@ bool Tavrel_View_db::elem_oid_to_dbid(const tbs_uuid_s& replica, const tbs_oid_s
 int Tavrel_View_db::add_db_entry(const tbs_uuid_s& replica, silo_mtype_t mtype, const char* name, uint32_t dir_dbid,
                                  const tbs_oid_s& scope_oid, uint32_t gn, int parts, int flag,
                                  const tavrel_vstat& obj, const tavrel_vstat& elem, uint32_t* ver_dbid,
-                                 uint32_t* elem_dbid, int load_state) {
+                                 uint32_t* elem_dbid, int load_state, bool* unchanged) {
   Tavrel_Trace trace(TAVREL, "Tavrel_View_db", "add_db_entry");
+  if (unchanged != nullptr) *unchanged = false;
   tbs_oid_s elem_oid = TBS_OID_NULL;
   if (const char* fault = entry_fault(mtype, name, parts, obj, elem, &elem_oid)) {
     trace.writeTrace(TRACE_LEVEL_1, "refusing entry '%.255s' (mtype %d) in dbid %u: %s", name != nullptr ? name : "",
@@ -190,6 +191,7 @@ int Tavrel_View_db::add_db_entry(const tbs_uuid_s& replica, silo_mtype_t mtype, 
   const view_vstat_t& o = obj.vstat;
   const tbs_oid_s* scope = tbs_oid_is_null(scope_oid) ? nullptr : &scope_oid;
   uint32_t made = 0, el = 0;
+  int same = 0, elem_changed = 0;
   int st = tvr_db_in_trans(1, [&] {
     uint32_t silo = 0;
     DB_ADDR silo_dba = 0;
@@ -200,18 +202,18 @@ int Tavrel_View_db::add_db_entry(const tbs_uuid_s& replica, silo_mtype_t mtype, 
     if ((s = tvr_db_obj_get_mtype(silo, dir_dbid, &dir_kind)) != 0) return s;
     if (dir_kind != SILO_MTYPE_DIR_VER) return int(TBS_ST_NOT_FOUND);
     if (mtype == SILO_MTYPE_SYMLINK) {
-      s = tvr_db_create_vns_slink(silo, dir_dbid, o.obj_oid, o.event_time, name, obj.path, scope, gn, &made);
+      s = tvr_db_create_vns_slink(silo, dir_dbid, o.obj_oid, o.event_time, name, obj.path, scope, gn, &made, &same);
       el = made;
       return s;
     }
     if (parts == 3) {
       const view_vstat_t& e = elem.vstat;
       s = tvr_db_create_vns_elem(silo, elem_oid, e.mtype, e.event_time, e.fstat, elem.checked_out || obj.checked_out,
-                                 obj.checked_out ? &o.obj_oid : nullptr, &el);
+                                 obj.checked_out ? &o.obj_oid : nullptr, &el, &elem_changed);
       if (s != 0) return s;
     }
     s = tvr_db_create_vns_ver(silo, dir_dbid, o.obj_oid, elem_oid, mtype, o.event_time, name, o.fstat, scope, gn,
-                              load_state, &made, nullptr, nullptr);
+                              load_state, &made, nullptr, nullptr, &same);
     return s != 0 ? s : tvr_db_ver_get_elem(silo, made, &el);
   });
   if (st != 0) {
@@ -221,6 +223,7 @@ int Tavrel_View_db::add_db_entry(const tbs_uuid_s& replica, silo_mtype_t mtype, 
   }
   if (ver_dbid != nullptr) *ver_dbid = made;
   if (elem_dbid != nullptr) *elem_dbid = el;
+  if (unchanged != nullptr) *unchanged = same != 0 && elem_changed == 0;
   trace.writeTrace(TRACE_LEVEL_4, "%s '%s' in dbid %u: dbid %u element dbid %u", flag != 0 ? "looked up" : "listed", name,
                    dir_dbid, made, el);
   return 0;

@@ -70,13 +70,16 @@ class Tavrel_View_db {
   //   flag        1 when the entry was fetched alone (a lookup), 0 when it is one of a listing or update
   //               (traced only: the rows written are the same)
   //   load_state  0 on demand, 1 a directory that a running load lists completely, 2 an update
-  // *ver_dbid receives the object's dbid, *elem_dbid its element's. Statuses: 0; 20002 for a replica the
+  // *ver_dbid receives the object's dbid, *elem_dbid its element's; *unchanged (optional) is true when the
+  // name already showed this object with its element as asked, so that nothing a cache may hold of them
+  // changed (only generations and marks were written). Statuses: 0; 20002 for a replica the
   // database does not know or a directory it does not hold; 20001 for a kind outside 3, 6, 7, 8,
   // attributes that disagree with it (the object's kind, an element OID that is not the element's), a
   // name that is empty, "." or "..", or too long, and for a database failure.
   static int add_db_entry(const tbs_uuid_s& replica, silo_mtype_t mtype, const char* name, uint32_t dir_dbid,
                           const tbs_oid_s& scope_oid, uint32_t gn, int parts, int flag, const tavrel_vstat& obj,
-                          const tavrel_vstat& elem, uint32_t* ver_dbid, uint32_t* elem_dbid, int load_state);
+                          const tavrel_vstat& elem, uint32_t* ver_dbid, uint32_t* elem_dbid, int load_state,
+                          bool* unchanged = nullptr);
 
  private:
   std::string m_storage;

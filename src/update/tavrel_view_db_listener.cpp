@@ -199,14 +199,14 @@ bool Tavrel_View_db_listener::end_silo() {
 
 int Tavrel_View_db_listener::store(const tbs_uuid_s& replica, const std::string& leaf, uint32_t parent_ver,
                                    const tavrel_vstat& obj, const tavrel_vstat& elem, uint32_t* ver_dbid,
-                                   std::string& text) {
+                                   bool* unchanged, std::string& text) {
   const bool lr_scope = in_scope && !is_auto_scope(current_scope);
   const tbs_oid_s scope = lr_scope ? current_scope.oid : TBS_OID_NULL;
   // A load lists each of its directories whole, so the end of the load may trust their listings.
   const int load_state = lr_scope && is_load && obj.vstat.mtype == SILO_MTYPE_DIR_VER ? 1 : 2;
   uint32_t elem_dbid = 0;
   int st = Tavrel_View_db::add_db_entry(replica, obj.vstat.mtype, leaf.c_str(), parent_ver, scope, new_gn, 3, 0, obj,
-                                        elem, ver_dbid, &elem_dbid, load_state);
+                                        elem, ver_dbid, &elem_dbid, load_state, unchanged);
   Tavrel_Trace trace(TAVREL, kClass, "store");
   if (st != 0) {
     text = "error " + std::to_string(st);
@@ -287,8 +287,9 @@ bool Tavrel_View_db_listener::update_object(const tbs_uuid_s& replica_uuid, cons
   }
 
   uint32_t ver_dbid = 0;
+  bool unchanged = false;
   trace.writeTrace(TRACE_LEVEL_5, "add '%s' parent-ver-dbid %d", leaf.c_str(), static_cast<int>(parent_ver));
-  st = store(replica_uuid, leaf, parent_ver, obj, elem, &ver_dbid, text);
+  st = store(replica_uuid, leaf, parent_ver, obj, elem, &ver_dbid, &unchanged, text);
   if (st != 0) {
     trace.writeTrace(TRACE_LEVEL_2, "Can't add db entry %s/%s (%s): error %d", dir.c_str(), leaf.c_str(),
                      oid_text(obj.vstat.obj_oid).c_str(), st);
@@ -307,8 +308,10 @@ bool Tavrel_View_db_listener::update_object(const tbs_uuid_s& replica_uuid, cons
       log->log_update(path, prev_version, curr_version, is_symlink);
   }
   // The caches learn of the change after the database holds it, so a lookup in between cannot bring
-  // the old state back into them.
-  flush(replica_uuid, obj.vstat.elem_oid, TBS_OID_NULL, parent_oid, leaf, path);
+  // the old state back into them. A name that showed this very version already changed nothing they can
+  // hold (only its generation and marks moved), so they are left alone: in a load of names the view has
+  // met, that is nearly every name, and the caches are forgotten whole when the update ends.
+  if (!unchanged || hijacked) flush(replica_uuid, obj.vstat.elem_oid, TBS_OID_NULL, parent_oid, leaf, path);
   if (!new_leaf.empty()) flush(replica_uuid, TBS_OID_NULL, TBS_OID_NULL, parent_oid, new_leaf, dir + "/" + new_leaf);
   m_applied++;
 
