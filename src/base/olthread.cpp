@@ -3,13 +3,23 @@
 #include <sys/syscall.h>
 #include <unistd.h>
 
+#include <atomic>
+#include <cerrno>
 #include <cstdint>
 
 #include "base/pfm.h"
 
+namespace {
+std::atomic<int> g_failing_creates{0};
+}  // namespace
+
 int olthread_create(olthread_t* id, const pthread_attr_t* attr, void* (*fn)(void*), void* arg) {
+  for (int n = g_failing_creates.load(); n > 0;)
+    if (g_failing_creates.compare_exchange_weak(n, n - 1)) return EAGAIN;
   return pthread_create(id, attr, fn, arg);
 }
+
+void olthread_fail_next_creates_for_test(int n) { g_failing_creates = n; }
 
 int olthread_join(olthread_t id, int* status) {
   void* ret = nullptr;

@@ -11,6 +11,8 @@
 typedef pthread_t olthread_t;
 
 int olthread_create(olthread_t* id, const pthread_attr_t* attr, void* (*fn)(void*), void* arg);
+// Tests only: the next `n` calls of olthread_create fail with EAGAIN, as when the system is out of threads.
+void olthread_fail_next_creates_for_test(int n);
 // Joins; *status receives the value given to olthread_exit (or returned by the thread's function).
 int olthread_join(olthread_t id, int* status);
 [[noreturn]] void olthread_exit(int status);

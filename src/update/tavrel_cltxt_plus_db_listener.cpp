@@ -13,6 +13,7 @@ bool Tavrel_Cltxt_Plus_DB_Listener::update_object(const tbs_uuid_s& replica_uuid
     return false;
   if (!Tavrel_Update_Cltxt_listener::has_cleartext(obj.vstat.mtype) || m_last_ver_dbid == 0) return true;
   Tavrel_Trace trace(TAVREL, "Tavrel_Cltxt_Plus_DB_Listener", "update_object");
+  Tavrel_Update::wait_for_fewer_blocking(kMaxQueuedFetches);
   std::string text;
   int st = Tavrel_Update_Cltxt_listener::queue_cleartext_fetch(replica_uuid, m_last_ver_dbid, obj, curr_version,
                                                               update->get_update_view(), update, text);

@@ -4,6 +4,7 @@
 #include <unistd.h>
 
 #include <cerrno>
+#include <chrono>
 #include <cstring>
 #include <ctime>
 
@@ -215,7 +216,21 @@ void Tavrel_Update::add_blocking() {
 
 void Tavrel_Update::remove_blocking() {
   std::lock_guard<Tavrel_Mutex> g(g_blocking_lock);
-  if (--g_blocking_count <= 0) g_blocking_cond.notify_all();
+  --g_blocking_count;
+  g_blocking_cond.notify_all();  // the end of the update, or an update thread held back by the limit
+}
+
+void Tavrel_Update::wait_for_fewer_blocking(int limit) {
+  for (;;) {
+    {
+      std::unique_lock<Tavrel_Mutex> g(g_blocking_lock);
+      if (g_blocking_count < limit) return;
+      g_blocking_cond.wait_for(g, std::chrono::milliseconds(100));
+      if (g_blocking_count < limit) return;
+    }
+    // Outside the leaf lock: the view's own lock is taken to ask.
+    if (Tavrel_View::should_stop_update()) return;
+  }
 }
 
 int Tavrel_Update::blocking_count() {

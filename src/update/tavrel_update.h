@@ -114,6 +114,10 @@ class Tavrel_Update : public Tavrel_AbstractOp {
   static void add_blocking();
   static void remove_blocking();
   static int blocking_count();
+  // Waits while `limit` or more are outstanding, or until the view begins to end: the update thread
+  // waits here before it queues another prefetch, so what waits for the server stays bounded however
+  // long the stream. Call with no lock held.
+  static void wait_for_fewer_blocking(int limit);
   // Cleared when an update starts; set when its stream was applied whole.
   static bool rpc_complete();
   static void set_rpc_complete(bool done);

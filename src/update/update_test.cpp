@@ -11,6 +11,7 @@
 
 #include <gtest/gtest.h>
 
+#include "base/olthread.h"
 #include "cleartext/tavrel_cleartext.h"
 #include "core/tavrel_config.h"
 #include "core/tavrel_online.h"
@@ -526,6 +527,20 @@ TEST_F(UpdateTest, TheEndSweepsHijacksOfElementsNoLongerHeld) {
     clear_view_records();
   }
   Tavrel_Config::g_mounted_silos.clear();
+}
+
+// An update whose thread cannot start ends at once as failed, with message 62 in its log, and frees the
+// view for the next one.
+TEST_F(UpdateTest, AnUpdateWhoseThreadCannotStartFailsAndFreesTheView) {
+  olthread_fail_next_creates_for_test(1);
+  Outcome o = update("hijack-treatment=\"keep\"");
+  olthread_fail_next_creates_for_test(0);
+  EXPECT_TRUE(has(o.log, "Status:                  Failed")) << o.log;
+  EXPECT_TRUE(has(o.log, "starting view update")) << o.log;
+  EXPECT_EQ(server->count(n::RPC_SYNCFETCH), 0u);
+  EXPECT_EQ(db_view_gn(), 0u);
+  first_load();
+  EXPECT_EQ(db_view_gn(), 5u);
 }
 
 // A listener stopped because the view is ending: what came before stays, the GN does not move, and
