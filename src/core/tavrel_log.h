@@ -18,7 +18,9 @@
 
 #include "base/imsg.h"
 
-enum TAVREL_LOG_TYPE { TAVREL_LOG_INFO = 0, TAVREL_LOG_WARN = 1, TAVREL_LOG_ERROR = 2 };
+// A fixed underlying type: whatever number a caller passes is a value of the type, so checking its range
+// is well-defined.
+enum TAVREL_LOG_TYPE : int { TAVREL_LOG_INFO = 0, TAVREL_LOG_WARN = 1, TAVREL_LOG_ERROR = 2 };
 
 class Tavrel_Log_Base {
  public:

@@ -35,7 +35,9 @@ class Tavrel_View_db {
   static int create_view_row(const std::string& uuid_text, unsigned gn);
 
   // ---- load scopes (statuses of the 1000 range) ----
-  enum ScopeListType {
+  // A fixed underlying type, so that an unknown value can be checked for (and refused) without undefined
+  // behaviour.
+  enum ScopeListType : int {
     ALL_SCOPES = 0,      // every scope, the default one included
     ACTIVE_SCOPES = 1,   // without those marked removed or left by an interrupted load
     REMOVED_SCOPES = 2,  // only those
