@@ -4,6 +4,7 @@
 // rules, a second update while one runs, resume, and the requests refused before anything starts.
 #include "update/tavrel_update.h"
 
+#include <algorithm>
 #include <atomic>
 #include <filesystem>
 #include <future>
@@ -591,6 +592,36 @@ TEST_F(UpdateTest, ADirectoryInTwoLoadRulesFails) {
   EXPECT_TRUE(has(o.log, "ErrorStatus:             20001")) << o.log;
   EXPECT_EQ(shown(kSrc, "b.c"), "-");  // nothing after the refusal
   EXPECT_EQ(db_view_gn(), 0u);
+}
+
+// A load rule whose path its SILO says is gone is deleted at the end of the update; one whose SILO is not
+// mounted (nothing said about it) stays.
+TEST_F(UpdateTest, ALoadRuleItsSiloSaysIsGoneIsDeletedAtTheEnd) {
+  first_load();
+  SILO_mount_info m;
+  m.silo_tag = "/proj";
+  m.replica_uuid = m.family_uuid = replica;
+  m.mount_state = 1;
+  Tavrel_Config::g_mounted_silos[m.silo_tag] = m;
+  for (const char* rpc : {n::RPC_LOOKUP, n::RPC_GET_METADATA})
+    server->on_rpc(rpc, [](const wan_test::Recorded&, httplib::Response& res) {
+      res.set_content(wan_test::make_doc([](n::ReplyWriter& w) { w.status(TBS_ST_NOT_FOUND); }), "multipart/mixed");
+    });
+  ASSERT_EQ(Tavrel_View_db::add_lr_scope(tavrel_load_scope_oid("/proj/gone"), 5, "/proj/gone"), 0);
+  ASSERT_EQ(Tavrel_View_db::add_lr_scope(tavrel_load_scope_oid("/nosuch/x"), 5, "/nosuch/x"), 0);
+  Stream s(6, replica);
+  s.scope("/proj", kRule, 6).end_scope();
+  script(s.done());
+  Outcome o = update("");
+  Tavrel_Config::g_mounted_silos.clear();
+  EXPECT_TRUE(has(o.log, "Succeeded")) << o.log;
+  std::vector<tavrel_scope> scopes;
+  ASSERT_EQ(Tavrel_View_db::get_scopes(Tavrel_View_db::ALL_SCOPES, scopes), 0);
+  std::vector<std::string> names;
+  for (const tavrel_scope& sc : scopes) names.push_back(sc.name);
+  std::sort(names.begin(), names.end());
+  EXPECT_EQ(names, (std::vector<std::string>{"/nosuch/x", "/proj", "Automatic"}));
+  EXPECT_EQ(db_view_gn(), 6u);
 }
 
 TEST_F(UpdateTest, ASecondUpdateWhileOneRunsIsRefused) {
