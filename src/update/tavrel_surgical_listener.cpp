@@ -62,8 +62,8 @@ bool Tavrel_Surgical_Listener::update_object(const tbs_uuid_s& replica_uuid, con
   int st = Tavrel_Metadata::lookup_parent_dir(replica_uuid, parent_oid, path, &parent_elem, &parent_ver, text);
   if (st != 0) return fail_text(st, text);
   uint32_t ver_dbid = 0;
-  bool unchanged = false;  // a surgical update flushes every path it was asked for
-  st = store(replica_uuid, leaf, parent_ver, obj, elem, &ver_dbid, &unchanged, text);
+  // A surgical update flushes every path it was asked for, changed or not.
+  st = store(replica_uuid, leaf, parent_ver, obj, elem, &ver_dbid, nullptr, text);
   if (st != 0) return fail(st, TVR_LIB_UPDATE_ADD, leaf.c_str(), tbs_oid_to_str(parent_oid).c_str(), text.c_str());
   if (Tavrel_Log_Update* log = update->get_log()) {
     const bool is_symlink = obj.vstat.mtype == SILO_MTYPE_SYMLINK;

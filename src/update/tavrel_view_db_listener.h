@@ -98,7 +98,7 @@ class Tavrel_View_db_listener : public RClient_Update_Listener {
                    const std::string& curr_version, const tavrel_vstat& obj, const tavrel_vstat& elem);
   // Stores `obj` under `leaf` in directory version `parent_ver` in the running scope; *ver_dbid.
   int store(const tbs_uuid_s& replica, const std::string& leaf, uint32_t parent_ver, const tavrel_vstat& obj,
-            const tavrel_vstat& elem, uint32_t* ver_dbid, bool* unchanged, std::string& text);
+            const tavrel_vstat& elem, uint32_t* ver_dbid, bool* unchanged /* may be null */, std::string& text);
   // The version of element `object_oid` that the view shows (the object itself when it is no element).
   static tbs_oid_s shown_object(const tbs_uuid_s& replica, const tbs_oid_s& object_oid);
   bool process_finished_scope(const tavrel_scope& scope, bool load);

@@ -194,6 +194,7 @@ class UpdateTest : public wan_test::ScriptedServerTest {
     Tavrel_AbstractOp::set_view_source(nullptr);
     Tavrel_Metadata::set_view_source(nullptr);
     silo_tab_dispose_all();
+    Tavrel_Config::clear_mount_tables_for_test();
     peer->stop();
     g_view = nullptr;
     view.reset();
@@ -306,6 +307,14 @@ class UpdateTest : public wan_test::ScriptedServerTest {
     ASSERT_NE(root, nullptr) << st;
     fn(root);
     obj_free(root);
+  }
+  // The SILO in the agent's mount table as "/proj" (the tests without it see no mounted SILO).
+  void mount_proj() {
+    SILO_mount_info m;
+    m.silo_tag = "/proj";
+    m.replica_uuid = m.family_uuid = replica;
+    m.mount_state = 1;
+    Tavrel_Config::g_mounted_silos[m.silo_tag] = m;
   }
   // The user's hijack of `leaf` in the root: a view-private file under the name, marked hijacked as a
   // copy of version `ver` of element `elem`.
@@ -486,11 +495,7 @@ TEST_F(UpdateTest, TheEndSweepsHijacksOfElementsNoLongerHeld) {
   first_load();
   // The log names a swept hijack by its SILO path, which takes the mounted SILO's tag and the path of the
   // directory the view holds.
-  SILO_mount_info m;
-  m.silo_tag = "/proj";
-  m.replica_uuid = m.family_uuid = replica;
-  m.mount_state = 1;
-  Tavrel_Config::g_mounted_silos[m.silo_tag] = m;
+  mount_proj();
   std::string b_path;
   ASSERT_EQ(tvr_db_in_trans(0, [&] {
               uint32_t silo = 0, dbid = 0;
@@ -527,7 +532,6 @@ TEST_F(UpdateTest, TheEndSweepsHijacksOfElementsNoLongerHeld) {
     gn++;
     clear_view_records();
   }
-  Tavrel_Config::g_mounted_silos.clear();
 }
 
 // An update whose thread cannot start ends at once as failed, with message 62 in its log, and frees the
@@ -598,11 +602,7 @@ TEST_F(UpdateTest, ADirectoryInTwoLoadRulesFails) {
 // mounted (nothing said about it) stays.
 TEST_F(UpdateTest, ALoadRuleItsSiloSaysIsGoneIsDeletedAtTheEnd) {
   first_load();
-  SILO_mount_info m;
-  m.silo_tag = "/proj";
-  m.replica_uuid = m.family_uuid = replica;
-  m.mount_state = 1;
-  Tavrel_Config::g_mounted_silos[m.silo_tag] = m;
+  mount_proj();
   for (const char* rpc : {n::RPC_LOOKUP, n::RPC_GET_METADATA})
     server->on_rpc(rpc, [](const wan_test::Recorded&, httplib::Response& res) {
       res.set_content(wan_test::make_doc([](n::ReplyWriter& w) { w.status(TBS_ST_NOT_FOUND); }), "multipart/mixed");
@@ -613,7 +613,6 @@ TEST_F(UpdateTest, ALoadRuleItsSiloSaysIsGoneIsDeletedAtTheEnd) {
   s.scope("/proj", kRule, 6).end_scope();
   script(s.done());
   Outcome o = update("");
-  Tavrel_Config::g_mounted_silos.clear();
   EXPECT_TRUE(has(o.log, "Succeeded")) << o.log;
   std::vector<tavrel_scope> scopes;
   ASSERT_EQ(Tavrel_View_db::get_scopes(Tavrel_View_db::ALL_SCOPES, scopes), 0);
