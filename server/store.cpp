@@ -57,6 +57,7 @@ CREATE TABLE IF NOT EXISTS snapshot(
   checked_out INTEGER NOT NULL, parent_oid BLOB, is_link INTEGER NOT NULL, elem INTEGER NOT NULL,
   obj INTEGER NOT NULL, action INTEGER NOT NULL,
   PRIMARY KEY(view, gn, scope_oid, path)) WITHOUT ROWID;
+CREATE INDEX IF NOT EXISTS snapshot_auto_tombstones ON snapshot(view, scope_oid, path) WHERE gn > 0 AND action >= 2;
 CREATE TABLE IF NOT EXISTS pending_update(view INTEGER NOT NULL, gn INTEGER NOT NULL, scope_oid BLOB NOT NULL,
   replace INTEGER NOT NULL, PRIMARY KEY(view, gn, scope_oid)) WITHOUT ROWID;
 CREATE TABLE IF NOT EXISTS session(token TEXT PRIMARY KEY, jsession TEXT NOT NULL, user TEXT NOT NULL,

@@ -17,6 +17,9 @@
 //   served(view, path, silo, elem_oid, ver_oid, vstr, parent_oid, checked_out, scope_oid, gn)
 //   snapshot(view, gn, scope_oid, path, silo, elem_oid, ver_oid, vstr, prev_vstr, checked_out, parent_oid,
 //            is_link, elem, obj, action)       -- update states, see update_ledger.h (path in "tavrel_path" order)
+//       snapshot_auto_tombstones: the unloads (action >= 2) of streams not yet committed, by (view, scope,
+//       path); every listing and metadata reply asks for them, so they must not cost a scan of the
+//       whole last stream
 //   pending_update(view, gn, scope_oid, replace)-- the scopes of each update stream not yet committed
 //   session(token, jsession, user, created, last_used)
 //

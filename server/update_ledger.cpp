@@ -189,19 +189,26 @@ void UpdateLedger::prune(int64_t view, size_t keep) {
   }
 }
 
+// The two queries below run for every listing and metadata reply while a stream waits for its commit,
+// that is after every update until the next. They go through the partial index of pending unloads
+// (store.cpp); its condition "gn > 0 AND action >= 2" must appear in them word for word, and INDEXED BY
+// makes a statement that cannot use it fail to prepare instead of scanning the whole stream.
+static_assert(SNAP_UNLOAD == 2 && SNAP_FORGET > SNAP_UNLOAD, "the tombstone index holds actions >= 2");
+
 bool UpdateLedger::has_auto_tombstones(int64_t view) {
-  auto s = db_.stmt("SELECT 1 FROM pending_update p JOIN snapshot s ON s.view=p.view AND s.gn=p.gn AND "
-                    "s.scope_oid=p.scope_oid WHERE p.view=? AND p.scope_oid=? AND s.action>=? LIMIT 1");
-  s.bind(1, view).bind_blob(2, AUTOMATIC_LOAD_SCOPE_OID.bytes, 16).bind(3, SNAP_UNLOAD);
+  auto s = db_.stmt("SELECT 1 FROM snapshot s INDEXED BY snapshot_auto_tombstones WHERE s.view=? AND "
+                    "s.scope_oid=? AND s.gn > 0 AND s.action >= 2 AND EXISTS(SELECT 1 FROM pending_update p "
+                    "WHERE p.view=s.view AND p.gn=s.gn AND p.scope_oid=s.scope_oid) LIMIT 1");
+  s.bind(1, view).bind_blob(2, AUTOMATIC_LOAD_SCOPE_OID.bytes, 16);
   return s.step();
 }
 
 void UpdateLedger::clear_auto_tombstone(int64_t view, const std::string& path) {
-  db_.stmt("DELETE FROM snapshot WHERE view=? AND gn>0 AND scope_oid=? AND path=? AND action>=?")
+  db_.stmt("DELETE FROM snapshot INDEXED BY snapshot_auto_tombstones WHERE view=? AND gn > 0 AND scope_oid=? AND "
+           "path=? AND action >= 2")
       .bind(1, view)
       .bind_blob(2, AUTOMATIC_LOAD_SCOPE_OID.bytes, 16)
       .bind(3, path)
-      .bind(4, SNAP_UNLOAD)
       .run();
 }
 
