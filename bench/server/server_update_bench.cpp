@@ -11,7 +11,10 @@
 // the stream (the server's plain streaming rate for those bytes), and the SQLite query that reads the
 // same rows (every name, element and selected version of the tree) from the store.
 //
-// usage: server_update_bench [--files N] [--changes C] [--runs R] [--dir PATH]
+// With --auto the view has no load rule: it is served every directory listing of the tree first, as a
+// view is that the user walked, and the streams carry its automatic scope instead.
+//
+// usage: server_update_bench [--files N] [--changes C] [--runs R] [--dir PATH] [--auto]
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -127,13 +130,15 @@ Run fetch_update(WanClient& c, const std::string& args) {
   return r;
 }
 
-std::string update_args(const std::string& view, int64_t view_gn, int64_t scope_gn) {
+std::string update_args(const std::string& view, int64_t view_gn, int64_t scope_gn, bool with_rule) {
   ArgText a;
   a.add("ViewUuid", view).add("ViewGn", std::to_string(view_gn)).add("Force", "0").add("Resume", "0");
-  a.add("UpdateOndemandScopes", "1").add("UsePaths", "0").add("NumScopes", "2");
+  a.add("UpdateOndemandScopes", "1").add("UsePaths", "0").add("NumScopes", with_rule ? "2" : "1");
   a.add("ScopePath", "Automatic").add("ScopeOid", tbs_oid_to_str(AUTOMATIC_LOAD_SCOPE_OID)).add("ScopeGn", "0");
-  a.add("ScopePath", "/bench/tree").add("ScopeOid", tbs_oid_to_str(tavrel_load_scope_oid("/bench/tree")));
-  a.add("ScopeGn", std::to_string(scope_gn));
+  if (with_rule) {
+    a.add("ScopePath", "/bench/tree").add("ScopeOid", tbs_oid_to_str(tavrel_load_scope_oid("/bench/tree")));
+    a.add("ScopeGn", std::to_string(scope_gn));
+  }
   return a.text;
 }
 
@@ -142,12 +147,18 @@ std::string update_args(const std::string& view, int64_t view_gn, int64_t scope_
 int main(int argc, char** argv) {
   int files = 100000, changes = 1000, runs = 3;
   std::string dir;
-  for (int i = 1; i + 1 < argc; i += 2) {
+  bool with_rule = true;
+  for (int i = 1; i < argc; ++i) {
     std::string a = argv[i];
-    if (a == "--files") files = std::atoi(argv[i + 1]);
-    else if (a == "--changes") changes = std::atoi(argv[i + 1]);
-    else if (a == "--runs") runs = std::atoi(argv[i + 1]);
-    else if (a == "--dir") dir = argv[i + 1];
+    if (a == "--auto") {
+      with_rule = false;
+      continue;
+    }
+    if (i + 1 == argc) break;
+    if (a == "--files") files = std::atoi(argv[++i]);
+    else if (a == "--changes") changes = std::atoi(argv[++i]);
+    else if (a == "--runs") runs = std::atoi(argv[++i]);
+    else if (a == "--dir") dir = argv[++i];
   }
   fs::path work = dir.empty() ? fs::temp_directory_path() / ("tavrel_update_bench_" + std::to_string(getpid())) : fs::path(dir);
   fs::create_directories(work);
@@ -172,22 +183,40 @@ int main(int argc, char** argv) {
   c.set_cookies("", "");
   if (c.login("bench", "pw").reply.status != 0) return 1;
   std::string view = tbs_uuid_to_str(tbs_uuid_create());
-  Result cs = c.rpc(tavrel_wan::RPC_SET_CONFIG_SPEC, ArgText()
-                                                          .add("ViewUuid", view)
-                                                          .add("NumElemRules", "1")
-                                                          .add("ElemRule", "select * latest")
-                                                          .add("NumLoadRules", "1")
-                                                          .add("LoadRule", "load /bench/tree")
-                                                          .add("ForceUpdate", "0"));
+  ArgText spec;
+  spec.add("ViewUuid", view).add("NumElemRules", "1").add("ElemRule", "select * latest");
+  spec.add("NumLoadRules", with_rule ? "1" : "0");
+  if (with_rule) spec.add("LoadRule", "load /bench/tree");
+  spec.add("ForceUpdate", "0");
+  Result cs = c.rpc(tavrel_wan::RPC_SET_CONFIG_SPEC, spec);
   if (cs.reply.status != 0) return std::fprintf(stderr, "set config spec: %s\n", cs.reply.message.c_str()), 1;
+  // Every listing of the tree, each recorded in what the view was served; seconds, or < 0 on failure.
+  std::vector<std::string> dirs = {"/bench", "/bench/tree"};
+  for (int d = 0; d * 10000 < files; ++d) dirs.push_back("/bench/tree/d" + std::to_string(d));
+  for (int k = 0; k * 1000 < files; ++k) dirs.push_back("/bench/tree/d" + std::to_string(k / 10) + "/s" + std::to_string(k));
+  auto list_all = [&]() -> double {
+    auto t0 = Clock::now();
+    for (const std::string& d : dirs) {
+      Result l = c.rpc(tavrel_wan::RPC_GET_DIRECTORY_CONTENTS, ArgText().add("ViewUuid", view).add("PathName", d));
+      if (l.reply.status != 0) return std::fprintf(stderr, "listing %s: %s\n", d.c_str(), l.reply.message.c_str()), -1;
+    }
+    return seconds_since(t0);
+  };
+  // The user walks the tree (the first pass records what was served), then again: the baseline below.
+  double list_before_s = 0;
+  if (!with_rule && (list_all() < 0 || (list_before_s = list_all()) < 0)) return 1;
 
   // First load, each run from generation 0.
   std::vector<Run> first;
-  for (int i = 0; i < runs; ++i) first.push_back(fetch_update(c, update_args(view, 0, 0)));
+  for (int i = 0; i < runs; ++i) first.push_back(fetch_update(c, update_args(view, 0, 0, with_rule)));
   auto by_time = [](const Run& a, const Run& b) { return a.secs < b.secs; };
   std::sort(first.begin(), first.end(), by_time);
   const Run& f = first[first.size() / 2];
   if (f.status != 0) return std::fprintf(stderr, "first load failed: %d\n", f.status), 1;
+  // The same listings while the first load's stream (every name) waits for the agent's next request to
+  // commit it.
+  double list_after_s = 0;
+  if (!with_rule && (list_after_s = list_all()) < 0) return 1;
   int64_t gn = srv.store().read([&](Repo& r) {
     tbs_uuid_s u;
     tbs_str_to_uuid(view, &u);
@@ -242,7 +271,7 @@ int main(int argc, char** argv) {
   double checkin_s = seconds_since(t0);
   // The first load of GN `gn` is committed by the first request; the rest resend the same diff.
   std::vector<Run> upd;
-  for (int i = 0; i < runs; ++i) upd.push_back(fetch_update(c, update_args(view, gn, gn)));
+  for (int i = 0; i < runs; ++i) upd.push_back(fetch_update(c, update_args(view, gn, gn, with_rule)));
   std::sort(upd.begin(), upd.end(), by_time);
   const Run& u = upd[upd.size() / 2];
   if (u.status != 0) return std::fprintf(stderr, "update failed: %d\n", u.status), 1;
@@ -257,6 +286,10 @@ int main(int argc, char** argv) {
   std::printf("update with %d changes: %.3f s, %zu objects, %.2f MiB, peak +%ld MiB anonymous resident -> %.2f x the first load, "
               "%.1f x the SQLite query\n",
               changes, u.secs, u.elems, u.bytes / 1048576.0, u.peak_kib / 1024, u.secs / f.secs, u.secs / sql_s);
+  if (!with_rule)
+    std::printf("%zu listings (every directory) after the first load, its stream not yet committed: %.3f s -> %.2f x "
+                "the same listings before it (%.3f s)\n",
+                dirs.size(), list_after_s, list_after_s / list_before_s, list_before_s);
   srv.stop();
   if (dir.empty()) fs::remove_all(work);
   return 0;
