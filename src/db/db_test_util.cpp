@@ -32,8 +32,9 @@ std::string Messages::all() const {
 void Messages::clear() { lines_.clear(); }
 
 Storage::Storage() {
-  char tmpl[] = "/tmp/tavrel_db_XXXXXX";
-  if (!mkdtemp(tmpl)) abort();
+  const char* under = getenv("TAVREL_TEST_STORAGE_UNDER");
+  std::string tmpl = std::string(under && *under ? under : "/tmp") + "/tavrel_db_XXXXXX";
+  if (!mkdtemp(tmpl.data())) abort();
   path_ = tmpl;
   char buf[4096];
   old_cwd_ = getcwd(buf, sizeof buf) ? buf : "/";

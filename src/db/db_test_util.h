@@ -27,7 +27,9 @@ class Messages {
 
 // Makes a scratch storage directory, points the product directory at the build's product files, and
 // enters the directory (the database works relative to the working directory). Leaves it, and removes it,
-// at the end; a database still open is closed first.
+// at the end; a database still open is closed first. The directory is made in /tmp, or in
+// $TAVREL_TEST_STORAGE_UNDER when set: a death test's child process never reaches its destructor, so
+// its storage must lie inside the parent's, which the parent removes.
 class Storage {
  public:
   Storage();

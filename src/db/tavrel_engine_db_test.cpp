@@ -217,7 +217,18 @@ TEST(DbOpen, CacheSizeFromEnvironmentAndMemoryRetry) {
   EXPECT_EQ(sb.st_mode & 0777 & ~0077, 0700u & ~0077u);
 }
 
-using DbDeathTest = DbTest;
+// The children that die make their storage inside this test's, which is removed at its end.
+class DbDeathTest : public DbTest {
+ protected:
+  void SetUp() override {
+    DbTest::SetUp();
+    setenv("TAVREL_TEST_STORAGE_UNDER", storage_->path().c_str(), 1);
+  }
+  void TearDown() override {
+    unsetenv("TAVREL_TEST_STORAGE_UNDER");
+    DbTest::TearDown();
+  }
+};
 
 TEST_F(DbDeathTest, RecordCallsOutsideTheirTransaction) {
   GTEST_FLAG_SET(death_test_style, "threadsafe");
