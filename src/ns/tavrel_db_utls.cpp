@@ -40,7 +40,10 @@ namespace {
 constexpr silo_mtype_t MTYPE_PRIVATE = 19;
 constexpr silo_mtype_t MTYPE_UNSHAREABLE = 26;
 
-bool is_private_kind(silo_mtype_t m) { return m == 19 || m == 21 || m == 22 || m == 23 || m == 26; }
+// View-private kinds: plain (19), derived (21 to 23) and unshareable (26).
+bool is_private_kind(silo_mtype_t m) {
+  return m == MTYPE_PRIVATE || m == 21 || m == 22 || m == 23 || m == MTYPE_UNSHAREABLE;
+}
 
 void assert_cache_held() { TAVREL_ASSERT_HELD(tavrel_cache_mutex()); }
 
