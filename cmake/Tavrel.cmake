@@ -35,16 +35,6 @@ target_link_libraries(tavrel_test_pch PRIVATE GTest::gtest GTest::gmock Threads:
 tavrel_test_flags(tavrel_test_pch)
 target_precompile_headers(tavrel_test_pch PRIVATE <gtest/gtest.h> <gmock/gmock.h>)
 
-# tavrel_test_support(name SOURCES ... [DEPS ...])
-#   Code that several test programs and benchmarks share, compiled once as a library of its own. It
-#   keeps the build type's optimisation: the benchmarks measure against the test server it holds.
-function(tavrel_test_support name)
-  cmake_parse_arguments(A "" "" "SOURCES;DEPS" ${ARGN})
-  add_library(${name} STATIC ${A_SOURCES})
-  target_include_directories(${name} PUBLIC ${PROJECT_SOURCE_DIR}/src ${PROJECT_SOURCE_DIR})
-  target_link_libraries(${name} PUBLIC ${A_DEPS} Threads::Threads)
-endfunction()
-
 # What every test program has: GoogleTest, the shared precompiled header, the test flags.
 function(tavrel_test_program name)
   target_include_directories(${name} PRIVATE ${PROJECT_SOURCE_DIR}/src ${PROJECT_SOURCE_DIR})

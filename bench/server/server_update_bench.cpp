@@ -183,13 +183,13 @@ int main(int argc, char** argv) {
   c.set_cookies("", "");
   if (c.login("bench", "pw").reply.status != 0) return 1;
   std::string view = tbs_uuid_to_str(tbs_uuid_create());
-  ArgText spec;
-  spec.add("ViewUuid", view).add("NumElemRules", "1").add("ElemRule", "select * latest");
-  spec.add("NumLoadRules", with_rule ? "1" : "0");
-  if (with_rule) spec.add("LoadRule", "load /bench/tree");
-  spec.add("ForceUpdate", "0");
-  Result cs = c.rpc(tavrel_wan::RPC_SET_CONFIG_SPEC, spec);
-  if (cs.reply.status != 0) return std::fprintf(stderr, "set config spec: %s\n", cs.reply.message.c_str()), 1;
+  ArgText view_rules;
+  view_rules.add("ViewUuid", view).add("NumElemRules", "1").add("ElemRule", "select * latest");
+  view_rules.add("NumLoadRules", with_rule ? "1" : "0");
+  if (with_rule) view_rules.add("LoadRule", "load /bench/tree");
+  view_rules.add("ForceUpdate", "0");
+  Result cs = c.rpc(tavrel_wan::RPC_SET_CONFIG_SPEC, view_rules);
+  if (cs.reply.status != 0) return std::fprintf(stderr, "setting the view's rules: %s\n", cs.reply.message.c_str()), 1;
   // Every listing of the tree, each recorded in what the view was served; seconds, or < 0 on failure.
   std::vector<std::string> dirs = {"/bench", "/bench/tree"};
   for (int d = 0; d * 10000 < files; ++d) dirs.push_back("/bench/tree/d" + std::to_string(d));
