@@ -114,6 +114,7 @@ ImportStats import_tree(Store& store, const std::string& tag, const std::string&
       if (ch == '=' || (unsigned char)ch < 0x20 || (unsigned char)ch == 0xFF) ch = '_';
     if (storage.size() > 1000) storage.resize(1000);
     timeval t{st.st_mtim.tv_sec, st.st_mtim.tv_nsec / 1000};
+    repo.pause_change_log(true);  // every name is new: one "everything changed" replaces a row per element
     stats.silo = repo.create_silo(tag, opt.is_public, opt.is_project, storage, t);
     Version root = *repo.latest(stats.silo.root_elem, "main");
     uint32_t mode = st.st_mode & 07777;
@@ -121,6 +122,7 @@ ImportStats import_tree(Store& store, const std::string& tag, const std::string&
     repo.db().stmt("UPDATE element SET mode=? WHERE id=?").bind(1, mode).bind(2, stats.silo.root_elem).run();
     Walker w{repo, opt, stats, stats.silo.id};
     w.fill(source, tag, root.id);
+    repo.pause_change_log(false);
     return stats;
   });
 }

@@ -60,9 +60,92 @@ CREATE TABLE IF NOT EXISTS snapshot(
 CREATE INDEX IF NOT EXISTS snapshot_auto_tombstones ON snapshot(view, scope_oid, path) WHERE gn > 0 AND action >= 2;
 CREATE TABLE IF NOT EXISTS pending_update(view INTEGER NOT NULL, gn INTEGER NOT NULL, scope_oid BLOB NOT NULL,
   replace INTEGER NOT NULL, PRIMARY KEY(view, gn, scope_oid)) WITHOUT ROWID;
+CREATE TABLE IF NOT EXISTS pending_seq(view INTEGER NOT NULL, gn INTEGER NOT NULL, seq INTEGER NOT NULL,
+  PRIMARY KEY(view, gn)) WITHOUT ROWID;
+CREATE TABLE IF NOT EXISTS scope_seq(view INTEGER NOT NULL, scope_oid BLOB NOT NULL, seq INTEGER NOT NULL,
+  PRIMARY KEY(view, scope_oid)) WITHOUT ROWID;
+CREATE INDEX IF NOT EXISTS served_by_element ON served(view, elem_oid);
+CREATE INDEX IF NOT EXISTS snapshot_committed_by_element ON snapshot(view, scope_oid, elem) WHERE gn = 0;
+CREATE TABLE IF NOT EXISTS change_log(seq INTEGER PRIMARY KEY AUTOINCREMENT, elem INTEGER NOT NULL UNIQUE);
 CREATE TABLE IF NOT EXISTS session(token TEXT PRIMARY KEY, jsession TEXT NOT NULL, user TEXT NOT NULL,
   created INTEGER NOT NULL, last_used INTEGER NOT NULL);
 INSERT OR IGNORE INTO meta(key, value) VALUES('schema_version', '1');
+-- The change log (store.h): each change to what a view can select logs the element it concerns, unless
+-- the writing transaction paused the log (Repo::pause_change_log).
+CREATE TRIGGER IF NOT EXISTS log_version_insert AFTER INSERT ON version WHEN
+  NOT EXISTS(SELECT 1 FROM meta WHERE key='change_log_paused') BEGIN
+  DELETE FROM change_log WHERE elem=NEW.elem; INSERT INTO change_log(elem) VALUES(NEW.elem); END;
+CREATE TRIGGER IF NOT EXISTS log_branch_insert AFTER INSERT ON branch WHEN
+  NOT EXISTS(SELECT 1 FROM meta WHERE key='change_log_paused') BEGIN
+  DELETE FROM change_log WHERE elem=NEW.elem; INSERT INTO change_log(elem) VALUES(NEW.elem); END;
+CREATE TRIGGER IF NOT EXISTS log_label_insert AFTER INSERT ON label WHEN
+  NOT EXISTS(SELECT 1 FROM meta WHERE key='change_log_paused') BEGIN
+  DELETE FROM change_log WHERE elem=NEW.elem; INSERT INTO change_log(elem) VALUES(NEW.elem); END;
+CREATE TRIGGER IF NOT EXISTS log_checkout_insert AFTER INSERT ON checkout WHEN
+  NOT EXISTS(SELECT 1 FROM meta WHERE key='change_log_paused') BEGIN
+  DELETE FROM change_log WHERE elem=NEW.elem; INSERT INTO change_log(elem) VALUES(NEW.elem); END;
+CREATE TRIGGER IF NOT EXISTS log_dir_entry_insert AFTER INSERT ON dir_entry WHEN
+  NOT EXISTS(SELECT 1 FROM meta WHERE key='change_log_paused') BEGIN
+  DELETE FROM change_log WHERE elem=coalesce((SELECT elem FROM version WHERE id=NEW.dirver), 0);
+  INSERT INTO change_log(elem) VALUES(coalesce((SELECT elem FROM version WHERE id=NEW.dirver), 0)); END;
+CREATE TRIGGER IF NOT EXISTS log_silo_insert AFTER INSERT ON silo WHEN
+  NOT EXISTS(SELECT 1 FROM meta WHERE key='change_log_paused') BEGIN
+  DELETE FROM change_log WHERE elem=0; INSERT INTO change_log(elem) VALUES(0); END;
+CREATE TRIGGER IF NOT EXISTS log_version_update AFTER UPDATE ON version WHEN
+  NOT EXISTS(SELECT 1 FROM meta WHERE key='change_log_paused') BEGIN
+  DELETE FROM change_log WHERE elem=NEW.elem; INSERT INTO change_log(elem) VALUES(NEW.elem); END;
+CREATE TRIGGER IF NOT EXISTS log_branch_update AFTER UPDATE ON branch WHEN
+  NOT EXISTS(SELECT 1 FROM meta WHERE key='change_log_paused') BEGIN
+  DELETE FROM change_log WHERE elem=NEW.elem; INSERT INTO change_log(elem) VALUES(NEW.elem); END;
+CREATE TRIGGER IF NOT EXISTS log_label_update AFTER UPDATE ON label WHEN
+  NOT EXISTS(SELECT 1 FROM meta WHERE key='change_log_paused') BEGIN
+  DELETE FROM change_log WHERE elem=NEW.elem; INSERT INTO change_log(elem) VALUES(NEW.elem); END;
+CREATE TRIGGER IF NOT EXISTS log_checkout_update AFTER UPDATE ON checkout WHEN
+  NOT EXISTS(SELECT 1 FROM meta WHERE key='change_log_paused') BEGIN
+  DELETE FROM change_log WHERE elem=NEW.elem; INSERT INTO change_log(elem) VALUES(NEW.elem); END;
+CREATE TRIGGER IF NOT EXISTS log_dir_entry_update AFTER UPDATE ON dir_entry WHEN
+  NOT EXISTS(SELECT 1 FROM meta WHERE key='change_log_paused') BEGIN
+  DELETE FROM change_log WHERE elem=coalesce((SELECT elem FROM version WHERE id=NEW.dirver), 0);
+  INSERT INTO change_log(elem) VALUES(coalesce((SELECT elem FROM version WHERE id=NEW.dirver), 0)); END;
+CREATE TRIGGER IF NOT EXISTS log_silo_update AFTER UPDATE ON silo WHEN
+  NOT EXISTS(SELECT 1 FROM meta WHERE key='change_log_paused') BEGIN
+  DELETE FROM change_log WHERE elem=0; INSERT INTO change_log(elem) VALUES(0); END;
+CREATE TRIGGER IF NOT EXISTS log_version_delete AFTER DELETE ON version WHEN
+  NOT EXISTS(SELECT 1 FROM meta WHERE key='change_log_paused') BEGIN
+  DELETE FROM change_log WHERE elem=OLD.elem; INSERT INTO change_log(elem) VALUES(OLD.elem); END;
+CREATE TRIGGER IF NOT EXISTS log_branch_delete AFTER DELETE ON branch WHEN
+  NOT EXISTS(SELECT 1 FROM meta WHERE key='change_log_paused') BEGIN
+  DELETE FROM change_log WHERE elem=OLD.elem; INSERT INTO change_log(elem) VALUES(OLD.elem); END;
+CREATE TRIGGER IF NOT EXISTS log_label_delete AFTER DELETE ON label WHEN
+  NOT EXISTS(SELECT 1 FROM meta WHERE key='change_log_paused') BEGIN
+  DELETE FROM change_log WHERE elem=OLD.elem; INSERT INTO change_log(elem) VALUES(OLD.elem); END;
+CREATE TRIGGER IF NOT EXISTS log_checkout_delete AFTER DELETE ON checkout WHEN
+  NOT EXISTS(SELECT 1 FROM meta WHERE key='change_log_paused') BEGIN
+  DELETE FROM change_log WHERE elem=OLD.elem; INSERT INTO change_log(elem) VALUES(OLD.elem); END;
+CREATE TRIGGER IF NOT EXISTS log_dir_entry_delete AFTER DELETE ON dir_entry WHEN
+  NOT EXISTS(SELECT 1 FROM meta WHERE key='change_log_paused') BEGIN
+  DELETE FROM change_log WHERE elem=coalesce((SELECT elem FROM version WHERE id=OLD.dirver), 0);
+  INSERT INTO change_log(elem) VALUES(coalesce((SELECT elem FROM version WHERE id=OLD.dirver), 0)); END;
+CREATE TRIGGER IF NOT EXISTS log_silo_delete AFTER DELETE ON silo WHEN
+  NOT EXISTS(SELECT 1 FROM meta WHERE key='change_log_paused') BEGIN
+  DELETE FROM change_log WHERE elem=0; INSERT INTO change_log(elem) VALUES(0); END;
+CREATE TRIGGER IF NOT EXISTS log_element_update AFTER UPDATE ON element WHEN
+  NOT EXISTS(SELECT 1 FROM meta WHERE key='change_log_paused') BEGIN
+  DELETE FROM change_log WHERE elem=NEW.id; INSERT INTO change_log(elem) VALUES(NEW.id); END;
+CREATE TRIGGER IF NOT EXISTS log_symlink_update AFTER UPDATE ON symlink WHEN
+  NOT EXISTS(SELECT 1 FROM meta WHERE key='change_log_paused') BEGIN
+  DELETE FROM change_log WHERE elem=0; INSERT INTO change_log(elem) VALUES(0); END;
+CREATE TRIGGER IF NOT EXISTS log_element_delete AFTER DELETE ON element WHEN
+  NOT EXISTS(SELECT 1 FROM meta WHERE key='change_log_paused') BEGIN
+  DELETE FROM change_log WHERE elem=OLD.id; INSERT INTO change_log(elem) VALUES(OLD.id); END;
+CREATE TRIGGER IF NOT EXISTS log_symlink_delete AFTER DELETE ON symlink WHEN
+  NOT EXISTS(SELECT 1 FROM meta WHERE key='change_log_paused') BEGIN
+  DELETE FROM change_log WHERE elem=0; INSERT INTO change_log(elem) VALUES(0); END;
+CREATE TRIGGER IF NOT EXISTS log_moved_rows AFTER UPDATE OF elem ON version WHEN OLD.elem IS NOT NEW.elem BEGIN
+  DELETE FROM change_log WHERE elem=OLD.elem; INSERT INTO change_log(elem) VALUES(OLD.elem); END;
+CREATE TRIGGER IF NOT EXISTS log_view_rules AFTER UPDATE ON view WHEN OLD.type IS NOT NEW.type OR
+  OLD.elem_rules IS NOT NEW.elem_rules OR OLD.tkm_rules IS NOT NEW.tkm_rules OR OLD.load_rules IS NOT NEW.load_rules BEGIN
+  DELETE FROM change_log WHERE elem=-NEW.id; INSERT INTO change_log(elem) VALUES(-NEW.id); END;
 )SQL";
 
 tbs_uuid_s col_uuid(const Stmt& s, int col) {
@@ -500,6 +583,16 @@ std::vector<std::pair<int64_t, std::string>> Repo::parents_of_link(int64_t link)
 }
 
 // ---- labels ----
+
+void Repo::pause_change_log(bool paused) {
+  if (paused) {
+    db_.stmt("INSERT OR REPLACE INTO meta(key, value) VALUES('change_log_paused', '1')").run();
+    return;
+  }
+  db_.stmt("DELETE FROM meta WHERE key='change_log_paused'").run();
+  db_.stmt("DELETE FROM change_log WHERE elem=0").run();
+  db_.stmt("INSERT INTO change_log(elem) VALUES(0)").run();
+}
 
 void Repo::apply_label(int64_t elem, const std::string& name, int64_t version) {
   db_.stmt("INSERT OR REPLACE INTO label(elem, name, version) VALUES(?,?,?)")

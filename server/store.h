@@ -21,6 +21,13 @@
 //       path); every listing and metadata reply asks for them, so they must not cost a scan of the
 //       whole last stream
 //   pending_update(view, gn, scope_oid, replace)-- the scopes of each update stream not yet committed
+//   pending_seq(view, gn, seq), scope_seq(view, scope_oid, seq)
+//                       -- the change-log position each pending stream, and each committed scope, was worked out at
+//   change_log(seq, elem) -- what a view can select changed: triggers log the element whose versions,
+//       branches, labels, checkouts or directory entries changed (0: a SILO or a link changed, -view id:
+//       that view's rules changed). One row per element, moved to a new seq at each change; seq only
+//       grows (AUTOINCREMENT). See update_ledger.h for who reads and prunes it.
+//   served_by_element, snapshot_committed_by_element: the names a view holds of a given element
 //   session(token, jsession, user, created, last_used)
 //
 // Invariants: version contents and OIDs never change once written (a checkout version's bytes are
@@ -188,6 +195,10 @@ class Repo {
   std::vector<std::pair<int64_t, std::string>> parents_of_link(int64_t link);
 
   // Labels.
+  // A transaction that writes a whole new SILO pauses the change log for its length, and the resume
+  // logs a change to every name instead; both must happen in the same write transaction, so that no
+  // other writer ever finds the log paused.
+  void pause_change_log(bool paused);
   void apply_label(int64_t elem, const std::string& name, int64_t version);
 
   // Views.

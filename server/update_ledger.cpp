@@ -117,6 +117,84 @@ std::vector<int64_t> UpdateLedger::auto_silos(int64_t view) {
   return out;
 }
 
+int64_t UpdateLedger::change_seq() {
+  auto s = db_.stmt("SELECT seq FROM sqlite_sequence WHERE name='change_log'");
+  return s.step() ? s.i64(0) : 0;
+}
+
+void UpdateLedger::note_stream_seq(int64_t view, int64_t gn, int64_t seq) {
+  db_.stmt("INSERT OR REPLACE INTO pending_seq(view, gn, seq) VALUES(?,?,?)").bind(1, view).bind(2, gn).bind(3, seq).run();
+}
+
+std::optional<int64_t> UpdateLedger::committed_seq(int64_t view, const tbs_oid_s& scope) {
+  auto s = db_.stmt("SELECT seq FROM scope_seq WHERE view=? AND scope_oid=?");
+  s.bind(1, view).bind_blob(2, scope.bytes, 16);
+  if (s.step()) return s.i64(0);
+  return std::nullopt;
+}
+
+std::optional<std::vector<int64_t>> UpdateLedger::changed_elements(int64_t view, int64_t since, size_t limit) {
+  std::vector<int64_t> out;
+  auto s = db_.stmt("SELECT DISTINCT elem FROM change_log WHERE seq > ? LIMIT ?");
+  s.bind(1, since).bind(2, int64_t(limit) + 1);
+  while (s.step()) {
+    int64_t e = s.i64(0);
+    if (e == 0 || e == -view) return std::nullopt;
+    if (e > 0) out.push_back(e);
+  }
+  if (out.size() > limit) return std::nullopt;
+  return out;
+}
+
+namespace {
+SnapRow snap_of_served(const ServedRow& r) {
+  SnapRow s;
+  s.path = r.path;
+  s.silo = r.silo;
+  s.elem_oid = r.elem_oid;
+  s.ver_oid = r.ver_oid;
+  s.vstr = s.prev_vstr = r.vstr;
+  s.parent_oid = r.parent_oid;
+  s.checked_out = r.checked_out;
+  return s;
+}
+}  // namespace
+
+std::vector<std::string> UpdateLedger::committed_paths_of(int64_t view, const tbs_oid_s& scope, int64_t silo,
+                                                          int64_t elem) {
+  std::vector<std::string> out;
+  auto s = scope == AUTOMATIC_LOAD_SCOPE_OID
+               ? db_.stmt("SELECT path FROM served INDEXED BY served_by_element WHERE view=? AND scope_oid=? AND "
+                          "silo=? AND elem_oid=(SELECT oid FROM element WHERE id=?)")
+               : db_.stmt("SELECT path FROM snapshot INDEXED BY snapshot_committed_by_element WHERE view=? AND "
+                          "scope_oid=? AND gn = 0 AND silo=? AND elem=?");
+  s.bind(1, view).bind_blob(2, scope.bytes, 16).bind(3, silo).bind(4, elem);
+  while (s.step()) out.push_back(s.text(0));
+  return out;
+}
+
+std::optional<SnapRow> UpdateLedger::committed_at(int64_t view, const tbs_oid_s& scope, int64_t silo,
+                                                  const std::string& path) {
+  if (scope == AUTOMATIC_LOAD_SCOPE_OID) {
+    auto s = db_.stmt("SELECT " TAVREL_SERVED_COLUMNS " FROM served WHERE view=? AND path=? AND scope_oid=? AND silo=?");
+    s.bind(1, view).bind(2, path).bind_blob(3, scope.bytes, 16).bind(4, silo);
+    if (s.step()) return snap_of_served(served_row(s));
+    return std::nullopt;
+  }
+  auto s = db_.stmt("SELECT " SNAP_COLS " FROM snapshot WHERE view=? AND gn=0 AND scope_oid=? AND path=? AND silo=?");
+  s.bind(1, view).bind_blob(2, scope.bytes, 16).bind(3, path).bind(4, silo);
+  if (s.step()) return snap_row(s);
+  return std::nullopt;
+}
+
+std::vector<SnapRow> UpdateLedger::committed_after(int64_t view, const tbs_oid_s& scope, int64_t silo,
+                                                   const std::string& after, size_t limit) {
+  if (scope != AUTOMATIC_LOAD_SCOPE_OID) return rows(view, 0, scope, silo, &after, SNAP_KEEP, SNAP_FORGET, limit);
+  std::vector<SnapRow> out;
+  for (const ServedRow& r : auto_served(view, silo, &after, limit)) out.push_back(snap_of_served(r));
+  return out;
+}
+
 bool UpdateLedger::is_pending(int64_t view, int64_t gn) {
   auto s = db_.stmt("SELECT 1 FROM pending_update WHERE view=? AND gn=? LIMIT 1");
   s.bind(1, view).bind(2, gn);
@@ -172,8 +250,29 @@ bool UpdateLedger::commit(int64_t view, int64_t gn) {
         .bind(4, SNAP_UNLOAD)
         .run();
   }
+  {
+    auto s = db_.stmt("SELECT seq FROM pending_seq WHERE view=? AND gn=?");
+    s.bind(1, view).bind(2, gn);
+    std::optional<int64_t> seq;
+    if (s.step()) seq = s.i64(0);
+    for (const auto& scope : scopes) {
+      if (seq)
+        db_.stmt("INSERT OR REPLACE INTO scope_seq(view, scope_oid, seq) VALUES(?,?,?)")
+            .bind(1, view)
+            .bind_blob(2, scope.first.bytes, 16)
+            .bind(3, *seq)
+            .run();
+      else
+        db_.stmt("DELETE FROM scope_seq WHERE view=? AND scope_oid=?").bind(1, view).bind_blob(2, scope.first.bytes, 16).run();
+    }
+  }
   db_.stmt("DELETE FROM snapshot WHERE view=? AND gn>0 AND gn<=?").bind(1, view).bind(2, gn).run();
   db_.stmt("DELETE FROM pending_update WHERE view=? AND gn<=?").bind(1, view).bind(2, gn).run();
+  db_.stmt("DELETE FROM pending_seq WHERE view=? AND gn<=?").bind(1, view).bind(2, gn).run();
+  // The log up to the oldest position still needed goes.
+  db_.stmt("DELETE FROM change_log WHERE seq <= coalesce((SELECT min(seq) FROM (SELECT seq FROM scope_seq UNION ALL "
+           "SELECT seq FROM pending_seq)), seq)")
+      .run();
   db_.stmt("UPDATE view SET committed_gn=? WHERE id=?").bind(1, gn).bind(2, view).run();
   return true;
 }
@@ -186,6 +285,7 @@ void UpdateLedger::prune(int64_t view, size_t keep) {
   for (size_t i = keep; i < gns.size(); ++i) {
     db_.stmt("DELETE FROM snapshot WHERE view=? AND gn=?").bind(1, view).bind(2, gns[i]).run();
     db_.stmt("DELETE FROM pending_update WHERE view=? AND gn=?").bind(1, view).bind(2, gns[i]).run();
+    db_.stmt("DELETE FROM pending_seq WHERE view=? AND gn=?").bind(1, view).bind(2, gns[i]).run();
   }
 }
 

@@ -20,10 +20,17 @@
 // An on-demand reply tells the agent about a name at once. clear_auto_tombstone() keeps a pending
 // unload of that name in the automatic scope from deleting it from the served set at commit.
 //
+// Change-log positions: a stream notes the position of the store's change log (store.h) it was worked
+// out at; commit makes that the position of each scope it carried. Every committed row was then true
+// of the store at or after its scope's position, so a later stream needs to look again only at the
+// names whose elements the log names since (scope_delta.h). The log is pruned up to the oldest
+// position any view's pending stream or committed scope still needs.
+//
 // Rows are read in path order (path_order.h) by keyset paging, so no caller holds a whole scope.
 // A ledger works through one connection inside the caller's transaction.
 #pragma once
 
+#include <optional>
 #include <string>
 #include <vector>
 
@@ -67,6 +74,24 @@ class UpdateLedger {
   std::vector<ServedRow> auto_served(int64_t view, int64_t silo, const std::string* after, size_t limit);
   // SILOs of which the view holds names in the automatic scope.
   std::vector<int64_t> auto_silos(int64_t view);
+
+  // The change log's last position (0 when nothing was logged).
+  int64_t change_seq();
+  // Notes that stream `gn` of `view` was worked out from the store as it stood at least at `seq`.
+  void note_stream_seq(int64_t view, int64_t gn, int64_t seq);
+  // The position the committed state of `scope` is up to date with; nullopt when not known.
+  std::optional<int64_t> committed_seq(int64_t view, const tbs_oid_s& scope);
+  // Element ids the log names after `since`; nullopt when a change there concerns every name of
+  // `view` (a SILO, a link or the view's rules) or more than `limit` elements changed.
+  std::optional<std::vector<int64_t>> changed_elements(int64_t view, int64_t since, size_t limit);
+
+  // The committed state of a scope in SILO `silo`, read by path: for the automatic scope the served
+  // set, otherwise the snapshot rows of gn 0. Paths holding element `elem`; the row at `path`; at most
+  // `limit` rows after `after` in path order.
+  std::vector<std::string> committed_paths_of(int64_t view, const tbs_oid_s& scope, int64_t silo, int64_t elem);
+  std::optional<SnapRow> committed_at(int64_t view, const tbs_oid_s& scope, int64_t silo, const std::string& path);
+  std::vector<SnapRow> committed_after(int64_t view, const tbs_oid_s& scope, int64_t silo, const std::string& after,
+                                       size_t limit);
 
   bool is_pending(int64_t view, int64_t gn);
   // Makes stream `gn` committed (see above) and the view's committed GN; false when it is not pending.

@@ -60,6 +60,16 @@ SnapRow snap_of(const Node& n) {
   return r;
 }
 
+bool same_state(const SnapRow& a, const SnapRow& b) {
+  return a.elem_oid == b.elem_oid && a.ver_oid == b.ver_oid && a.checked_out == b.checked_out &&
+         a.parent_oid == b.parent_oid;
+}
+
+bool is_absence(const ServerError& e) {
+  tbs_status_t c = e.code();
+  return c == TBS_ST_NOT_FOUND || c == TBS_ST_NO_SUCH_NAME || c == TBS_ST_STALE || c == TBS_ST_BAD_ARG;
+}
+
 Node node_of(Repo& r, const Silo& silo, const SnapRow& row) {
   Node n;
   n.silo = silo;

@@ -15,6 +15,11 @@ namespace tavrel_server {
 std::string node_vstr(const Node& n);
 // A ledger row describing node `n` as the view selects it now.
 SnapRow snap_of(const Node& n);
+// Whether two rows show the agent the same thing (element, version, check-out, parent).
+bool same_state(const SnapRow& a, const SnapRow& b);
+// Errors that mean "this name is not there for the view" while walking.
+bool is_absence(const ServerError& e);
+
 // The node a ledger row names, rebuilt from the store (versions and links never change).
 Node node_of(Repo& r, const Silo& silo, const SnapRow& row);
 

@@ -10,6 +10,7 @@
 #include "proto/wan_names.h"
 #include "server/path_order.h"
 #include "server/rules.h"
+#include "server/scope_delta.h"
 #include "server/update_parts.h"
 #include "server/view_namespace.h"
 #include "server/wan_server.h"
@@ -24,20 +25,10 @@ constexpr size_t kPage = 1024;      // rows read or written per trip to the stor
 constexpr size_t kEmitBatch = 256;  // objects (or unloads) per piece of the reply
 constexpr size_t kMaxDepth = 512;   // directories deep; deeper means a cycle of directories
 constexpr size_t kKeepPending = 3;  // unfinished streams remembered per view
+constexpr size_t kMaxDelta = 10000;  // changed elements beyond which a scope is walked whole
 
 bool at_or_below(const std::string& p, const std::string& top) {
   return p == top || (p.size() > top.size() && p.compare(0, top.size(), top) == 0 && p[top.size()] == '/');
-}
-
-// Errors that mean "this name is not there for the view" while walking.
-bool is_absence(const ServerError& e) {
-  tbs_status_t c = e.code();
-  return c == TBS_ST_NOT_FOUND || c == TBS_ST_NO_SUCH_NAME || c == TBS_ST_STALE || c == TBS_ST_BAD_ARG;
-}
-
-bool same_state(const SnapRow& a, const SnapRow& b) {
-  return a.elem_oid == b.elem_oid && a.ver_oid == b.ver_oid && a.checked_out == b.checked_out &&
-         a.parent_oid == b.parent_oid;
 }
 
 struct ScopeReq {
@@ -190,6 +181,7 @@ ScopeUpdateStream::ScopeUpdateStream(WanServer& srv, const Args& a) : srv_(srv) 
     bool known = view_gn_ != 0 && view_gn_ == v.committed_gn;
     full_ = force || !known;
     v.gn_counter = r.bump_gn(v.id);
+    ledger.note_stream_seq(v.id, v.gn_counter, ledger.change_seq());
     for (ScopeReq& s : scopes_) {
       s.base_empty = view_gn_ == 0 || (!s.is_auto && s.gn == 0);
       if (!s.is_auto || ods_) ledger.begin_pending(v.id, v.gn_counter, s.oid, s.base_empty);
@@ -255,10 +247,22 @@ void ScopeUpdateStream::plan() {
 void ScopeUpdateStream::prepare(const Group& g) {
   srv_.store().read([&](Repo& r) {
     ViewNamespace ns(r, view_);
+    UpdateLedger ledger(r.db());
     for (size_t i : g.scopes) {
       const ScopeReq& s = scopes_[i];
-      if (s.is_auto) {
-        if (ods_) walk_auto(r, ns, *g.silo, rule_paths_);
+      if (s.is_auto && !ods_) continue;
+      // A scope whose committed state is known follows the change log when the log can say what changed.
+      std::optional<std::vector<int64_t>> changed;
+      if (!full_ && !s.base_empty && (s.is_auto || s.current) && srv_.config().update_deltas)
+        if (auto since = ledger.committed_seq(view_.id, s.oid)) changed = ledger.changed_elements(view_.id, *since, kMaxDelta);
+      if (changed) {
+        PendingSink sink(srv_.store(), view_.id, gn_, s.oid);
+        ScopeDelta delta(r, ns, *g.silo, s.oid, *changed, [&](SnapRow row) { sink.add(std::move(row)); });
+        if (s.is_auto) delta.automatic(rule_paths_);
+        else delta.load_rule(s.path);
+        sink.flush();
+      } else if (s.is_auto) {
+        walk_auto(r, ns, *g.silo, rule_paths_);
       } else {
         walk_load_rule(r, ns, *g.silo, s);
       }

@@ -13,7 +13,9 @@
 // a group, objects come in path order (path_order.h), so a directory always comes before what it
 // holds. A load-rule scope carries its subtree as the view selects it now; the automatic scope
 // carries the names the view was served outside load rules, re-evaluated now. Each is diffed against
-// the scope's committed state: new or changed names are sent, names gone are unloaded. Every name is
+// the scope's committed state: new or changed names are sent, names gone are unloaded. When the scope's
+// committed state is known and the change log can tell what changed since, only the names whose
+// elements changed are looked at again (scope_delta.h); the result is the same. Every name is
 // sent ("full mode") when Force is set, when ViewGn is 0 or not one the server knows, and for a
 // load-rule scope whose ScopeGn is 0; with ViewGn 0 the agent has nothing, so gone names are dropped
 // without unloads.

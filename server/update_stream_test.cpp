@@ -7,6 +7,7 @@
 #include <fstream>
 #include <functional>
 #include <map>
+#include <random>
 #include <set>
 
 #include "server/importer.h"
@@ -44,12 +45,11 @@ class UpdateStreamTest : public ::testing::Test {
       Store s((dir_ / "store.db").string());
       import_tree(s, "/proj", (dir_ / "tree").string(), {});
     }
-    ServerConfig cfg;
-    cfg.store_path = (dir_ / "store.db").string();
-    cfg.open_login = true;
-    cfg.admin_token = kToken;
-    cfg.threads = 4;
-    srv_ = std::make_unique<WanServer>(cfg);
+    cfg_.store_path = (dir_ / "store.db").string();
+    cfg_.open_login = true;
+    cfg_.admin_token = kToken;
+    cfg_.threads = 4;
+    srv_ = std::make_unique<WanServer>(cfg_);
     ASSERT_GT(srv_->start(), 0);
     cl_ = std::make_unique<WanClient>("127.0.0.1", srv_->port());
     ASSERT_EQ(cl_->login("u", "p").reply.status, 0);
@@ -101,7 +101,7 @@ class UpdateStreamTest : public ::testing::Test {
   // A scope update; returns the element events ("update <path> <prev>-><curr>", "unload <path>") and
   // checks the framing, the metadata after every update and that every parent is held first.
   std::vector<std::string> update(int64_t view_gn, const std::vector<Scope>& scopes, bool force = false,
-                                  ParsedReply* whole = nullptr) {
+                                  ParsedReply* whole = nullptr, WanClient* via = nullptr) {
     ArgText a;
     a.add("ViewUuid", view_).add("ViewGn", std::to_string(view_gn)).add("Force", force ? "1" : "0");
     a.add("Resume", "0").add("UpdateOndemandScopes", "1").add("UsePaths", "0");
@@ -109,7 +109,7 @@ class UpdateStreamTest : public ::testing::Test {
     a.add("ScopePath", "Automatic").add("ScopeOid", tbs_oid_to_str(AUTOMATIC_LOAD_SCOPE_OID)).add("ScopeGn", "0");
     for (const auto& s : scopes)
       a.add("ScopePath", s.path).add("ScopeOid", tbs_oid_to_str(tavrel_load_scope_oid(s.path))).add("ScopeGn", std::to_string(s.gn));
-    Result r = cl_->rpc(tavrel_wan::RPC_SYNCFETCH, a);
+    Result r = (via ? via : cl_.get())->rpc(tavrel_wan::RPC_SYNCFETCH, a);
     EXPECT_TRUE(r.reply.ok) << r.reply.error;
     EXPECT_EQ(r.reply.status, 0) << r.reply.message;
     if (whole) *whole = r.reply;
@@ -203,6 +203,7 @@ class UpdateStreamTest : public ::testing::Test {
   }
 
   fs::path dir_;
+  ServerConfig cfg_;
   std::unique_ptr<WanServer> srv_;
   std::unique_ptr<WanClient> cl_;
   std::string view_, replica_;
@@ -349,6 +350,135 @@ TEST_F(UpdateStreamTest, DiffAcrossManyPages) {
   EXPECT_EQ(update(gn_, {{"/big/all", gn_}}), std::vector<std::string>({"update /big/all/f10000 main/1->main/2",
                                                                         "update /big/all/f12599 main/1->main/2"}));
   EXPECT_EQ(update(gn_, {{"/big/all", gn_}}), std::vector<std::string>());
+}
+
+// Streams that follow the change log must say exactly what a diff of the whole walk says. A second
+// server on the same store always walks; after each round of random changes (new versions and names,
+// removals, moves, a directory replaced by a file, label moves, checkouts in the view, names met on
+// demand) both are asked for the same update from the same committed state. Rounds commit the walk's
+// stream, the delta's stream, or nothing (an update the agent did not finish).
+TEST_F(UpdateStreamTest, DeltaAgreesWithTheWhole) {
+  ServerConfig walk_cfg = cfg_;
+  walk_cfg.update_deltas = false;
+  WanServer walker(walk_cfg);
+  ASSERT_GT(walker.start(), 0);
+  WanClient wcl("127.0.0.1", walker.port());
+  ASSERT_EQ(wcl.login("u", "p").reply.status, 0);
+  std::mt19937 rng(7);
+  auto pick = [&](const std::vector<std::string>& v) { return v[rng() % v.size()]; };
+  // The agent meets a name on demand: it joins the automatic scope.
+  auto meet = [&](const std::string& p) {
+    Result r = cl_->rpc(tavrel_wan::RPC_GET_METADATA, ArgText().add("ViewUuid", view_).add("PathName", p));
+    if (r.reply.status != 0) return false;
+    held_[p] = {tbs_oid_to_str(decode_vstat(r.reply.find("Xdr_ObjMetadata")->body).vstat.elem_oid), "?"};
+    return true;
+  };
+  // A random change may name what an earlier one of the round removed: it then fails, as it should.
+  auto change = [&](const std::string& op, ArgText args, std::optional<std::string> data = std::nullopt) {
+    cl_->post("/admin", op, args, {{"x-tavrel-admin-token", kToken}}, data);
+  };
+  // Every name as "select * latest" sees it (what the admin operations act on): files and directories.
+  auto tree = [&](std::vector<std::string>* files, std::vector<std::string>* dirs) {
+    srv_->store().read([&](Repo& r) {
+      ViewRow latest;
+      latest.elem_rules = "select * latest";
+      ViewNamespace ns(r, latest);
+      std::function<void(const Node&)> walk = [&](const Node& n) {
+        if (n.is_link) return;
+        (n.elem.kind == KIND_DIR ? dirs : files)->push_back(n.path);
+        if (n.elem.kind != KIND_DIR) return;
+        for (const Entry& e : r.entries(n.ver.id))
+          if (auto c = ns.entry_node(n.silo, n.elem, n.path, e)) walk(*c);
+      };
+      walk(ns.resolve("/proj"));
+    });
+  };
+  for (int i = 0; i < 12; ++i)
+    admin("elem.mkfile", ArgText().add("Path", "/proj/lib/d" + std::to_string(i % 3) + "/f" + std::to_string(i)).add("Parents", "1"),
+          std::string("f"));
+  for (int i = 0; i < 6; ++i)
+    admin("elem.mkfile", ArgText().add("Path", "/proj/src/docs/g" + std::to_string(i)), std::string("g"));
+  admin("label.apply", ArgText().add("Path", "/proj/lib").add("Label", "REL").add("Recursive", "1"));
+  set_load({"/proj/src/docs"}, {"select /proj/lib/** label:REL", "select * latest"});
+  const std::string rule = "/proj/src/docs";
+  touch_root("src");
+  for (const char* p : {"/proj/lib", "/proj/lib/d0", "/proj/lib/d1", "/proj/lib/d2"}) meet(p);
+  for (int i = 0; i < 12; ++i) meet("/proj/lib/d" + std::to_string(i % 3) + "/f" + std::to_string(i));
+  int64_t committed = 0, scope_gn = 0;
+  int name_no = 0;
+  for (int round = 0; round < 60; ++round) {
+    SCOPED_TRACE("round " + std::to_string(round));
+    std::vector<std::string> files, dirs, lib;
+    tree(&files, &dirs);
+    for (const std::string& f : files)
+      if (f.rfind("/proj/lib/d", 0) == 0 && f.find("/f", 11) != std::string::npos) lib.push_back(f);  // the first 12
+    for (int k = 0, n = 1 + int(rng() % 4); k < n && round > 0; ++k) {
+      std::string f = files.empty() ? "" : pick(files), d = pick(dirs), fresh = "n" + std::to_string(name_no++);
+      switch (rng() % 9) {
+        case 0:
+          if (!f.empty()) change("elem.checkin", ArgText().add("Path", f), std::string("v") + fresh);
+          break;
+        case 1:
+          if (!lib.empty()) change("elem.checkin", ArgText().add("Path", pick(lib)), std::string("v") + fresh);
+          break;
+        case 2:
+          change("elem.mkfile", ArgText().add("Path", d + "/" + fresh), std::string("new"));
+          break;
+        case 3:
+          change("elem.mkdir", ArgText().add("Path", d + "/" + fresh + "/sub").add("Parents", "1"));
+          break;
+        case 4:
+          if (d != "/proj" && d != "/proj/src" && d != "/proj/lib") change("elem.rmname", ArgText().add("Path", rng() % 2 || f.empty() ? d : f));
+          break;
+        case 5:
+          if (!f.empty()) change("elem.move", ArgText().add("From", f).add("To", d + "/" + fresh));
+          break;
+        case 6:
+          if (d != "/proj" && d != "/proj/src" && d != "/proj/lib")
+            change("elem.mkfile", ArgText().add("Path", d).add("Replace", "1"), std::string("was a directory"));
+          break;
+        case 7:
+          if (!lib.empty()) {  // the label moves between a file's first and latest versions
+            ArgText a = ArgText().add("Path", pick(lib)).add("Label", "REL");
+            if (rng() % 2) a.add("Version", "main/1");
+            change("label.apply", a);
+          }
+          break;
+        case 8:
+          if (!f.empty()) {
+            Result r = cl_->post("/admin", "view.checkout", ArgText().add("ViewUuid", view_).add("Path", f),
+                                 {{"x-tavrel-admin-token", kToken}}, std::nullopt);
+            if (r.reply.status != 0) change("view.uncheckout", ArgText().add("ViewUuid", view_).add("Path", f));
+          }
+          break;
+      }
+    }
+    // The agent meets some names (and the directories above them).
+    files.clear();
+    dirs.clear();
+    tree(&files, &dirs);
+    for (int k = 0; k < 6; ++k) {
+      std::string p = pick(rng() % 2 ? files : dirs);
+      if (p.rfind(rule, 0) == 0) continue;
+      for (size_t at = p.find('/', 1);; at = p.find('/', at + 1)) {
+        if (!meet(p.substr(0, at))) break;  // not visible to this view
+        if (at == std::string::npos) break;
+      }
+    }
+    std::map<std::string, Held> before = held_;
+    std::vector<std::string> delta = update(committed, {{rule, scope_gn}});
+    int64_t delta_gn = gn_;
+    held_ = before;
+    std::vector<std::string> whole = update(committed, {{rule, scope_gn}}, false, nullptr, &wcl);
+    ASSERT_EQ(delta, whole);
+    if (round % 5 != 4) {
+      committed = round % 2 ? delta_gn : gn_;
+      scope_gn = committed;
+    } else {
+      held_ = before;  // not applied: the next round's streams carry it again
+    }
+    if (round % 10 == 7 && std::find(dirs.begin(), dirs.end(), rule) != dirs.end()) expect_held_matches(rule);
+  }
 }
 
 TEST_F(UpdateStreamTest, SurgicalPaths) {

@@ -59,6 +59,9 @@ struct ServerConfig {
   int head_timeout_ms = 5000;       // for the whole head of each request
   int max_conns_per_address = 32;   // open connections from one client address
   std::function<int64_t()> clock_ms;  // monotonic milliseconds for login throttling; empty: steady clock
+  // Update streams follow the change log (scope_delta.h) where they can; false: always diff a walk of
+  // the whole scope (the tests and the bench compare the two).
+  bool update_deltas = true;
 };
 
 class WanServer {
