@@ -220,9 +220,14 @@ bool UpdateLedger::commit(int64_t view, int64_t gn) {
         .bind(5, SNAP_UNLOAD)
         .run();
     if (scope == AUTOMATIC_LOAD_SCOPE_OID) {
+      // A first load sends every name, and the served set mostly holds them as they are already: those
+      // rows are only read, not written again.
       db_.stmt("INSERT OR REPLACE INTO served(view, path, silo, elem_oid, ver_oid, vstr, parent_oid, checked_out, "
                "scope_oid, gn) SELECT view, path, silo, elem_oid, ver_oid, vstr, parent_oid, checked_out, scope_oid, "
-               "gn FROM snapshot WHERE view=? AND gn=? AND scope_oid=? AND action<?")
+               "gn FROM snapshot n WHERE view=? AND gn=? AND scope_oid=? AND action<? AND NOT EXISTS(SELECT 1 FROM "
+               "served s WHERE s.view=n.view AND s.path=n.path AND s.silo=n.silo AND s.elem_oid IS n.elem_oid AND "
+               "s.ver_oid IS n.ver_oid AND s.vstr IS n.vstr AND s.parent_oid IS n.parent_oid AND "
+               "s.checked_out=n.checked_out AND s.scope_oid IS n.scope_oid)")
           .bind(1, view)
           .bind(2, gn)
           .bind_blob(3, scope.bytes, 16)
