@@ -49,6 +49,7 @@ void ScopeDelta::load_rule(const std::string& top) {
 
 void ScopeDelta::automatic(const std::vector<std::string>& rule_paths) {
   rule_paths_ = rule_paths;
+  if (excluded(silo_.tag)) return;  // a load rule holds the whole SILO
   mark_dirty(silo_.tag);
   std::optional<Node> now;
   try {
