@@ -4,6 +4,7 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <cctype>
 #include <cstring>
 
 namespace tavrel_server {
@@ -70,83 +71,48 @@ CREATE TABLE IF NOT EXISTS change_log(seq INTEGER PRIMARY KEY AUTOINCREMENT, ele
 CREATE TABLE IF NOT EXISTS session(token TEXT PRIMARY KEY, jsession TEXT NOT NULL, user TEXT NOT NULL,
   created INTEGER NOT NULL, last_used INTEGER NOT NULL);
 INSERT OR IGNORE INTO meta(key, value) VALUES('schema_version', '1');
--- The change log (store.h): each change to what a view can select logs the element it concerns, unless
--- the writing transaction paused the log (Repo::pause_change_log).
-CREATE TRIGGER IF NOT EXISTS log_version_insert AFTER INSERT ON version WHEN
-  NOT EXISTS(SELECT 1 FROM meta WHERE key='change_log_paused') BEGIN
-  DELETE FROM change_log WHERE elem=NEW.elem; INSERT INTO change_log(elem) VALUES(NEW.elem); END;
-CREATE TRIGGER IF NOT EXISTS log_branch_insert AFTER INSERT ON branch WHEN
-  NOT EXISTS(SELECT 1 FROM meta WHERE key='change_log_paused') BEGIN
-  DELETE FROM change_log WHERE elem=NEW.elem; INSERT INTO change_log(elem) VALUES(NEW.elem); END;
-CREATE TRIGGER IF NOT EXISTS log_label_insert AFTER INSERT ON label WHEN
-  NOT EXISTS(SELECT 1 FROM meta WHERE key='change_log_paused') BEGIN
-  DELETE FROM change_log WHERE elem=NEW.elem; INSERT INTO change_log(elem) VALUES(NEW.elem); END;
-CREATE TRIGGER IF NOT EXISTS log_checkout_insert AFTER INSERT ON checkout WHEN
-  NOT EXISTS(SELECT 1 FROM meta WHERE key='change_log_paused') BEGIN
-  DELETE FROM change_log WHERE elem=NEW.elem; INSERT INTO change_log(elem) VALUES(NEW.elem); END;
-CREATE TRIGGER IF NOT EXISTS log_dir_entry_insert AFTER INSERT ON dir_entry WHEN
-  NOT EXISTS(SELECT 1 FROM meta WHERE key='change_log_paused') BEGIN
-  DELETE FROM change_log WHERE elem=coalesce((SELECT elem FROM version WHERE id=NEW.dirver), 0);
-  INSERT INTO change_log(elem) VALUES(coalesce((SELECT elem FROM version WHERE id=NEW.dirver), 0)); END;
-CREATE TRIGGER IF NOT EXISTS log_silo_insert AFTER INSERT ON silo WHEN
-  NOT EXISTS(SELECT 1 FROM meta WHERE key='change_log_paused') BEGIN
-  DELETE FROM change_log WHERE elem=0; INSERT INTO change_log(elem) VALUES(0); END;
-CREATE TRIGGER IF NOT EXISTS log_version_update AFTER UPDATE ON version WHEN
-  NOT EXISTS(SELECT 1 FROM meta WHERE key='change_log_paused') BEGIN
-  DELETE FROM change_log WHERE elem=NEW.elem; INSERT INTO change_log(elem) VALUES(NEW.elem); END;
-CREATE TRIGGER IF NOT EXISTS log_branch_update AFTER UPDATE ON branch WHEN
-  NOT EXISTS(SELECT 1 FROM meta WHERE key='change_log_paused') BEGIN
-  DELETE FROM change_log WHERE elem=NEW.elem; INSERT INTO change_log(elem) VALUES(NEW.elem); END;
-CREATE TRIGGER IF NOT EXISTS log_label_update AFTER UPDATE ON label WHEN
-  NOT EXISTS(SELECT 1 FROM meta WHERE key='change_log_paused') BEGIN
-  DELETE FROM change_log WHERE elem=NEW.elem; INSERT INTO change_log(elem) VALUES(NEW.elem); END;
-CREATE TRIGGER IF NOT EXISTS log_checkout_update AFTER UPDATE ON checkout WHEN
-  NOT EXISTS(SELECT 1 FROM meta WHERE key='change_log_paused') BEGIN
-  DELETE FROM change_log WHERE elem=NEW.elem; INSERT INTO change_log(elem) VALUES(NEW.elem); END;
-CREATE TRIGGER IF NOT EXISTS log_dir_entry_update AFTER UPDATE ON dir_entry WHEN
-  NOT EXISTS(SELECT 1 FROM meta WHERE key='change_log_paused') BEGIN
-  DELETE FROM change_log WHERE elem=coalesce((SELECT elem FROM version WHERE id=NEW.dirver), 0);
-  INSERT INTO change_log(elem) VALUES(coalesce((SELECT elem FROM version WHERE id=NEW.dirver), 0)); END;
-CREATE TRIGGER IF NOT EXISTS log_silo_update AFTER UPDATE ON silo WHEN
-  NOT EXISTS(SELECT 1 FROM meta WHERE key='change_log_paused') BEGIN
-  DELETE FROM change_log WHERE elem=0; INSERT INTO change_log(elem) VALUES(0); END;
-CREATE TRIGGER IF NOT EXISTS log_version_delete AFTER DELETE ON version WHEN
-  NOT EXISTS(SELECT 1 FROM meta WHERE key='change_log_paused') BEGIN
-  DELETE FROM change_log WHERE elem=OLD.elem; INSERT INTO change_log(elem) VALUES(OLD.elem); END;
-CREATE TRIGGER IF NOT EXISTS log_branch_delete AFTER DELETE ON branch WHEN
-  NOT EXISTS(SELECT 1 FROM meta WHERE key='change_log_paused') BEGIN
-  DELETE FROM change_log WHERE elem=OLD.elem; INSERT INTO change_log(elem) VALUES(OLD.elem); END;
-CREATE TRIGGER IF NOT EXISTS log_label_delete AFTER DELETE ON label WHEN
-  NOT EXISTS(SELECT 1 FROM meta WHERE key='change_log_paused') BEGIN
-  DELETE FROM change_log WHERE elem=OLD.elem; INSERT INTO change_log(elem) VALUES(OLD.elem); END;
-CREATE TRIGGER IF NOT EXISTS log_checkout_delete AFTER DELETE ON checkout WHEN
-  NOT EXISTS(SELECT 1 FROM meta WHERE key='change_log_paused') BEGIN
-  DELETE FROM change_log WHERE elem=OLD.elem; INSERT INTO change_log(elem) VALUES(OLD.elem); END;
-CREATE TRIGGER IF NOT EXISTS log_dir_entry_delete AFTER DELETE ON dir_entry WHEN
-  NOT EXISTS(SELECT 1 FROM meta WHERE key='change_log_paused') BEGIN
-  DELETE FROM change_log WHERE elem=coalesce((SELECT elem FROM version WHERE id=OLD.dirver), 0);
-  INSERT INTO change_log(elem) VALUES(coalesce((SELECT elem FROM version WHERE id=OLD.dirver), 0)); END;
-CREATE TRIGGER IF NOT EXISTS log_silo_delete AFTER DELETE ON silo WHEN
-  NOT EXISTS(SELECT 1 FROM meta WHERE key='change_log_paused') BEGIN
-  DELETE FROM change_log WHERE elem=0; INSERT INTO change_log(elem) VALUES(0); END;
-CREATE TRIGGER IF NOT EXISTS log_element_update AFTER UPDATE ON element WHEN
-  NOT EXISTS(SELECT 1 FROM meta WHERE key='change_log_paused') BEGIN
-  DELETE FROM change_log WHERE elem=NEW.id; INSERT INTO change_log(elem) VALUES(NEW.id); END;
-CREATE TRIGGER IF NOT EXISTS log_symlink_update AFTER UPDATE ON symlink WHEN
-  NOT EXISTS(SELECT 1 FROM meta WHERE key='change_log_paused') BEGIN
-  DELETE FROM change_log WHERE elem=0; INSERT INTO change_log(elem) VALUES(0); END;
-CREATE TRIGGER IF NOT EXISTS log_element_delete AFTER DELETE ON element WHEN
-  NOT EXISTS(SELECT 1 FROM meta WHERE key='change_log_paused') BEGIN
-  DELETE FROM change_log WHERE elem=OLD.id; INSERT INTO change_log(elem) VALUES(OLD.id); END;
-CREATE TRIGGER IF NOT EXISTS log_symlink_delete AFTER DELETE ON symlink WHEN
-  NOT EXISTS(SELECT 1 FROM meta WHERE key='change_log_paused') BEGIN
-  DELETE FROM change_log WHERE elem=0; INSERT INTO change_log(elem) VALUES(0); END;
-CREATE TRIGGER IF NOT EXISTS log_moved_rows AFTER UPDATE OF elem ON version WHEN OLD.elem IS NOT NEW.elem BEGIN
-  DELETE FROM change_log WHERE elem=OLD.elem; INSERT INTO change_log(elem) VALUES(OLD.elem); END;
-CREATE TRIGGER IF NOT EXISTS log_view_rules AFTER UPDATE ON view WHEN OLD.type IS NOT NEW.type OR
-  OLD.elem_rules IS NOT NEW.elem_rules OR OLD.tkm_rules IS NOT NEW.tkm_rules OR OLD.load_rules IS NOT NEW.load_rules BEGIN
-  DELETE FROM change_log WHERE elem=-NEW.id; INSERT INTO change_log(elem) VALUES(-NEW.id); END;
 )SQL";
+
+// The change log's triggers (store.h): each change to what a view can select logs the element it
+// concerns, unless the writing transaction paused the log (Repo::pause_change_log).
+std::string change_log_triggers() {
+  struct Logged {
+    const char* table;
+    const char* events;  // "IUD": insert, update, delete
+    const char* elem;    // the element logged, "$" standing for NEW or OLD
+  };
+  const Logged logged[] = {
+      {"version", "IUD", "$.elem"},
+      {"branch", "IUD", "$.elem"},
+      {"label", "IUD", "$.elem"},
+      {"checkout", "IUD", "$.elem"},
+      {"dir_entry", "IUD", "coalesce((SELECT elem FROM version WHERE id=$.dirver), 0)"},
+      {"silo", "IUD", "0"},
+      {"element", "UD", "$.id"},
+      {"symlink", "UD", "0"},
+  };
+  auto log = [](const std::string& elem) {
+    return "DELETE FROM change_log WHERE elem=" + elem + "; INSERT INTO change_log(elem) VALUES(" + elem + "); END;\n";
+  };
+  std::string sql;
+  for (const Logged& l : logged) {
+    for (const char* e = l.events; *e; ++e) {
+      const char* event = *e == 'I' ? "insert" : *e == 'U' ? "update" : "delete";
+      std::string elem = l.elem;
+      for (size_t at; (at = elem.find('$')) != std::string::npos;) elem.replace(at, 1, *e == 'D' ? "OLD" : "NEW");
+      std::string upper = event;
+      for (char& c : upper) c = char(std::toupper(static_cast<unsigned char>(c)));
+      sql += std::string("CREATE TRIGGER IF NOT EXISTS log_") + l.table + "_" + event + " AFTER " + upper + " ON " +
+             l.table + " WHEN NOT EXISTS(SELECT 1 FROM meta WHERE key='change_log_paused') BEGIN " + log(elem);
+    }
+  }
+  sql += "CREATE TRIGGER IF NOT EXISTS log_moved_rows AFTER UPDATE OF elem ON version WHEN OLD.elem IS NOT NEW.elem "
+         "BEGIN " + log("OLD.elem");
+  sql += "CREATE TRIGGER IF NOT EXISTS log_view_rules AFTER UPDATE ON view WHEN OLD.type IS NOT NEW.type OR "
+         "OLD.elem_rules IS NOT NEW.elem_rules OR OLD.tkm_rules IS NOT NEW.tkm_rules OR "
+         "OLD.load_rules IS NOT NEW.load_rules BEGIN " + log("-NEW.id");
+  return sql;
+}
 
 tbs_uuid_s col_uuid(const Stmt& s, int col) {
   tbs_uuid_s u;
@@ -777,6 +743,7 @@ Store::Store(const std::string& path, size_t pool_size) : path_(path), pool_size
     if (old_shape) db->exec("DROP TABLE snapshot");
   }
   db->exec(kSchema);
+  db->exec(change_log_triggers().c_str());
   auto s = db->stmt("SELECT value FROM meta WHERE key='schema_version'");
   if (!s.step() || s.text(0) != "1") fail(TBS_ST_INTERNAL, "store " + path + " has an unknown schema version");
   pool_.push_back(std::move(db));

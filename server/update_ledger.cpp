@@ -135,7 +135,7 @@ std::optional<int64_t> UpdateLedger::committed_seq(int64_t view, const tbs_oid_s
 
 std::optional<std::vector<int64_t>> UpdateLedger::changed_elements(int64_t view, int64_t since, size_t limit) {
   std::vector<int64_t> out;
-  auto s = db_.stmt("SELECT DISTINCT elem FROM change_log WHERE seq > ? LIMIT ?");
+  auto s = db_.stmt("SELECT elem FROM change_log WHERE seq > ? LIMIT ?");
   s.bind(1, since).bind(2, int64_t(limit) + 1);
   while (s.step()) {
     int64_t e = s.i64(0);
@@ -146,7 +146,6 @@ std::optional<std::vector<int64_t>> UpdateLedger::changed_elements(int64_t view,
   return out;
 }
 
-namespace {
 SnapRow snap_of_served(const ServedRow& r) {
   SnapRow s;
   s.path = r.path;
@@ -158,7 +157,6 @@ SnapRow snap_of_served(const ServedRow& r) {
   s.checked_out = r.checked_out;
   return s;
 }
-}  // namespace
 
 std::vector<std::string> UpdateLedger::committed_paths_of(int64_t view, const tbs_oid_s& scope, int64_t silo,
                                                           int64_t elem) {

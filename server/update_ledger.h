@@ -52,6 +52,9 @@ struct SnapRow {
   int action = SNAP_KEEP;
 };
 
+// A served row as a ledger row (element id and object unknown: 0).
+SnapRow snap_of_served(const ServedRow& r);
+
 class UpdateLedger {
  public:
   explicit UpdateLedger(SqliteDb& db) : db_(db) {}

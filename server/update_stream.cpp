@@ -372,14 +372,7 @@ void ScopeUpdateStream::walk_auto(Repo& r, ViewNamespace& ns, const Silo& silo,
         if (!is_absence(e)) throw;
       }
       if (up.size() < kMaxDepth) up.push_back({had.path, now});
-      SnapRow before;
-      before.path = had.path;
-      before.silo = had.silo;
-      before.elem_oid = had.elem_oid;
-      before.ver_oid = had.ver_oid;
-      before.vstr = before.prev_vstr = had.vstr;
-      before.parent_oid = had.parent_oid;
-      before.checked_out = had.checked_out;
+      SnapRow before = snap_of_served(had);
       if (!now) {
         before.action = view_gn_ == 0 ? SNAP_FORGET : SNAP_UNLOAD;
         sink.add(std::move(before));
