@@ -24,6 +24,10 @@ inline int path_order_compare(const std::string& a, const std::string& b) {
   return path_order_compare(a.data(), a.size(), b.data(), b.size());
 }
 
+// A key after every path at or below `p` and before whatever follows them: "/" sorts below every
+// other byte and names hold no NUL.
+inline std::string past_subtree(const std::string& p) { return p + std::string(1, '\0'); }
+
 // Registers the collation on `db`; false when SQLite refuses it.
 bool register_path_collation(sqlite3* db);
 

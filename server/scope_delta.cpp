@@ -15,10 +15,6 @@ bool below(const std::string& p, const std::string& top) {
   return p.size() > top.size() && p.compare(0, top.size(), top) == 0 && p[top.size()] == '/';
 }
 
-// A key after every path at or below `p` and before whatever follows them: "/" sorts below every
-// other byte and names hold no NUL (path_order.h).
-std::string past_subtree(const std::string& p) { return p + std::string(1, '\0'); }
-
 bool is_dir(const Node& n) { return !n.is_link && n.elem.kind == KIND_DIR; }
 
 }  // namespace

@@ -109,6 +109,18 @@ std::vector<ServedRow> UpdateLedger::auto_served(int64_t view, int64_t silo, con
   return out;
 }
 
+std::vector<ServedRow> UpdateLedger::auto_unrecorded(int64_t view, int64_t gn, int64_t silo, const std::string& after,
+                                                     size_t limit) {
+  std::vector<ServedRow> out;
+  auto s = db_.stmt("SELECT " TAVREL_SERVED_COLUMNS " FROM served s WHERE view=? AND silo=? AND scope_oid=? AND "
+                    "path > ? COLLATE tavrel_path AND NOT EXISTS(SELECT 1 FROM snapshot n WHERE n.view=s.view AND "
+                    "n.gn=? AND n.scope_oid=s.scope_oid AND n.path=s.path) ORDER BY path COLLATE tavrel_path LIMIT ?");
+  s.bind(1, view).bind(2, silo).bind_blob(3, AUTOMATIC_LOAD_SCOPE_OID.bytes, 16).bind(4, after).bind(5, gn);
+  s.bind(6, int64_t(limit));
+  while (s.step()) out.push_back(served_row(s));
+  return out;
+}
+
 std::vector<int64_t> UpdateLedger::auto_silos(int64_t view) {
   std::vector<int64_t> out;
   auto s = db_.stmt("SELECT DISTINCT silo FROM served WHERE view=? AND scope_oid=? ORDER BY silo");

@@ -11,6 +11,10 @@
 //     (sent as an object), UNLOAD (sent as an unload), FORGET (gone, not sent because the agent no
 //     longer has it) or KEEP (held by the agent, written by an on-demand reply). Unchanged names
 //     have no row. A scope marked "replace" was loaded from nothing: its committed rows all go.
+//     A stream that sends every name (a first load, Force) sends the unchanged names of the automatic
+//     scope straight from the served set (auto_unrecorded), so it records only what differs there too:
+//     a first load of a view that has met every name on demand writes next to nothing, and its commit
+//     has next to nothing to apply.
 //
 // Commit: the agent stores a stream's GN only after applying all of it, and names it as ViewGn in its
 // next update request; commit(view, G) then applies G's rows to the committed state (removing
@@ -75,6 +79,10 @@ class UpdateLedger {
   std::string known_vstr(int64_t view, const std::string& path);
   // Served rows of `silo` in the automatic scope, after `after` in path order; at most `limit`.
   std::vector<ServedRow> auto_served(int64_t view, int64_t silo, const std::string* after, size_t limit);
+  // Served rows of `silo` in the automatic scope after `after` in path order ("" sorts first) for which
+  // stream `gn` holds no row; at most `limit`.
+  std::vector<ServedRow> auto_unrecorded(int64_t view, int64_t gn, int64_t silo, const std::string& after,
+                                         size_t limit);
   // SILOs of which the view holds names in the automatic scope.
   std::vector<int64_t> auto_silos(int64_t view);
 

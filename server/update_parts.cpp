@@ -86,6 +86,27 @@ Node node_of(Repo& r, const Silo& silo, const SnapRow& row) {
   return n;
 }
 
+Node node_of_served(Repo& r, const Silo& silo, const ServedRow& row) {
+  Node n;
+  n.silo = silo;
+  n.path = row.path;
+  n.parent_elem_oid = row.parent_oid;
+  if (row.vstr == "link" && row.elem_oid == row.ver_oid) {  // a link's row names the link twice
+    auto l = r.link_by_oid(row.elem_oid);
+    if (!l) fail(TBS_ST_STALE, "the link at " + row.path + " is gone");
+    n.is_link = true;
+    n.link = *l;
+    return n;
+  }
+  auto e = r.element_by_oid(row.elem_oid);
+  auto v = r.version_by_oid(row.ver_oid);
+  if (!e || !v) fail(TBS_ST_STALE, "the element at " + row.path + " is gone");
+  n.elem = *e;
+  n.ver = *v;
+  n.checked_out = row.checked_out;
+  return n;
+}
+
 void put_update_object(ReplyWriter& w, ViewNamespace& ns, const Node& n, const std::string& prev) {
   put_elem_info(w, n.silo, n.path, n.parent_elem_oid, n.is_link ? n.link.oid : n.elem.oid, prev, node_vstr(n));
   w.part(PART_OBJ_METADATA, encode_vstat(ns.obj_vstat(n)));

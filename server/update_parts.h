@@ -23,6 +23,9 @@ bool is_absence(const ServerError& e);
 // The node a ledger row names, rebuilt from the store (versions and links never change).
 Node node_of(Repo& r, const Silo& silo, const SnapRow& row);
 
+// The node a served row names (ViewNamespace::served_row), rebuilt from the store by OID.
+Node node_of_served(Repo& r, const Silo& silo, const ServedRow& row);
+
 // SyncElemInfo, Xdr_ObjMetadata and Xdr_ElemMetadata of `n`; `prev` is the version string the view had.
 void put_update_object(tavrel_wan::ReplyWriter& w, ViewNamespace& ns, const Node& n, const std::string& prev);
 // SyncElemInfo of an unload of what `row` names.

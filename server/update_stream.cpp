@@ -110,6 +110,7 @@ class ScopeUpdateStream : public ReplyStream {
   void prepare(const Group& g);
   void walk_load_rule(Repo& r, ViewNamespace& ns, const Silo& silo, const ScopeReq& s);
   void walk_auto(Repo& r, ViewNamespace& ns, const Silo& silo, const std::vector<std::string>& rule_paths);
+  std::vector<ServedRow> unchanged_after(UpdateLedger& ledger, const Silo& silo, size_t n);
   // Emits what it can of step `s` within `*budget`; true when the step is done.
   bool emit(const Step& s, ReplyWriter& w, size_t* budget);
   void finish(ReplyWriter& w, tbs_status_t code, const std::string& msg);
@@ -379,13 +380,37 @@ void ScopeUpdateStream::walk_auto(Repo& r, ViewNamespace& ns, const Silo& silo,
         continue;
       }
       SnapRow row = snap_of(*now);
-      if (!full_ && same_state(before, row)) continue;
+      if (same_state(before, row)) continue;  // a full stream sends it from the served set (emit)
       row.prev_vstr = view_gn_ == 0 ? std::string() : had.vstr;
       row.action = SNAP_SEND;
       sink.add(std::move(row));
     }
   }
   sink.flush();
+}
+
+// Up to `n` names of the automatic scope of `silo` after the cursor that the stream recorded nothing
+// for, outside the view's load rules (whose scopes carry their names), as the served set holds them.
+std::vector<ServedRow> ScopeUpdateStream::unchanged_after(UpdateLedger& ledger, const Silo& silo, size_t n) {
+  std::vector<ServedRow> out;
+  std::string after = cursor_ ? *cursor_ : std::string();
+  for (bool more = true; more && out.size() < n;) {
+    size_t want = n - out.size();
+    std::vector<ServedRow> page = ledger.auto_unrecorded(view_.id, gn_, silo.id, after, want);
+    more = page.size() == want;
+    for (ServedRow& h : page) {
+      auto rule = std::find_if(rule_paths_.begin(), rule_paths_.end(),
+                               [&](const std::string& p) { return at_or_below(h.path, p); });
+      if (rule != rule_paths_.end()) {
+        after = past_subtree(*rule);
+        more = true;
+        break;
+      }
+      after = h.path;
+      out.push_back(std::move(h));
+    }
+  }
+  return out;
 }
 
 bool ScopeUpdateStream::emit(const Step& st, ReplyWriter& w, size_t* budget) {
@@ -402,20 +427,35 @@ bool ScopeUpdateStream::emit(const Step& st, ReplyWriter& w, size_t* budget) {
     case OBJECTS: {
       int action = st.kind == UNLOADS ? SNAP_UNLOAD : SNAP_SEND;
       size_t n = *budget;
-      std::vector<SnapRow> rows = srv_.store().read([&](Repo& r) {
-        std::vector<SnapRow> page = UpdateLedger(r.db()).rows(view_.id, gn_, s.oid, g.silo->id,
-                                                              cursor_ ? &*cursor_ : nullptr, action, action, n);
-        if (action == SNAP_SEND) {
-          ViewNamespace ns(r, view_);
-          for (const SnapRow& row : page) put_update_object(w, ns, node_of(r, *g.silo, row), row.prev_vstr);
-        } else {
+      size_t sent = srv_.store().read([&](Repo& r) {
+        UpdateLedger ledger(r.db());
+        std::vector<SnapRow> page =
+            ledger.rows(view_.id, gn_, s.oid, g.silo->id, cursor_ ? &*cursor_ : nullptr, action, action, n);
+        if (action == SNAP_UNLOAD) {
           for (const SnapRow& row : page) put_unload(w, *g.silo, row);
+          if (!page.empty()) cursor_ = page.back().path;
+          return page.size();
         }
-        return page;
+        // The rows the stream recorded, merged in path order with the unchanged names a full stream of
+        // the automatic scope sends as the served set holds them.
+        std::vector<ServedRow> same;
+        if (s.is_auto && full_) same = unchanged_after(ledger, *g.silo, n);
+        ViewNamespace ns(r, view_);
+        size_t i = 0, j = 0;
+        for (; i + j < n && (i < page.size() || j < same.size());) {
+          if (j == same.size() || (i < page.size() && path_order_compare(page[i].path, same[j].path) < 0)) {
+            put_update_object(w, ns, node_of(r, *g.silo, page[i]), page[i].prev_vstr);
+            cursor_ = page[i++].path;
+          } else {
+            const ServedRow& h = same[j++];
+            put_update_object(w, ns, node_of_served(r, *g.silo, h), view_gn_ == 0 ? std::string() : h.vstr);
+            cursor_ = h.path;
+          }
+        }
+        return i + j;
       });
-      *budget -= rows.size();
-      if (!rows.empty()) cursor_ = rows.back().path;
-      return rows.size() < n;
+      *budget -= sent;
+      return sent < n;
     }
     case SCOPE_BEGIN: {
       tavrel_scope sc;

@@ -352,6 +352,38 @@ TEST_F(UpdateStreamTest, DiffAcrossManyPages) {
   EXPECT_EQ(update(gn_, {{"/big/all", gn_}}), std::vector<std::string>());
 }
 
+// A full stream of the automatic scope sends the names it finds unchanged as the served set holds
+// them, merged in path order with what changed, across many pieces of the reply; names served before a
+// load rule took them go with the rule's scope, once.
+TEST_F(UpdateStreamTest, FullAutomaticStreamAcrossPages) {
+  fs::path big = dir_ / "big";
+  for (const char* d : {"a", "b"}) {
+    fs::create_directories(big / d);
+    for (int i = 0; i < 300; ++i) std::ofstream(big / d / ("f" + std::to_string(10000 + i))) << i;
+  }
+  fs::create_symlink("f10000", big / "a" / "ln");
+  import_tree(srv_->store(), "/big", big.string(), {});
+  std::vector<std::string> names = {"/big", "/big/a", "/big/b", "/big/a/ln"};
+  for (const char* d : {"a", "b"})
+    for (int i = 0; i < 300; ++i) names.push_back("/big/" + std::string(d) + "/f" + std::to_string(10000 + i));
+  for (const std::string& p : names)
+    ASSERT_EQ(cl_->rpc(tavrel_wan::RPC_GET_METADATA, ArgText().add("ViewUuid", view_).add("PathName", p)).reply.status, 0);
+  admin("elem.checkin", ArgText().add("Path", "/big/a/f10005"), std::string("new"));
+  admin("elem.rmname", ArgText().add("Path", "/big/a/f10007"));
+  set_load({"/big/b"});
+  for (bool force : {false, true}) {
+    SCOPED_TRACE(force ? "Force" : "first load");
+    std::vector<std::string> got = update(force ? gn_ : 0, {{"/big/b", force ? gn_ : 0}}, force);
+    EXPECT_EQ(got.size(), names.size() - 1);
+    EXPECT_EQ(std::set<std::string>(got.begin(), got.end()).size(), got.size());
+    std::string v2 = force ? "main/2->main/2" : "->main/2";
+    EXPECT_NE(std::find(got.begin(), got.end(), "update /big/a/f10005 " + v2), got.end());
+    EXPECT_NE(std::find(got.begin(), got.end(), "update /big/a/ln " + std::string(force ? "link->link" : "->link")), got.end());
+    expect_held_matches("/big");
+  }
+  EXPECT_EQ(update(gn_, {{"/big/b", gn_}}), std::vector<std::string>());
+}
+
 // Streams that follow the change log must say exactly what a diff of the whole walk says. A second
 // server on the same store always walks; after each round of random changes (new versions and names,
 // removals, moves, a directory replaced by a file, label moves, checkouts in the view, names met on
