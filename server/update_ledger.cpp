@@ -123,7 +123,9 @@ std::vector<ServedRow> UpdateLedger::auto_unrecorded(int64_t view, int64_t gn, i
 
 std::vector<int64_t> UpdateLedger::auto_silos(int64_t view) {
   std::vector<int64_t> out;
-  auto s = db_.stmt("SELECT DISTINCT silo FROM served WHERE view=? AND scope_oid=? ORDER BY silo");
+  // One probe of the served set's (view, silo, scope) index per SILO, not a scan of the view's names.
+  auto s = db_.stmt("SELECT id FROM silo s WHERE EXISTS(SELECT 1 FROM served WHERE view=? AND silo=s.id AND "
+                    "scope_oid=?) ORDER BY id");
   s.bind(1, view).bind_blob(2, AUTOMATIC_LOAD_SCOPE_OID.bytes, 16);
   while (s.step()) out.push_back(s.i64(0));
   return out;
@@ -232,12 +234,24 @@ bool UpdateLedger::commit(int64_t view, int64_t gn) {
     if (scope == AUTOMATIC_LOAD_SCOPE_OID) {
       // A first load sends every name, and the served set mostly holds them as they are already: those
       // rows are only read, not written again.
+      // Names the view held already change in place: a new version leaves the path, SILO and scope as
+      // they are, so the indexes on them are not written again. The rest go in whole. A first load sends
+      // every name, and the served set mostly holds them as they are already: those rows are only read.
+      db_.stmt("UPDATE served SET elem_oid=n.elem_oid, ver_oid=n.ver_oid, vstr=n.vstr, parent_oid=n.parent_oid, "
+               "checked_out=n.checked_out, gn=n.gn FROM (SELECT path, silo, elem_oid, ver_oid, vstr, parent_oid, "
+               "checked_out, gn FROM snapshot WHERE view=?1 AND gn=?2 AND scope_oid=?3 AND action<?4) n WHERE "
+               "served.view=?1 AND served.path=n.path AND served.silo=n.silo AND served.scope_oid IS ?3 AND NOT "
+               "(served.elem_oid IS n.elem_oid AND served.ver_oid IS n.ver_oid AND served.vstr IS n.vstr AND "
+               "served.parent_oid IS n.parent_oid AND served.checked_out=n.checked_out)")
+          .bind(1, view)
+          .bind(2, gn)
+          .bind_blob(3, scope.bytes, 16)
+          .bind(4, SNAP_UNLOAD)
+          .run();
       db_.stmt("INSERT OR REPLACE INTO served(view, path, silo, elem_oid, ver_oid, vstr, parent_oid, checked_out, "
                "scope_oid, gn) SELECT view, path, silo, elem_oid, ver_oid, vstr, parent_oid, checked_out, scope_oid, "
-               "gn FROM snapshot n WHERE view=? AND gn=? AND scope_oid=? AND action<? AND NOT EXISTS(SELECT 1 FROM "
-               "served s WHERE s.view=n.view AND s.path=n.path AND s.silo=n.silo AND s.elem_oid IS n.elem_oid AND "
-               "s.ver_oid IS n.ver_oid AND s.vstr IS n.vstr AND s.parent_oid IS n.parent_oid AND "
-               "s.checked_out=n.checked_out AND s.scope_oid IS n.scope_oid)")
+               "gn FROM snapshot n WHERE view=?1 AND gn=?2 AND scope_oid=?3 AND action<?4 AND NOT EXISTS(SELECT 1 "
+               "FROM served s WHERE s.view=n.view AND s.path=n.path AND s.silo=n.silo AND s.scope_oid IS n.scope_oid)")
           .bind(1, view)
           .bind(2, gn)
           .bind_blob(3, scope.bytes, 16)
