@@ -232,11 +232,8 @@ bool UpdateLedger::commit(int64_t view, int64_t gn) {
         .bind(5, SNAP_UNLOAD)
         .run();
     if (scope == AUTOMATIC_LOAD_SCOPE_OID) {
-      // A first load sends every name, and the served set mostly holds them as they are already: those
-      // rows are only read, not written again.
       // Names the view held already change in place: a new version leaves the path, SILO and scope as
-      // they are, so the indexes on them are not written again. The rest go in whole. A first load sends
-      // every name, and the served set mostly holds them as they are already: those rows are only read.
+      // they are, so the indexes on them are not written again. The rest go in whole.
       db_.stmt("UPDATE served SET elem_oid=n.elem_oid, ver_oid=n.ver_oid, vstr=n.vstr, parent_oid=n.parent_oid, "
                "checked_out=n.checked_out, gn=n.gn FROM (SELECT path, silo, elem_oid, ver_oid, vstr, parent_oid, "
                "checked_out, gn FROM snapshot WHERE view=?1 AND gn=?2 AND scope_oid=?3 AND action<?4) n WHERE "
