@@ -4,6 +4,7 @@
 
 #include "proto/reply_writer.h"
 #include "proto/wan_names.h"
+#include "server/path_order.h"
 #include "server/rules.h"
 #include "server/update_ledger.h"
 #include "server/update_parts.h"
@@ -125,10 +126,7 @@ std::string set_config_spec(WanServer& srv, const Args& a) {
     std::string path;
     if (!parse_load_rule(lr, &path, &err)) fail(TBS_ST_BAD_ARG, err);
     for (const std::string& other : load_paths) {
-      auto below = [](const std::string& p, const std::string& q) {
-        return p == q || (p.size() > q.size() && p.compare(0, q.size(), q) == 0 && p[q.size()] == '/');
-      };
-      if (below(path, other) || below(other, path))
+      if (path_at_or_below(path, other) || path_at_or_below(other, path))
         fail(TBS_ST_BAD_ARG, "load rules \"" + other + "\" and \"" + path + "\" overlap");
     }
     load_paths.push_back(path);

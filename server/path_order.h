@@ -13,6 +13,7 @@
 
 #include <cstddef>
 #include <string>
+#include <vector>
 
 namespace tavrel_server {
 
@@ -27,6 +28,18 @@ inline int path_order_compare(const std::string& a, const std::string& b) {
 // A key after every path at or below `p` and before whatever follows them: "/" sorts below every
 // other byte and names hold no NUL.
 inline std::string past_subtree(const std::string& p) { return p + std::string(1, '\0'); }
+
+// Whether `p` lies strictly below `top`, or is `top` or lies below it.
+inline bool path_below(const std::string& p, const std::string& top) {
+  return p.size() > top.size() && p.compare(0, top.size(), top) == 0 && p[top.size()] == '/';
+}
+inline bool path_at_or_below(const std::string& p, const std::string& top) { return p == top || path_below(p, top); }
+// The first of `tops` (a view's load-rule paths) that `p` is at or below, or null.
+inline const std::string* path_top_of(const std::string& p, const std::vector<std::string>& tops) {
+  for (const std::string& t : tops)
+    if (path_at_or_below(p, t)) return &t;
+  return nullptr;
+}
 
 // Registers the collation on `db`; false when SQLite refuses it.
 bool register_path_collation(sqlite3* db);

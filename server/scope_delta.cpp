@@ -11,10 +11,6 @@ namespace {
 constexpr size_t kPage = 1024;     // committed rows read at a time when unloading a subtree
 constexpr size_t kMaxDepth = 512;  // directories deep; deeper means a cycle of directories
 
-bool below(const std::string& p, const std::string& top) {
-  return p.size() > top.size() && p.compare(0, top.size(), top) == 0 && p[top.size()] == '/';
-}
-
 bool is_dir(const Node& n) { return !n.is_link && n.elem.kind == KIND_DIR; }
 
 }  // namespace
@@ -57,15 +53,13 @@ void ScopeDelta::automatic(const std::vector<std::string>& rule_paths) {
 }
 
 bool ScopeDelta::excluded(const std::string& path) const {
-  for (const std::string& p : rule_paths_)
-    if (path == p || below(path, p)) return true;
-  return false;
+  return path_top_of(path, rule_paths_) != nullptr;
 }
 
 void ScopeDelta::mark_dirty(const std::string& top) {
   for (int64_t elem : changed_) {
     for (std::string p : ledger_.committed_paths_of(view_, scope_, silo_.id, elem)) {
-      if (excluded(p) || !below(p, top)) continue;
+      if (excluded(p) || !path_below(p, top)) continue;
       while (p != top) {
         size_t slash = p.rfind('/');
         std::string parent = p.substr(0, slash);
@@ -109,7 +103,7 @@ void ScopeDelta::visit(const std::string& path, const std::optional<Node>& now, 
 
 std::optional<SnapRow> ScopeDelta::next_below(const std::string& top, const std::string& key) {
   std::vector<SnapRow> r = ledger_.committed_after(view_, scope_, silo_.id, key, 1);
-  if (r.empty() || !below(r[0].path, top)) return std::nullopt;
+  if (r.empty() || !path_below(r[0].path, top)) return std::nullopt;
   return std::move(r[0]);
 }
 
@@ -129,7 +123,7 @@ void ScopeDelta::merge_entries(const Node& dir, size_t depth) {
       b.reset();
     }
     visit(cpath, ns_.entry_node(dir.silo, dir.elem, dir.path, e), had, depth + 1);
-    if (had || (b && below(b->path, cpath))) b = next_below(dir.path, past_subtree(cpath));
+    if (had || (b && path_below(b->path, cpath))) b = next_below(dir.path, past_subtree(cpath));
   }
   while (b) {
     std::string gone = b->path;
@@ -186,7 +180,7 @@ void ScopeDelta::unload_below(const std::string& path, const std::optional<SnapR
     std::vector<SnapRow> page = ledger_.committed_after(view_, scope_, silo_.id, key, kPage);
     more = page.size() == kPage;
     for (SnapRow& r : page) {
-      if (!below(r.path, path)) return;
+      if (!path_below(r.path, path)) return;
       key = r.path;
       if (!excluded(r.path)) unload(std::move(r));
     }

@@ -27,10 +27,6 @@ constexpr size_t kMaxDepth = 512;   // directories deep; deeper means a cycle of
 constexpr size_t kKeepPending = 3;  // unfinished streams remembered per view
 constexpr size_t kMaxDelta = 10000;  // changed elements beyond which a scope is walked whole
 
-bool at_or_below(const std::string& p, const std::string& top) {
-  return p == top || (p.size() > top.size() && p.compare(0, top.size(), top) == 0 && p[top.size()] == '/');
-}
-
 struct ScopeReq {
   std::string path;  // load-rule path, or the automatic scope's name
   tbs_oid_s oid{};
@@ -348,9 +344,7 @@ void ScopeUpdateStream::walk_auto(Repo& r, ViewNamespace& ns, const Silo& silo,
     more = page.size() == kPage;
     if (!page.empty()) last = page.back().path;
     for (const ServedRow& had : page) {
-      bool in_rule = false;
-      for (const std::string& p : rule_paths) in_rule |= at_or_below(had.path, p);
-      if (in_rule) continue;  // the load rule's own scope carries it
+      if (path_top_of(had.path, rule_paths)) continue;  // the load rule's own scope carries it
       while (!up.empty() && !(had.path.size() > up.back().first.size() &&
                               had.path.compare(0, up.back().first.size(), up.back().first) == 0 &&
                               had.path[up.back().first.size()] == '/'))
@@ -399,9 +393,7 @@ std::vector<ServedRow> ScopeUpdateStream::unchanged_after(UpdateLedger& ledger, 
     std::vector<ServedRow> page = ledger.auto_unrecorded(view_.id, gn_, silo.id, after, want);
     more = page.size() == want;
     for (ServedRow& h : page) {
-      auto rule = std::find_if(rule_paths_.begin(), rule_paths_.end(),
-                               [&](const std::string& p) { return at_or_below(h.path, p); });
-      if (rule != rule_paths_.end()) {
+      if (const std::string* rule = path_top_of(h.path, rule_paths_)) {
         after = past_subtree(*rule);
         more = true;
         break;

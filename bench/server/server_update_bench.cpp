@@ -27,6 +27,7 @@
 #include <cstdio>
 #include <filesystem>
 #include <fstream>
+#include <memory>
 #include <random>
 #include <thread>
 
@@ -92,6 +93,16 @@ struct Run {
   long peak_kib = 0;
   int status = -1;
 };
+
+// Starts `srv` and logs a client in to it; null when either fails.
+std::unique_ptr<WanClient> start_and_log_in(WanServer& srv) {
+  int port = srv.start();
+  if (port < 0) return nullptr;
+  auto c = std::make_unique<WanClient>("127.0.0.1", port);
+  c->set_cookies("", "");
+  if (c->login("bench", "pw").reply.status != 0) return nullptr;
+  return c;
+}
 
 // One View_Update received and counted as it arrives, not kept, so that the resident memory measured
 // is the server's.
@@ -180,11 +191,9 @@ int main(int argc, char** argv) {
   cfg.admin_token = "bench-token";
   cfg.threads = 4;
   WanServer srv(cfg);
-  int port = srv.start();
-  if (port < 0) return 1;
-  WanClient c("127.0.0.1", port);
-  c.set_cookies("", "");
-  if (c.login("bench", "pw").reply.status != 0) return 1;
+  std::unique_ptr<WanClient> client = start_and_log_in(srv);
+  if (!client) return 1;
+  WanClient& c = *client;
   std::string view = tbs_uuid_to_str(tbs_uuid_create());
   ArgText view_rules;
   view_rules.add("ViewUuid", view).add("NumElemRules", "1").add("ElemRule", "select * latest");
@@ -283,11 +292,9 @@ int main(int argc, char** argv) {
   ServerConfig walk_cfg = cfg;
   walk_cfg.update_deltas = false;
   WanServer walker(walk_cfg);
-  int walk_port = walker.start();
-  if (walk_port < 0) return 1;
-  WanClient wc("127.0.0.1", walk_port);
-  wc.set_cookies("", "");
-  if (wc.login("bench", "pw").reply.status != 0) return 1;
+  std::unique_ptr<WanClient> walk_client = start_and_log_in(walker);
+  if (!walk_client) return 1;
+  WanClient& wc = *walk_client;
   std::vector<Run> walked;
   for (int i = 0; i < runs; ++i) walked.push_back(fetch_update(wc, update_args(view, gn, gn, with_rule)));
   std::sort(walked.begin(), walked.end(), by_time);
