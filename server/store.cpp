@@ -50,7 +50,7 @@ CREATE TABLE IF NOT EXISTS served(
   view INTEGER NOT NULL, path TEXT NOT NULL, silo INTEGER NOT NULL, elem_oid BLOB, ver_oid BLOB, vstr TEXT,
   parent_oid BLOB, checked_out INTEGER NOT NULL, scope_oid BLOB, gn INTEGER NOT NULL,
   PRIMARY KEY(view, path)) WITHOUT ROWID;
-CREATE INDEX IF NOT EXISTS served_by_version ON served(view, ver_oid);
+DROP INDEX IF EXISTS served_by_version;
 CREATE INDEX IF NOT EXISTS served_in_order ON served(view, silo, scope_oid, path COLLATE tavrel_path);
 CREATE TABLE IF NOT EXISTS snapshot(
   view INTEGER NOT NULL, gn INTEGER NOT NULL, scope_oid BLOB NOT NULL, path TEXT NOT NULL COLLATE tavrel_path,
@@ -681,9 +681,11 @@ bool Repo::served_unchanged(int64_t view, const ServedRow& r) {
          col_oid(s, 4) == r.parent_oid && (s.i64(5) != 0) == r.checked_out && col_oid(s, 6) == r.scope_oid;
 }
 
-std::optional<std::string> Repo::served_path_of_version(int64_t view, const tbs_oid_s& ver_oid) {
-  auto s = db_.stmt("SELECT path FROM served WHERE view=? AND ver_oid=? LIMIT 1");
-  s.bind(1, view).bind_blob(2, ver_oid.bytes, 16);
+std::optional<std::string> Repo::served_path_of_version(int64_t view, const tbs_oid_s& elem_oid,
+                                                         const tbs_oid_s& ver_oid) {
+  auto s = db_.stmt("SELECT path FROM served INDEXED BY served_by_element WHERE view=? AND elem_oid=? AND ver_oid=? "
+                    "LIMIT 1");
+  s.bind(1, view).bind_blob(2, elem_oid.bytes, 16).bind_blob(3, ver_oid.bytes, 16);
   if (!s.step()) return std::nullopt;
   return s.text(0);
 }

@@ -222,7 +222,10 @@ class Repo {
   // Whether the served set already holds `r` as it is (its GN aside), so that recording it again
   // would change nothing.
   bool served_unchanged(int64_t view, const ServedRow& r);
-  std::optional<std::string> served_path_of_version(int64_t view, const tbs_oid_s& ver_oid);
+  // A path the view was served `ver_oid` (a version of element `elem_oid`) under. Found through the
+  // element: a version's OID changes at every check-in, so an index on it would be rewritten by every
+  // update that serves a new version.
+  std::optional<std::string> served_path_of_version(int64_t view, const tbs_oid_s& elem_oid, const tbs_oid_s& ver_oid);
   std::vector<ServedRow> served(int64_t view);
 
   // Sessions.

@@ -232,13 +232,14 @@ bool UpdateLedger::commit(int64_t view, int64_t gn) {
         .bind(5, SNAP_UNLOAD)
         .run();
     if (scope == AUTOMATIC_LOAD_SCOPE_OID) {
-      // Names the view held already change in place: a new version leaves the path, SILO and scope as
-      // they are, so the indexes on them are not written again. The rest go in whole.
-      db_.stmt("UPDATE served SET elem_oid=n.elem_oid, ver_oid=n.ver_oid, vstr=n.vstr, parent_oid=n.parent_oid, "
+      // Names the view held already change in place: a new version leaves the path, SILO, scope and
+      // element as they are, and the statement assigns none of them, so no index is written again. The
+      // rest (a new name, or another element under the name) go in whole.
+      db_.stmt("UPDATE served SET ver_oid=n.ver_oid, vstr=n.vstr, parent_oid=n.parent_oid, "
                "checked_out=n.checked_out, gn=n.gn FROM (SELECT path, silo, elem_oid, ver_oid, vstr, parent_oid, "
                "checked_out, gn FROM snapshot WHERE view=?1 AND gn=?2 AND scope_oid=?3 AND action<?4) n WHERE "
-               "served.view=?1 AND served.path=n.path AND served.silo=n.silo AND served.scope_oid IS ?3 AND NOT "
-               "(served.elem_oid IS n.elem_oid AND served.ver_oid IS n.ver_oid AND served.vstr IS n.vstr AND "
+               "served.view=?1 AND served.path=n.path AND served.silo=n.silo AND served.scope_oid IS ?3 AND "
+               "served.elem_oid IS n.elem_oid AND NOT (served.ver_oid IS n.ver_oid AND served.vstr IS n.vstr AND "
                "served.parent_oid IS n.parent_oid AND served.checked_out=n.checked_out)")
           .bind(1, view)
           .bind(2, gn)
@@ -248,7 +249,8 @@ bool UpdateLedger::commit(int64_t view, int64_t gn) {
       db_.stmt("INSERT OR REPLACE INTO served(view, path, silo, elem_oid, ver_oid, vstr, parent_oid, checked_out, "
                "scope_oid, gn) SELECT view, path, silo, elem_oid, ver_oid, vstr, parent_oid, checked_out, scope_oid, "
                "gn FROM snapshot n WHERE view=?1 AND gn=?2 AND scope_oid=?3 AND action<?4 AND NOT EXISTS(SELECT 1 "
-               "FROM served s WHERE s.view=n.view AND s.path=n.path AND s.silo=n.silo AND s.scope_oid IS n.scope_oid)")
+               "FROM served s WHERE s.view=n.view AND s.path=n.path AND s.silo=n.silo AND s.scope_oid IS n.scope_oid AND "
+               "s.elem_oid IS n.elem_oid)")
           .bind(1, view)
           .bind(2, gn)
           .bind_blob(3, scope.bytes, 16)

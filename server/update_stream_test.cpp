@@ -202,6 +202,18 @@ class UpdateStreamTest : public ::testing::Test {
     }
   }
 
+  // What the server holds as served to the view (once committed) names the elements the agent holds.
+  void expect_served_matches_held() {
+    srv_->store().read([&](Repo& r) {
+      tbs_uuid_s uuid;
+      tbs_str_to_uuid(view_, &uuid);
+      for (const ServedRow& row : r.served(r.view_by_uuid(uuid)->id)) {
+        ASSERT_TRUE(held_.count(row.path)) << row.path;
+        EXPECT_EQ(tbs_oid_to_str(row.elem_oid), held_[row.path].elem) << row.path;
+      }
+    });
+  }
+
   fs::path dir_;
   ServerConfig cfg_;
   std::unique_ptr<WanServer> srv_;
@@ -328,6 +340,11 @@ TEST_F(UpdateStreamTest, AutomaticScopeUpdatesAndUnloadsWhatWasServed) {
   std::vector<std::string> after = update(gn_, {});
   EXPECT_NE(std::find(after.begin(), after.end(), "update /proj/src main/2->main/3"), after.end())
       << testing::PrintToString(after);
+  // Another element under a name the view holds: once that stream is committed, the served set names it.
+  admin("elem.mkfile", ArgText().add("Path", "/proj/src").add("Replace", "1"), std::string("now a file"));
+  EXPECT_EQ(update(gn_, {}), std::vector<std::string>({"update /proj main/3->main/4", "update /proj/src main/3->main/1"}));
+  update(gn_, {});
+  expect_served_matches_held();
   // A load rule whose path is gone, and a scope with an unknown tag, are still answered (empty groups).
   update(gn_, {{"/proj/src", 0}, {"/nosuch/x", 0}}, false, &whole);
   int groups = 0;

@@ -132,7 +132,7 @@ std::optional<std::string> ViewNamespace::path_of_elem_uncached(const Silo& silo
 
 std::string ViewNamespace::path_of(const Silo& silo, const Version& dir) {
   if (view_.id != 0) {
-    if (auto p = repo_.served_path_of_version(view_.id, dir.oid)) return *p;
+    if (auto p = repo_.served_path_of_version(view_.id, repo_.element_by_id(dir.elem).oid, dir.oid)) return *p;
   }
   if (auto p = path_of_elem(silo, dir.elem, 0)) return *p;
   fail(TBS_ST_STALE, "directory version " + tbs_oid_to_str(dir.oid) + " is not reachable in this view");
@@ -148,7 +148,7 @@ Node ViewNamespace::node_for_oid(const Silo& silo, const tbs_oid_s& oid) {
     n.checked_out = v->co_view != 0 && v->co_view == view_.id;
     if (v->co_view != 0 && v->co_view != view_.id) n.checked_out = false;
     if (view_.id != 0) {
-      if (auto p = repo_.served_path_of_version(view_.id, oid)) n.path = *p;
+      if (auto p = repo_.served_path_of_version(view_.id, n.elem.oid, oid)) n.path = *p;
     }
     if (n.path.empty()) {
       if (auto p = path_of_elem(silo, n.elem.id, 0)) n.path = *p;

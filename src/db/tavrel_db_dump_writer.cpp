@@ -7,6 +7,7 @@
 #include <fcntl.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <cstdio>
 #include <cstring>
@@ -25,6 +26,7 @@
 #include "db/tavrel_db_dump.h"
 #include "db/tavrel_engine_utls.h"
 #include "db/tvr_db_store.h"
+#include "db/tvr_db_vns.h"
 
 namespace {
 
@@ -103,6 +105,10 @@ class Writer {
   bool obj(DB_ADDR silo_dba, uint32_t dbid, vns_db_obj* o);
   bool first_name(DB_ADDR silo_dba, uint32_t dbid, vns_db_dir_ver_ent* row, DB_ADDR* dba);
   tbs_oid_s elem_oid_of(DB_ADDR ver_dba, DB_ADDR silo_dba);
+  // The generation a name reads as: a name of the default scope is at least at that scope's finished one.
+  uint32_t name_gn(const vns_db_dir_ver_ent& ent) const {
+    return tvr_db_is_def_scope(ent.scope) ? std::max(ent.scope_gn, def_scope_finished_) : ent.scope_gn;
+  }
 
   DB_TASK* task_;
   std::string path_, cr_file_;
@@ -115,6 +121,7 @@ class Writer {
   int write_error_ = 0;
   std::map<DB_ADDR, tbs_uuid_s> silos_;
   std::vector<std::string> pending_slinks_;
+  uint32_t def_scope_finished_ = 0;  // set by write_scopes, which comes before the names
 };
 
 void Writer::skip(const char* record, const std::string& why) {
@@ -317,6 +324,7 @@ void Writer::write_scopes() {
       read_row(dba, &row, "VNS_DB_LR_SCOPE");
       if (row.name_len > TVR_DB_DUMP_COUNTED_MAX) throw Skip{"scope name too long"};
       std::string name = text(row.name, LR_SCOPE_NAME_INLINE, row.name_len, row.name_bytes_dba, dba);
+      if (tvr_db_is_def_scope(row.scope_oid)) def_scope_finished_ = row.finished_gn;
       std::string s = "Lr-Scope";
       oid(s, row.scope_oid);
       hex(s, row.gn);
@@ -529,7 +537,7 @@ void Writer::write_tree() {
       oid(s, o.vns_obj_oid);
       oid(s, elem_oid_of(ver_dba, silo_dba));
       oid(s, named ? ent.scope : TBS_OID_NULL);
-      hex(s, named ? ent.scope_gn : 0);
+      hex(s, named ? name_gn(ent) : 0);
       hex(s, ver.event_sec);
       hex(s, ver.event_usec);
       hex(s, named ? ent.validated : 1);
@@ -577,7 +585,7 @@ void Writer::write_tree() {
             oid(s, dir_oid);
             oid(s, o.vns_obj_oid);
             oid(s, ent.scope);
-            hex(s, ent.scope_gn);
+            hex(s, name_gn(ent));
             hex(s, l.event_sec);
             hex(s, l.event_usec);
             hex(s, ent.validated);
@@ -603,7 +611,7 @@ void Writer::write_tree() {
           oid(s, elem_oid_of(ver_dba, silo_dba));
           oid(s, o.vns_obj_oid);
           oid(s, ent.scope);
-          hex(s, ent.scope_gn);
+          hex(s, name_gn(ent));
           hex(s, o.vns_obj_mtype);
           hex(s, ver.event_sec);
           hex(s, ver.event_usec);

@@ -68,6 +68,7 @@ void schedule_idle(long delay_ms) {
 
 // Options and the flusher of a freshly opened engine.
 void after_engine_open() {
+  tvr_db_forget_scope_end_visits();
   if (g_force_write) dt_on_opt(DT_OPT_SYNC_FILES, view_db_task);
   if (getenv("ORLENTA_ZFS_OPTIMIZATION")) {
     dt_off_opt(DT_OPT_COMMIT_PATH, view_db_task);

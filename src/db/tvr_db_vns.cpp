@@ -496,6 +496,7 @@ int create_object(const create_args& a, uint32_t* dbid, tbs_oid_s* hardlink_oid,
   trace.writeTrace(TRACE_LEVEL_2, "dbid %d replaces dbid %d", *dbid, old_dbid);
   if (is_dir) {
     if ((st = tvr_db_dir_ver_update_dbid(a.silo_dba, old_dbid, *dbid, a.load_state == 2)) != 0) return st;
+    if (a.load_state == 2) note_scope_end_visit(check.entry);  // its saved state waits for the scope's end
     if (to_default && (st = tvr_db_dir_ver_reconn_sub_ver_scope(a.silo_dba, *dbid, a.scope)) != 0) return st;
   }
   if (a.mtype == SILO_MTYPE_SYMLINK) {
@@ -573,7 +574,12 @@ int tvr_db_dir_ver_ent_reconn_scope(DB_ADDR entry, DB_ADDR scope_dba) {
   tvr_db_trans_write_check();
   int st = discon(VNS_SCOPE_ENT_SET, entry, "RECONN_SCOPE");
   if (st != 0) return st;
-  return connect(VNS_SCOPE_ENT_SET, scope_dba, entry, "RECONN_SCOPE");
+  if ((st = connect(VNS_SCOPE_ENT_SET, scope_dba, entry, "RECONN_SCOPE")) != 0) return st;
+  // A name that changes scope may bring a mark or a waiting directory state to the default scope's end.
+  vns_db_dir_ver_ent row{};
+  if ((st = read(entry, &row, "RECONN_SCOPE")) != 0) return st;
+  if (row.remove_mark != 0 || row.mtype == SILO_MTYPE_DIR_VER) note_scope_end_visit(entry);
+  return 0;
 }
 
 int tvr_db_dir_ver_ent_move(DB_ADDR silo_dba, uint32_t new_dbid, DB_ADDR entry, const tbs_oid_s* scope, uint32_t gn,
@@ -627,7 +633,11 @@ int tvr_db_dir_ver_ent_update_scope(DB_ADDR entry, const tbs_oid_s* scope, uint3
     if ((st = tvr_db_dir_ver_ent_reconn_scope(entry, scope_dba)) != 0) return st;
     row.scope = new_scope;
   }
-  if (!*changed && row.scope_gn == gn) return 0;
+  if (!*changed) {
+    uint32_t now = 0;
+    if ((st = name_gn(row, &now, "DIR_VER_ENT_UPDATE_SCOPE")) != 0) return st;
+    if (now == gn) return 0;
+  }
   row.scope_gn = gn;
   if ((st = write(entry, &row, "DIR_VER_ENT_UPDATE_SCOPE")) != 0) return st;
   if (*changed && row.mtype == SILO_MTYPE_DIR_VER && hardlink_oid != nullptr) {
@@ -957,7 +967,9 @@ int tvr_db_mark_dir_ent_remove(uint32_t silo, uint32_t dir, uint32_t obj, const 
   if (obj != 0 && row.obj_dbid != obj) return TBS_ST_NOT_FOUND;
   if (row.remove_mark) return 0;
   row.remove_mark = 1;
-  return write(at, &row, "MARK_REMOVE");
+  if ((st = write(at, &row, "MARK_REMOVE")) != 0) return st;
+  note_scope_end_visit(at);
+  return 0;
 }
 
 // ---- name lookup ---------------------------------------------------------------------------------------------------
@@ -978,7 +990,7 @@ int tvr_db_vns_ver_lookup_name(uint32_t silo, uint32_t dir, const char* name, ui
   if (dbid != nullptr) *dbid = row.obj_dbid;
   if (mtype != nullptr) *mtype = static_cast<silo_mtype_t>(row.mtype);
   if (scope_oid != nullptr) *scope_oid = row.scope;
-  if (gn != nullptr) *gn = row.scope_gn;
+  if (gn != nullptr && (st = name_gn(row, gn, "DIR_VER_ENT_NAME_LOOKUP")) != 0) return st;
   if (!row.validated) {
     trace.writeTrace(TRACE_LEVEL_4, "found dir_ver_ent dbid %d not valid", row.obj_dbid);
     return TBS_ST_REVALIDATE;

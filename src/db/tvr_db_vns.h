@@ -138,12 +138,18 @@ int tvr_db_scope_get_elements(const tbs_oid_s& oid, std::vector<tavrel_scope_ele
 // scope takes finished gn and state 0; with `use_saved` a directory's saved state 3 becomes rddir_done 1.
 // end_lr_scope_update: names with the remove mark go (files first, then directories, children before
 // parents); the others take gn and their directories' saved states take effect; then finished gn, state 0.
+// The default scope's names take gn through the scope's finished generation (see
+// vns_db_dir_ver_ent::scope_gn), so its end costs the marked names, not every name it holds; it walks the
+// scope only when this process has not seen every mark its names may carry (its first end after an open).
 int tvr_db_begin_lr_scope_load(const tbs_oid_s& oid, uint32_t gn);
 int tvr_db_begin_lr_scope_update(const tbs_oid_s& oid, uint32_t gn);
 int tvr_db_begin_def_scope(uint32_t gn);
 int tvr_db_end_lr_scope_load(const tbs_oid_s& oid, uint32_t gn, int set_gn, int use_saved);
 int tvr_db_end_lr_scope_update(const tbs_oid_s& oid, uint32_t gn);
 int tvr_db_end_def_scope(uint32_t gn);
+// Forgets which names this process saw marked or changed; the next end of the default scope walks it.
+// Called at every open of the database.
+void tvr_db_forget_scope_end_visits();
 int tvr_db_begin_def_scope_silo_load(const tbs_uuid_s& uuid, uint32_t gn);    // 0 at once
 int tvr_db_end_def_scope_silo_load(const tbs_uuid_s& uuid, uint32_t gn);      // 0 at once
 int tvr_db_begin_def_scope_silo_update(const tbs_uuid_s& uuid, uint32_t gn);  // 0 at once

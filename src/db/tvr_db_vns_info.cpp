@@ -205,8 +205,7 @@ int tvr_db_get_ver_scope_oid(uint32_t silo, uint32_t dbid, tbs_oid_s* scope_oid,
   DB_ADDR at = 0;
   if ((st = first_name(silo_dba, dbid, &row, &at)) != 0) return st;
   if (scope_oid != nullptr) *scope_oid = row.scope;
-  if (gn != nullptr) *gn = row.scope_gn;
-  return 0;
+  return gn != nullptr ? name_gn(row, gn, "VER_SCOPE_GET") : 0;
 }
 
 int tvr_db_ver_get_parent(uint32_t silo, uint32_t dbid, uint32_t* parent) {

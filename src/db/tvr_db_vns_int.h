@@ -65,6 +65,13 @@ int def_scope_dba(DB_ADDR* dba, const char* label);
 // The row of `scope` (null = default): 1002 when absent.
 int scope_dba_of(const tbs_oid_s* scope, DB_ADDR* dba, const char* label);
 const tbs_oid_s& scope_oid_of(const tbs_oid_s* scope);
+// The generation a name row reads as (see vns_db_dir_ver_ent::scope_gn): its own, or for a name of the
+// default scope the scope's finished generation when that is later.
+int name_gn(const vns_db_dir_ver_ent& row, uint32_t* gn, const char* label);
+// Tells the end of the default scope to visit the name row at `entry`: it was just given the remove mark,
+// its directory was just given a saved state, or it just changed scope. Call in the write transaction that
+// does it.
+void note_scope_end_visit(DB_ADDR entry);
 
 // Identity row by (silo, dbid) / (silo, oid).
 int obj_by_dbid(DB_ADDR silo_dba, uint32_t dbid, vns_db_obj* obj, bool* found, DB_ADDR* dba = nullptr);

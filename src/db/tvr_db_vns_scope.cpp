@@ -59,7 +59,7 @@ int finish_op(DB_ADDR dba, uint32_t gn, bool keep_state, const char* label) {
 
 // Applies a directory's saved rddir state at the end of a scope operation. `load`: the end of a load (only
 // state 3 moves); otherwise the end of an update (every state moves).
-int move_saved_state(DB_ADDR silo_dba, uint32_t dbid, bool load, const char* label) {
+int move_saved_state(DB_ADDR silo_dba, uint32_t dbid, bool load, const char* label, bool* moved = nullptr) {
   Tavrel_Trace trace(TAVREL_DB, "", "move_saved_state");
   vns_db_dir_ver dir{};
   bool found = false;
@@ -67,6 +67,7 @@ int move_saved_state(DB_ADDR silo_dba, uint32_t dbid, bool load, const char* lab
   int st = read_by_dbid(VNS_DIR_VER_KEY, silo_dba, dbid, &dir, &found, &dba, label);
   if (st != 0 || !found) return st;
   if (dir.saved_rddir_state == 0 || (load && dir.saved_rddir_state != 3)) return 0;
+  if (moved != nullptr) *moved = true;
   trace.writeTrace(TRACE_LEVEL_4, "nsdir ver dbid %d old done=%d old save=%d", dbid, dir.rddir_done,
                    dir.saved_rddir_state);
   bool done = dir.saved_rddir_state == 2 || dir.saved_rddir_state == 3;
@@ -469,13 +470,93 @@ int tvr_db_end_lr_scope_load(const tbs_oid_s& oid, uint32_t gn, int set_gn, int 
   return finish_op(scope_dba, gn, false, "END_LR_SCOPE_LOAD");
 }
 
+namespace {
+
+// The name rows the end of the default scope must visit, as this process saw them: names given the remove
+// mark, directories given a saved state by an update, names that changed scope. `g_visits_complete` says
+// that the list covers every such name of the default scope; it is false after an open, when an update
+// that never ended may have left marks behind, and the next end walks the scope instead. Both are touched
+// only inside write transactions, which the engine runs one at a time.
+//
+// An entry may be stale (its transaction was aborted, its row is gone or holds another name now): each is
+// read before it is trusted. The end keeps the entries it had work for, so if its transaction is aborted
+// the next end finds them again; the end after that drops them, their work done.
+std::vector<DB_ADDR> g_visits;
+bool g_visits_complete = false;
+
+// Visits the listed names of the default scope: a directory's saved state takes effect, and marked names
+// are gathered into `doomed`, in the order they were marked. Names of an update are marked in the
+// stream's path order, parents before children, which is what the removal of directories from the back
+// of the list needs.
+int visit_default_names(std::vector<DB_ADDR>* doomed) {
+  std::vector<DB_ADDR> keep;
+  std::set<DB_ADDR> seen;
+  for (DB_ADDR at : g_visits) {
+    if (!seen.insert(at).second) continue;
+    vns_db_dir_ver_ent row{};
+    bool gone = false;
+    int st = read(at, &row, "END_LR_SCOPE_UPDATE", &gone);
+    if (st != 0) return st;
+    if (gone || !tvr_db_is_def_scope(row.scope)) continue;
+    if (row.remove_mark != 0) {
+      doomed->push_back(at);
+      keep.push_back(at);
+    } else if (row.mtype == SILO_MTYPE_DIR_VER) {
+      bool moved = false;
+      if ((st = move_saved_state(row.silo_dba, row.obj_dbid, false, "MOVE_SAVED_READDIR", &moved)) != 0) return st;
+      if (moved) keep.push_back(at);
+    }
+  }
+  g_visits.swap(keep);
+  return 0;
+}
+
+}  // namespace
+
+void tvr_vns::note_scope_end_visit(DB_ADDR entry) { g_visits.push_back(entry); }
+
+void tvr_db_forget_scope_end_visits() {
+  g_visits.clear();
+  g_visits_complete = false;
+}
+
+int tvr_vns::name_gn(const vns_db_dir_ver_ent& row, uint32_t* gn, const char* label) {
+  *gn = row.scope_gn;
+  if (!tvr_db_is_def_scope(row.scope)) return 0;
+  vns_db_lr_scope scope{};
+  DB_ADDR dba = 0;
+  int st = scope_row(AUTOMATIC_LOAD_SCOPE_OID, &scope, &dba, label);
+  if (st == TBS_ST_NOT_FOUND) return tvr_engine_err("D_KEYFIND", label, S_NOTFOUND);
+  if (st != 0) return st;
+  *gn = std::max(row.scope_gn, scope.finished_gn);
+  return 0;
+}
+
 int tvr_db_end_lr_scope_update(const tbs_oid_s& oid, uint32_t gn) {
   tvr_db_trans_write_check();
   DB_ADDR scope_dba = 0;
+  std::vector<DB_ADDR> doomed;
+  if (tvr_db_is_def_scope(oid)) {
+    // The names take gn through the scope's finished generation; only the marked ones need a visit.
+    int st = def_scope_dba(&scope_dba, "END_LR_SCOPE_UPDATE");
+    if (st != 0) return st;
+    if (!g_visits_complete) {
+      std::vector<DB_ADDR> rows;
+      if ((st = members(VNS_SCOPE_ENT_SET, scope_dba, &rows, "END_LR_SCOPE_UPDATE")) != 0) return st;
+      for (DB_ADDR at : rows) {
+        vns_db_dir_ver_ent row{};
+        if ((st = read(at, &row, "END_LR_SCOPE_UPDATE")) != 0) return st;
+        if (row.remove_mark != 0 || row.mtype == SILO_MTYPE_DIR_VER) g_visits.push_back(at);
+      }
+      g_visits_complete = true;
+    }
+    if ((st = visit_default_names(&doomed)) != 0) return st;
+    if ((st = remove_rows(doomed, false, "SCOPE_REMOVE_VER")) != 0) return st;
+    return finish_op(scope_dba, gn, true, "END_LR_SCOPE_UPDATE");
+  }
   std::vector<DB_ADDR> rows;
   int st = scope_rows(oid, &scope_dba, &rows, "END_LR_SCOPE_UPDATE");
   if (st != 0) return st;
-  std::vector<DB_ADDR> doomed;
   for (DB_ADDR at : rows) {
     vns_db_dir_ver_ent row{};
     if ((st = read(at, &row, "END_LR_SCOPE_UPDATE")) != 0) return st;
@@ -492,7 +573,7 @@ int tvr_db_end_lr_scope_update(const tbs_oid_s& oid, uint32_t gn) {
     }
   }
   if ((st = remove_rows(doomed, false, "SCOPE_REMOVE_VER")) != 0) return st;
-  return finish_op(scope_dba, gn, tvr_db_is_def_scope(oid), "END_LR_SCOPE_UPDATE");
+  return finish_op(scope_dba, gn, false, "END_LR_SCOPE_UPDATE");
 }
 
 int tvr_db_end_def_scope(uint32_t gn) { return tvr_db_end_lr_scope_update(AUTOMATIC_LOAD_SCOPE_OID, gn); }

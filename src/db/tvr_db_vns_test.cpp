@@ -4,6 +4,9 @@
 
 #include <gtest/gtest.h>
 
+#include <sys/wait.h>
+#include <unistd.h>
+
 #include <functional>
 #include <map>
 #include <random>
@@ -269,6 +272,62 @@ TEST_F(VnsTest, RemoveMarksTakeEffectAtTheEndOfTheUpdate) {
   ASSERT_EQ(read([&] { return tvr_db_get_def_scope_gn(&gn); }), 0);
   EXPECT_EQ(gn, 3u);
   check("after update");
+}
+
+// The end of the default scope visits the names this process saw marked or replaced, so what an update
+// left before the database was opened again (a mark, a replaced directory's waiting state) must still be
+// found; an end whose transaction is aborted leaves its work to the next one; names the end did not
+// visit read its generation.
+TEST_F(VnsTest, DefaultScopeEndFindsWhatAnEarlierOpenLeft) {
+  tbs_uuid_s replica{};
+  ASSERT_EQ(read([&] { return tvr_db_silo_get_uuid(silo_, &replica); }), 0);
+  int r = root(1, 2);
+  int top = add(r, "top", 3, 4, true);
+  ASSERT_GT(add(top, "a", 5, 6, false), 0);
+  ASSERT_GT(add(top, "b", 7, 8, false), 0);
+  int lib = add(r, "lib", 9, 10, true);
+  ASSERT_GT(add(lib, "x.h", 11, 12, false), 0);
+  ASSERT_EQ(write([&] { return tvr_db_ver_set_load_done(silo_, lib, 1); }), 0);
+  ASSERT_EQ(tavrel_db_begin_def_scope(2), 0);
+  ASSERT_EQ(tavrel_db_end_def_scope(2), 0);  // from here on this process has seen every mark it made
+  ASSERT_EQ(tvr_db_close_db(), 0);
+  pid_t pid = fork();
+  if (pid == 0) {  // another agent: it marks a name and replaces a directory, and stops before the end
+    int created = 0;
+    bool ok = tavrel_db_init(&created) == 0 && tavrel_db_begin_def_scope(3) == 0 &&
+              tavrel_db_ver_mark_remove(replica, oid(3), oid(6), "a") == 0 &&
+              add(r, "lib", 9, 100, true, nullptr, 3, 2) > 0 && tvr_db_close_db() == 0;
+    _exit(ok ? 0 : 1);
+  }
+  int status = -1;
+  ASSERT_EQ(waitpid(pid, &status, 0), pid);
+  ASSERT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 0);
+  int created = 0;
+  ASSERT_EQ(tavrel_db_init(&created), 0);
+  uint32_t lib2 = 0;
+  ASSERT_EQ(lookup(r, "lib", &lib2), 0);
+  ASSERT_EQ(dir_state(lib2).saved, 2);
+  ASSERT_EQ(tavrel_db_begin_def_scope(3), 0);
+  ASSERT_EQ(tavrel_db_end_def_scope(3), 0);
+  EXPECT_EQ(tree(r), (std::map<std::string, uint32_t>{{"top", 4}, {"top/b", 8}, {"lib", 100}, {"lib/x.h", 12}}));
+  EXPECT_EQ(dir_state(lib2).done, 1);
+  EXPECT_EQ(lookup(lib2, "x.h"), 0);
+  ASSERT_EQ(tavrel_db_begin_def_scope(4), 0);
+  ASSERT_EQ(tavrel_db_ver_mark_remove(replica, oid(3), oid(8), "b"), 0);
+  EXPECT_EQ(write([&] {
+              int st = tvr_db_end_def_scope(4);
+              return st != 0 ? st : TBS_ST_INTERNAL;  // aborted after the work
+            }),
+            TBS_ST_INTERNAL);
+  EXPECT_EQ(tree(top), (std::map<std::string, uint32_t>{{"b", 8}}));
+  ASSERT_EQ(tavrel_db_end_def_scope(4), 0);
+  EXPECT_EQ(tree(top), (std::map<std::string, uint32_t>{}));
+  uint32_t gn = 0;
+  ASSERT_EQ(read([&] { return tvr_db_vns_ver_lookup_name(silo_, lib2, "x.h", nullptr, nullptr, nullptr, &gn); }), 0);
+  EXPECT_EQ(gn, 4u);
+  ASSERT_EQ(read([&] { return tvr_db_get_ver_scope_oid(silo_, top, nullptr, &gn); }), 0);
+  EXPECT_EQ(gn, 4u);
+  check("after the updates");
 }
 
 // A load that never reached its end leaves the scope at state 1, which after a restart lists it as

@@ -386,6 +386,9 @@ struct vns_db_dir_ver {
 };
 static_assert(sizeof(vns_db_dir_ver) == 20);
 
+// scope_gn is the generation the name last took. A name of the default scope reads as the later of it and
+// the default scope's finished generation: the end of that scope moves the scope's finished generation
+// instead of writing every name it holds. Load scopes write it into every name.
 struct vns_db_dir_ver_ent {
   DB_ADDR silo_dba;
   DB_ADDR name_bytes_dba;
