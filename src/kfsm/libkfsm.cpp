@@ -35,6 +35,8 @@ struct Handle {
     uint32_t infolen;
   };
   std::deque<Posted> posted;
+  // Packets of posted commands not sent yet (see flush_posts).
+  std::vector<std::string> corked;
 };
 
 constexpr size_t kMaxHandles = 4096;
@@ -94,6 +96,14 @@ int send_request(Handle* h, uint16_t type, const std::string& body, uint32_t* se
   if (h->broken) return ECONNRESET;
   *seq = ++h->seq;
   int e = kfsm_frame_send(h->fd, type, *seq, body);
+  return e == 0 ? 0 : broke(h, e);
+}
+
+// Sends the posted commands gathered so far, in one call. 0 or an errno; a failure breaks the handle.
+int flush_posts(Handle* h) {
+  if (h->corked.empty()) return 0;
+  int e = h->broken ? ECONNRESET : kfsm_frames_send(h->fd, h->corked);
+  h->corked.clear();
   return e == 0 ? 0 : broke(h, e);
 }
 
@@ -259,7 +269,10 @@ void kfsm_view_root_close_type(int, int handle) {
     if (handle <= 0 || size_t(handle) > g_handles.size()) return;
     h = std::move(g_handles[handle - 1]);
   }
-  if (h && h->fd >= 0) close(h->fd);
+  if (h && h->fd >= 0) {
+    flush_posts(h.get());  // the module daemon still carries out what was posted
+    close(h->fd);
+  }
 }
 
 void kfsm_mcb_cmd(int handle, kfsmcmd_block* block, int* err) {
@@ -290,11 +303,20 @@ void kfsm_mcb_post(int handle, kfsmcmd_block* block, int* err) {
     *err = EAGAIN;
     return;
   }
-  std::string image;
-  uint32_t seq = 0;
-  int e = kfsm_command_encode(*block, &image);
-  if (e == 0) e = send_request(h, KFSM_FRAME_MCB, image, &seq);
-  if (e == 0) h->posted.push_back({seq, block->cmd, block->infolen});
+  // A daemon that has gone shows now, while the caller can still send this command on a new handle;
+  // the look costs no wake-up of the daemon, which a send would.
+  struct pollfd p = {h->fd, POLLOUT, 0};
+  if (!h->broken && poll(&p, 1, 0) > 0 && (p.revents & (POLLHUP | POLLERR))) broke(h, ECONNRESET);
+  std::string image, packet;
+  int e = h->broken ? ECONNRESET : kfsm_command_encode(*block, &image);
+  const uint32_t seq = h->seq + 1;
+  if (e == 0) e = kfsm_frame_image(KFSM_FRAME_MCB, seq, image, &packet);
+  if (e == 0) {
+    h->seq = seq;
+    h->corked.push_back(std::move(packet));
+    h->posted.push_back({seq, block->cmd, block->infolen});
+    if (h->corked.size() >= size_t(KFSM_POST_BATCH)) e = flush_posts(h);
+  }
   *err = e;
 }
 
@@ -303,6 +325,7 @@ int kfsm_mcb_collect(int handle, bool wait, int* status) {
   if (!h) return EBADF;
   if (h->posted.empty()) return EAGAIN;
   if (h->broken) return ECONNRESET;
+  if (int e = flush_posts(h)) return e;
   const Handle::Posted p = h->posted.front();
   kfsm_frame answer;
   int e = take_answer(h, p.seq, KFSM_FRAME_MCB + 1, wait, &answer);

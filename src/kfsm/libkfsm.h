@@ -48,7 +48,12 @@ void kfsm_mcb_cmd(int handle, kfsmcmd_block* block, int* err);
 // (then kfsm_mcb_post gives EAGAIN); kfsm_mcb_cmd and kfsm_cmd on a handle with outstanding commands
 // give EBUSY. Commands with outputs (stat, root, suffix, LPC) cannot be posted (EINVAL). A transport
 // failure breaks the handle as for kfsm_mcb_cmd, and the outstanding answers are lost with it.
+// Posted commands go KFSM_POST_BATCH at a time in one call (one wake-up of the daemon for all of them);
+// fewer are sent when an answer is collected and when the handle is closed, so a command may wait in
+// the sender until one of those. A post on a handle whose daemon has gone fails at once (ECONNRESET),
+// as a send would have; the commands still waiting in the sender are lost with the handle.
 constexpr int KFSM_MAX_POSTED = 32;
+constexpr int KFSM_POST_BATCH = 16;
 void kfsm_mcb_post(int handle, kfsmcmd_block* block, int* err);
 // The oldest outstanding answer: 0 with its command's status in *status; EAGAIN when nothing is
 // outstanding, or when `wait` is false and that answer has not come yet; otherwise the failure of the

@@ -40,14 +40,22 @@ int kfsm_listen(const std::string& path, unsigned mode, int backlog, int* fd) {
   return 0;
 }
 
-int kfsm_frame_send(int fd, uint16_t type, uint32_t seq, const std::string& body) {
-  if (body.size() > KFSM_FRAME_MAX_BODY) return EMSGSIZE;
-  uint8_t hdr[KFSM_FRAME_HDR];
+namespace {
+
+void put_header(uint8_t* hdr, uint16_t type, uint32_t seq, size_t body_len) {
   kfsm_put_u32(hdr, KFSM_WIRE_MAGIC);
   kfsm_put_u16(hdr + 4, KFSM_WIRE_VERSION);
   kfsm_put_u16(hdr + 6, type);
-  kfsm_put_u32(hdr + 8, static_cast<uint32_t>(body.size()));
+  kfsm_put_u32(hdr + 8, static_cast<uint32_t>(body_len));
   kfsm_put_u32(hdr + 12, seq);
+}
+
+}  // namespace
+
+int kfsm_frame_send(int fd, uint16_t type, uint32_t seq, const std::string& body) {
+  if (body.size() > KFSM_FRAME_MAX_BODY) return EMSGSIZE;
+  uint8_t hdr[KFSM_FRAME_HDR];
+  put_header(hdr, type, seq, body.size());
   struct iovec iov[2] = {{hdr, sizeof hdr}, {const_cast<char*>(body.data()), body.size()}};
   struct msghdr msg;
   memset(&msg, 0, sizeof msg);
@@ -58,6 +66,38 @@ int kfsm_frame_send(int fd, uint16_t type, uint32_t seq, const std::string& body
     if (n >= 0) return size_t(n) == sizeof hdr + body.size() ? 0 : EIO;
     if (errno != EINTR) return errno;
   }
+}
+
+int kfsm_frame_image(uint16_t type, uint32_t seq, const std::string& body, std::string* out) {
+  if (body.size() > KFSM_FRAME_MAX_BODY) return EMSGSIZE;
+  uint8_t hdr[KFSM_FRAME_HDR];
+  put_header(hdr, type, seq, body.size());
+  out->assign(reinterpret_cast<const char*>(hdr), sizeof hdr);
+  out->append(body);
+  return 0;
+}
+
+int kfsm_frames_send(int fd, const std::vector<std::string>& packets) {
+  std::vector<struct iovec> iov(packets.size());
+  std::vector<struct mmsghdr> msgs(packets.size());
+  for (size_t i = 0; i < packets.size(); ++i) {
+    iov[i] = {const_cast<char*>(packets[i].data()), packets[i].size()};
+    memset(&msgs[i], 0, sizeof msgs[i]);
+    msgs[i].msg_hdr.msg_iov = &iov[i];
+    msgs[i].msg_hdr.msg_iovlen = 1;
+  }
+  size_t done = 0;
+  while (done < packets.size()) {
+    int n = sendmmsg(fd, msgs.data() + done, static_cast<unsigned>(packets.size() - done), MSG_NOSIGNAL);
+    if (n < 0) {
+      if (errno == EINTR) continue;
+      return errno;
+    }
+    for (int i = 0; i < n; ++i)
+      if (msgs[done + i].msg_len != packets[done + i].size()) return EIO;
+    done += static_cast<size_t>(n);
+  }
+  return 0;
 }
 
 int kfsm_frame_recv(int fd, kfsm_frame* out, bool dontwait) {

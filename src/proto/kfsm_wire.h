@@ -25,6 +25,7 @@
 #include <cstddef>
 #include <cstdint>
 #include <string>
+#include <vector>
 
 constexpr uint32_t KFSM_WIRE_MAGIC = 0x4B425654;
 constexpr uint16_t KFSM_WIRE_VERSION = 1;
@@ -61,6 +62,12 @@ struct kfsm_frame {
 
 // Sends one frame as one packet (never raising SIGPIPE). 0 or an errno.
 int kfsm_frame_send(int fd, uint16_t type, uint32_t seq, const std::string& body);
+// The packet of one frame, for kfsm_frames_send: its header, then `body`. EMSGSIZE for a body over the
+// limit, else 0.
+int kfsm_frame_image(uint16_t type, uint32_t seq, const std::string& body, std::string* out);
+// Sends the packets in order, as many per call as the socket takes (sendmmsg), each one whole. 0 or an
+// errno; after a failure, how many went is unknown.
+int kfsm_frames_send(int fd, const std::vector<std::string>& packets);
 // Receives one packet. 0; ECONNRESET at the end of the stream; EPROTO for a packet that is not a
 // well-formed frame (short, truncated, wrong magic, version or length); or the errno of recv. With
 // `dontwait` a socket with nothing queued answers EAGAIN at once.
