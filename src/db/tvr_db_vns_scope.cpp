@@ -476,7 +476,7 @@ namespace {
 // mark, directories given a saved state by an update, names that changed scope. `g_visits_complete` says
 // that the list covers every such name of the default scope; it is false after an open, when an update
 // that never ended may have left marks behind, and the next end walks the scope instead. Both are touched
-// only inside write transactions, which the engine runs one at a time.
+// inside write transactions, which the engine runs one at a time, and at an open, under the engine's mutex.
 //
 // An entry may be stale (its transaction was aborted, its row is gone or holds another name now): each is
 // read before it is trusted. The end keeps the entries it had work for, so if its transaction is aborted
