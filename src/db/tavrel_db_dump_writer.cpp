@@ -7,7 +7,6 @@
 #include <fcntl.h>
 #include <unistd.h>
 
-#include <algorithm>
 #include <cerrno>
 #include <cstdio>
 #include <cstring>
@@ -105,10 +104,6 @@ class Writer {
   bool obj(DB_ADDR silo_dba, uint32_t dbid, vns_db_obj* o);
   bool first_name(DB_ADDR silo_dba, uint32_t dbid, vns_db_dir_ver_ent* row, DB_ADDR* dba);
   tbs_oid_s elem_oid_of(DB_ADDR ver_dba, DB_ADDR silo_dba);
-  // The generation a name reads as: a name of the default scope is at least at that scope's finished one.
-  uint32_t name_gn(const vns_db_dir_ver_ent& ent) const {
-    return tvr_db_is_def_scope(ent.scope) ? std::max(ent.scope_gn, def_scope_finished_) : ent.scope_gn;
-  }
 
   DB_TASK* task_;
   std::string path_, cr_file_;
@@ -537,7 +532,7 @@ void Writer::write_tree() {
       oid(s, o.vns_obj_oid);
       oid(s, elem_oid_of(ver_dba, silo_dba));
       oid(s, named ? ent.scope : TBS_OID_NULL);
-      hex(s, named ? name_gn(ent) : 0);
+      hex(s, named ? tvr_db_name_gn(ent, def_scope_finished_) : 0);
       hex(s, ver.event_sec);
       hex(s, ver.event_usec);
       hex(s, named ? ent.validated : 1);
@@ -585,7 +580,7 @@ void Writer::write_tree() {
             oid(s, dir_oid);
             oid(s, o.vns_obj_oid);
             oid(s, ent.scope);
-            hex(s, name_gn(ent));
+            hex(s, tvr_db_name_gn(ent, def_scope_finished_));
             hex(s, l.event_sec);
             hex(s, l.event_usec);
             hex(s, ent.validated);
@@ -611,7 +606,7 @@ void Writer::write_tree() {
           oid(s, elem_oid_of(ver_dba, silo_dba));
           oid(s, o.vns_obj_oid);
           oid(s, ent.scope);
-          hex(s, name_gn(ent));
+          hex(s, tvr_db_name_gn(ent, def_scope_finished_));
           hex(s, o.vns_obj_mtype);
           hex(s, ver.event_sec);
           hex(s, ver.event_usec);

@@ -147,6 +147,11 @@ int tvr_db_begin_def_scope(uint32_t gn);
 int tvr_db_end_lr_scope_load(const tbs_oid_s& oid, uint32_t gn, int set_gn, int use_saved);
 int tvr_db_end_lr_scope_update(const tbs_oid_s& oid, uint32_t gn);
 int tvr_db_end_def_scope(uint32_t gn);
+// The generation a name row reads as, given the default scope's finished generation (see
+// vns_db_dir_ver_ent::scope_gn).
+inline uint32_t tvr_db_name_gn(const vns_db_dir_ver_ent& row, uint32_t def_scope_finished) {
+  return tvr_db_is_def_scope(row.scope) && def_scope_finished > row.scope_gn ? def_scope_finished : row.scope_gn;
+}
 // Forgets which names this process saw marked or changed; the next end of the default scope walks it.
 // Called at every open of the database.
 void tvr_db_forget_scope_end_visits();

@@ -528,7 +528,7 @@ int tvr_vns::name_gn(const vns_db_dir_ver_ent& row, uint32_t* gn, const char* la
   int st = scope_row(AUTOMATIC_LOAD_SCOPE_OID, &scope, &dba, label);
   if (st == TBS_ST_NOT_FOUND) return tvr_engine_err("D_KEYFIND", label, S_NOTFOUND);
   if (st != 0) return st;
-  *gn = std::max(row.scope_gn, scope.finished_gn);
+  *gn = tvr_db_name_gn(row, scope.finished_gn);
   return 0;
 }
 
