@@ -91,6 +91,9 @@ class NsLookup : public dbtest::DbTest {
     makehandle(root, 0, &root_fh_);
     root_oid_ = root->oid;
     obj_free(root);
+    // The login went over a connection of its own, and the server logs a request after its answer is
+    // out: wait for its entry, or it could land after the first mark and count as the test's.
+    ASSERT_TRUE(logged("Tavrel_Orlen::login_rpc"));
     mark();
   }
   void TearDown() override {
@@ -110,6 +113,14 @@ class NsLookup : public dbtest::DbTest {
     DbTest::TearDown();
   }
 
+  bool logged(const std::string& rpc) {
+    for (int i = 0; i < 1000; i++) {
+      for (const auto& e : server_->log().since(0))
+        if (e.rpc == rpc) return true;
+      std::this_thread::sleep_for(std::chrono::milliseconds(10));
+    }
+    return false;
+  }
   // What reached the server since the last mark. The server logs a request once its answer is out, so
   // a mark is a request of the test's own, sent through the agent's WAN session after everything the
   // agent sent before, whose entry the log must show: a Lookup of a name nobody else asks for.
