@@ -5,6 +5,7 @@
 #include <sys/time.h>
 #include <unistd.h>
 
+#include <cerrno>
 #include <cstdarg>
 #include <cstdio>
 
@@ -31,11 +32,15 @@ bool Tavrel_Log_Base::append_line(const std::string& line) {
   trace.writeTrace(TRACE_LEVEL_5, "View dir = %s, log dir = %s, log path = %s", m_view_dir.c_str(), m_log_dir.c_str(),
                    m_log_path.c_str());
   std::lock_guard<Tavrel_Mutex> g(m_mutex);
-  struct stat st;
-  if (stat(m_view_dir.c_str(), &st) != 0) return false;
-  if (stat(m_log_dir.c_str(), &st) != 0 && fileutl_mkpath(m_log_dir, 0700) != 0) return false;
-  // Owner-only, and never through a symbolic link planted at the log's name.
-  int fd = open(m_log_path.c_str(), O_WRONLY | O_APPEND | O_CREAT | O_CLOEXEC | O_NOFOLLOW, 0600);
+  // Owner-only, and never through a symbolic link planted at the log's name. The log directory is made
+  // when it is missing, but only inside a view directory that still exists.
+  auto open_log = [&] { return open(m_log_path.c_str(), O_WRONLY | O_APPEND | O_CREAT | O_CLOEXEC | O_NOFOLLOW, 0600); };
+  int fd = open_log();
+  if (fd < 0 && errno == ENOENT) {
+    struct stat st;
+    if (stat(m_view_dir.c_str(), &st) != 0 || fileutl_mkpath(m_log_dir, 0700) != 0) return false;
+    fd = open_log();
+  }
   if (fd < 0) return false;
   trace.writeTrace(TRACE_LEVEL_5, "Writing %s to log", line.c_str());
   const bool ok = sysutl_write_all(fd, line.data(), line.size()) == static_cast<ssize_t>(line.size());

@@ -7,10 +7,12 @@
 
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <cstring>
 #include <map>
 #include <random>
 #include <set>
+#include <vector>
 
 #include "db/rec/dt.h"
 #include "db/rec/io.h"
@@ -132,19 +134,34 @@ class Journal : public ::testing::Test {
   }
 
   std::map<std::string, std::string> snap_cache;
-  // The journal up to its header length (the file keeps zeroed space beyond it).
+  // The journal up to its header length (the file keeps space beyond it).
   std::string journal_image() {
     std::string j = rectest::read_file(dir.file("tavrel_db.tjf"));
-    if (j.size() < 28) return j;
-    for (size_t i = u32(j, 8); i < j.size(); i++)
-      if (j[i] != 0) ADD_FAILURE() << "non-zero byte beyond the journal's end at " << i;
-    return j.substr(0, u32(j, 8));
+    return j.size() < 28 ? j : j.substr(0, u32(j, 8));
   }
 
   rectest::TempDir dir;
   DB_TASK* t = nullptr;
   std::vector<std::unique_ptr<rectest::TempDir>> snaps;
 };
+
+// The data checksum is 0x1eaf plus the byte sum, cut to 16 bits, at every length and alignment; a run of
+// 0xff bytes is the worst case for the word-at-a-time sum.
+TEST(JournalChecksum, ByteSumAtEveryLengthAndAlignment) {
+  std::vector<uint8_t> buf(9000);
+  uint32_t x = 12345;
+  for (auto& b : buf) b = (uint8_t)((x = x * 1103515245 + 12345) >> 16);
+  auto reference = [](const uint8_t* p, size_t n) {
+    uint32_t s = 0x1eaf;
+    for (size_t i = 0; i < n; i++) s += p[i];
+    return (uint16_t)s;
+  };
+  for (size_t align = 0; align < 8; align++)
+    for (size_t n : {0, 1, 7, 8, 9, 63, 64, 511, 512, 513, 520, 4095, 4096, 8191})
+      EXPECT_EQ(tjf_data_checksum(buf.data() + align, n), reference(buf.data() + align, n)) << align << " " << n;
+  std::fill(buf.begin(), buf.end(), 0xff);
+  EXPECT_EQ(tjf_data_checksum(buf.data(), 8192), (uint16_t)(0x1eaf + 8192 * 255));
+}
 
 TEST_F(Journal, FormatOfACommittedTransaction) {
   txn(0);
@@ -186,10 +203,11 @@ TEST_F(Journal, FormatOfACommittedTransaction) {
     i++;
   }
   EXPECT_EQ(u32(j, 16), tx - 1) << "header holds the last issued number";
-  // A checkpoint empties the journal and keeps the counter.
+  // A checkpoint empties the journal and keeps the counter, and the file's space.
+  const size_t space = rectest::read_file(dir.file("tavrel_db.tjf")).size();
   ASSERT_EQ(dt_syncfiles(t), 0);
   j = rectest::read_file(dir.file("tavrel_db.tjf"));
-  EXPECT_EQ(j.size(), 28u) << "a checkpoint truncates the journal";
+  EXPECT_EQ(j.size(), space);
   EXPECT_EQ(u32(j, 8), 28u);
   EXPECT_EQ(u32(j, 16), tx - 1);
   // The control file names every database file by slot.
@@ -290,6 +308,24 @@ TEST_F(Journal, StaleEntriesOfAnEarlierCycleAreNeverApplied) {
   EXPECT_TRUE(cap.contains("Ignoring remaining bytes"));
   // Old entries beyond the header length are not even read.
   EXPECT_EQ(reopen_with(snap, j + old.substr(28), &j), want);
+}
+
+// After a checkpoint the file keeps its space with the old entries in it; a shorter journal written
+// over them is recovered alone.
+TEST_F(Journal, OldEntriesLeftByACheckpointAreNeverRead) {
+  txn(0);
+  txn(1);
+  txn(2);
+  const std::string old = journal_image();
+  std::string snap = snapshot();
+  txn(3);
+  std::string want = rectest::dump(t);
+  std::string j = journal_image();
+  std::string file = rectest::read_file(dir.file("tavrel_db.tjf"));
+  ASSERT_LT(j.size(), old.size());
+  EXPECT_EQ(file.substr(j.size(), old.size() - j.size()), old.substr(j.size())) << "old entries follow the end";
+  dt_crash(t);
+  EXPECT_EQ(reopen_with(snap, file, &j), want);
 }
 
 TEST_F(Journal, MalformedJournalOrControlFileFailsTheOpen) {
