@@ -79,6 +79,7 @@ SqliteDb::SqliteDb(const std::string& path, bool create) {
   exec("PRAGMA synchronous=NORMAL");
   exec("PRAGMA foreign_keys=ON");
   exec("PRAGMA cache_size=-16000");
+  exec("PRAGMA temp_store=MEMORY");  // statement journals and sorts of a commit stay off the disk
   exec("PRAGMA mmap_size=1073741824");  // large contents are read through the map, not page by page
 }
 

@@ -3,13 +3,14 @@
 
 Usage: timed_update.py TAVREL VIEW OUT_JSON [--rss PID] [--lookups NAMES]
 
-The update log is followed by its size (one stat every 20 ms); only the bytes it gained are read, so the
-poll costs next to nothing however long the log grows. With --rss the agent's VmRSS is read at each poll.
+The update log is followed by its size (one stat every 2 ms); only the bytes it gained are read, so the
+poll costs next to nothing however long the log grows, and a record's time is known to about 2 ms. With --rss the agent's VmRSS is read at each poll.
 With --lookups, once 1,000 records are in, the kernel's caches are dropped and every path of NAMES is
 lstat'ed and timed (this load on the machine is the point of that run, so its rate is not reported).
 
-Prints one line: "secs apply_secs peak_rss_kib lat_median lat_p90 lat_p99 ended_before_samples"
-(times in seconds, latencies in microseconds, "-" where not measured).
+Prints one line: "secs apply_secs peak_rss_kib lat_median lat_p90 lat_p99 ended_before_samples first_secs"
+(times in seconds from the command's start: to its end, to the last record, to the first record;
+latencies in microseconds; "-" where not measured).
 """
 import os
 import re
@@ -63,7 +64,7 @@ def main():
     lat, ended_first = "- - -", "-"
 
     def poll():
-        nonlocal log, offset, tail, count, t_last
+        nonlocal log, offset, tail, count, t_last, t_first
         if log is None and os.path.isdir(logdir):
             fresh = sorted(n for n in os.listdir(logdir) if is_log(n) and n not in before)
             if fresh:
@@ -88,9 +89,12 @@ def main():
         if found:
             count += found
             t_last = time.monotonic_ns()
+            if t_first is None:
+                t_first = t_last
 
     t0 = time.monotonic_ns()
     t_last = t0
+    t_first = None
     with open(out_json, "wb") as out:
         proc = subprocess.Popen([tavrel, "--json", "-s", view, "update"], stdout=out)
         while proc.poll() is None:
@@ -102,10 +106,11 @@ def main():
                     f.write("3\n")
                 lat = lstat_latency(names)
                 ended_first = "1" if proc.poll() is not None else "0"
-            time.sleep(0.02)
+            time.sleep(0.002)
     t1 = time.monotonic_ns()
     poll()
-    print("%.3f %.3f %d %s %s" % ((t1 - t0) / 1e9, (t_last - t0) / 1e9, peak, lat, ended_first))
+    print("%.3f %.3f %d %s %s %.3f" % ((t1 - t0) / 1e9, (t_last - t0) / 1e9, peak, lat, ended_first,
+                                       ((t_first or t_last) - t0) / 1e9))
     return proc.returncode
 
 

@@ -37,6 +37,8 @@ struct Handle {
   std::deque<Posted> posted;
   // Packets of posted commands not sent yet (see flush_posts).
   std::vector<std::string> corked;
+  // Answers to posted commands received but not taken yet, oldest first (see take_answer).
+  std::deque<kfsm_frame> received;
 };
 
 constexpr size_t kMaxHandles = 4096;
@@ -114,11 +116,20 @@ int receive_answer(Handle* h, uint32_t seq, uint16_t want, int timeout_ms, int w
   return e == 0 ? 0 : broke(h, e);
 }
 
-// The answer to posted request `seq` when it is already queued (one recvmsg, no poll). Otherwise
-// EAGAIN without `wait`, which leaves the handle as it is, and with it the wait of receive_answer.
+// The answer to posted request `seq` when it is already queued. Answers are taken off the socket as
+// many as have come at once (one recvmmsg for up to KFSM_FRAMES_RECV_MAX, never more than are
+// outstanding, so a frame that answers no posted command stays on the socket). Otherwise EAGAIN
+// without `wait`, which leaves the handle as it is, and with it the wait of receive_answer.
 int take_answer(Handle* h, uint32_t seq, uint16_t want, bool wait, kfsm_frame* answer) {
-  int e = kfsm_frame_recv(h->fd, answer, true);
-  if (e == EAGAIN) return wait ? receive_answer(h, seq, want, g_command_ms.load(), -1, answer) : EAGAIN;
+  int e = 0;
+  if (h->received.empty()) e = kfsm_frames_recv(h->fd, &h->received, h->posted.size());
+  if (!h->received.empty()) {
+    *answer = std::move(h->received.front());
+    h->received.pop_front();
+    e = 0;
+  } else if (e == EAGAIN) {
+    return wait ? receive_answer(h, seq, want, g_command_ms.load(), -1, answer) : EAGAIN;
+  }
   if (e == 0 && (answer->type != want || answer->seq != seq)) e = EPROTO;
   return e == 0 ? 0 : broke(h, e);
 }
@@ -303,10 +314,11 @@ void kfsm_mcb_post(int handle, kfsmcmd_block* block, int* err) {
     *err = EAGAIN;
     return;
   }
-  // A daemon that has gone shows now, while the caller can still send this command on a new handle;
-  // the look costs no wake-up of the daemon, which a send would.
+  // A daemon that has gone shows at the first post of a batch, while the caller can still send that
+  // command on a new handle; the look costs no wake-up of the daemon, which a send would.
   struct pollfd p = {h->fd, POLLOUT, 0};
-  if (!h->broken && poll(&p, 1, 0) > 0 && (p.revents & (POLLHUP | POLLERR))) broke(h, ECONNRESET);
+  if (!h->broken && h->corked.empty() && poll(&p, 1, 0) > 0 && (p.revents & (POLLHUP | POLLERR)))
+    broke(h, ECONNRESET);
   std::string image, packet;
   int e = h->broken ? ECONNRESET : kfsm_command_encode(*block, &image);
   const uint32_t seq = h->seq + 1;

@@ -50,8 +50,9 @@ void kfsm_mcb_cmd(int handle, kfsmcmd_block* block, int* err);
 // failure breaks the handle as for kfsm_mcb_cmd, and the outstanding answers are lost with it.
 // Posted commands go KFSM_POST_BATCH at a time in one call (one wake-up of the daemon for all of them);
 // fewer are sent when an answer is collected and when the handle is closed, so a command may wait in
-// the sender until one of those. A post on a handle whose daemon has gone fails at once (ECONNRESET),
-// as a send would have; the commands still waiting in the sender are lost with the handle.
+// the sender until one of those. The first post of a batch on a handle whose daemon has gone fails at
+// once (ECONNRESET), as a send would have; the commands still waiting in the sender are lost with the
+// handle, and the failure of their send shows at the post or collect that makes it.
 constexpr int KFSM_MAX_POSTED = 32;
 constexpr int KFSM_POST_BATCH = 16;
 void kfsm_mcb_post(int handle, kfsmcmd_block* block, int* err);

@@ -6,6 +6,7 @@
 #include <unistd.h>
 #include <sys/uio.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <cstdlib>
 #include <cstring>
@@ -100,9 +101,29 @@ int kfsm_frames_send(int fd, const std::vector<std::string>& packets) {
   return 0;
 }
 
+namespace {
+
+// Receive buffers are one byte larger than the largest frame, so that truncation shows.
+constexpr size_t kPacketBuffer = KFSM_FRAME_HDR + KFSM_FRAME_MAX_BODY + 1;
+
+// The frame in a received packet of `n` bytes. 0, or EPROTO as kfsm_frame_recv.
+int frame_of_packet(const char* buf, size_t n, int msg_flags, kfsm_frame* out) {
+  if ((msg_flags & (MSG_TRUNC | MSG_CTRUNC)) || n < KFSM_FRAME_HDR) return EPROTO;
+  const uint8_t* p = reinterpret_cast<const uint8_t*>(buf);
+  uint32_t len = kfsm_get_u32(p + 8);
+  if (kfsm_get_u32(p) != KFSM_WIRE_MAGIC || kfsm_get_u16(p + 4) != KFSM_WIRE_VERSION || len > KFSM_FRAME_MAX_BODY ||
+      n != KFSM_FRAME_HDR + len)
+    return EPROTO;
+  out->type = kfsm_get_u16(p + 6);
+  out->seq = kfsm_get_u32(p + 12);
+  out->body.assign(buf + KFSM_FRAME_HDR, len);
+  return 0;
+}
+
+}  // namespace
+
 int kfsm_frame_recv(int fd, kfsm_frame* out, bool dontwait) {
-  // One buffer per thread, one byte larger than the largest frame so that truncation shows.
-  thread_local std::vector<char> buf(KFSM_FRAME_HDR + KFSM_FRAME_MAX_BODY + 1);
+  thread_local std::vector<char> buf(kPacketBuffer);
   ssize_t n;
   struct iovec iov = {buf.data(), buf.size()};
   struct msghdr msg;
@@ -114,16 +135,37 @@ int kfsm_frame_recv(int fd, kfsm_frame* out, bool dontwait) {
   } while (n < 0 && errno == EINTR);
   if (n < 0) return errno == EWOULDBLOCK ? EAGAIN : errno;
   if (n == 0) return ECONNRESET;
-  if ((msg.msg_flags & (MSG_TRUNC | MSG_CTRUNC)) || size_t(n) < KFSM_FRAME_HDR) return EPROTO;
-  const uint8_t* p = reinterpret_cast<const uint8_t*>(buf.data());
-  uint32_t len = kfsm_get_u32(p + 8);
-  if (kfsm_get_u32(p) != KFSM_WIRE_MAGIC || kfsm_get_u16(p + 4) != KFSM_WIRE_VERSION || len > KFSM_FRAME_MAX_BODY ||
-      size_t(n) != KFSM_FRAME_HDR + len)
-    return EPROTO;
-  out->type = kfsm_get_u16(p + 6);
-  out->seq = kfsm_get_u32(p + 12);
-  out->body.assign(buf.data() + KFSM_FRAME_HDR, len);
-  return 0;
+  return frame_of_packet(buf.data(), size_t(n), msg.msg_flags, out);
+}
+
+int kfsm_frames_recv(int fd, std::deque<kfsm_frame>* out, size_t max) {
+  // The buffers are large, but only the bytes a packet brings are ever touched.
+  thread_local std::vector<char> buf;
+  max = std::min(max, KFSM_FRAMES_RECV_MAX);
+  if (max == 0) return EAGAIN;
+  if (buf.empty()) buf.resize(KFSM_FRAMES_RECV_MAX * kPacketBuffer);
+  struct iovec iov[KFSM_FRAMES_RECV_MAX];
+  struct mmsghdr msgs[KFSM_FRAMES_RECV_MAX];
+  memset(msgs, 0, sizeof msgs);
+  for (size_t i = 0; i < max; ++i) {
+    iov[i] = {buf.data() + i * kPacketBuffer, kPacketBuffer};
+    msgs[i].msg_hdr.msg_iov = &iov[i];
+    msgs[i].msg_hdr.msg_iovlen = 1;
+  }
+  int n;
+  do {
+    n = recvmmsg(fd, msgs, static_cast<unsigned>(max), MSG_CMSG_CLOEXEC | MSG_DONTWAIT, nullptr);
+  } while (n < 0 && errno == EINTR);
+  if (n < 0) return errno == EWOULDBLOCK ? EAGAIN : errno;
+  for (int i = 0; i < n; ++i) {
+    // An empty packet is the end of the stream (the peer's shutdown); what came before it is kept.
+    if (msgs[i].msg_len == 0) return i == 0 ? ECONNRESET : 0;
+    kfsm_frame f;
+    int e = frame_of_packet(buf.data() + size_t(i) * kPacketBuffer, msgs[i].msg_len, msgs[i].msg_hdr.msg_flags, &f);
+    if (e != 0) return e;
+    out->push_back(std::move(f));
+  }
+  return n == 0 ? EAGAIN : 0;
 }
 
 std::string kfsm_hello_body(uint32_t type, uint32_t pid) {

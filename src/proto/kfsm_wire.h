@@ -24,6 +24,7 @@
 
 #include <cstddef>
 #include <cstdint>
+#include <deque>
 #include <string>
 #include <vector>
 
@@ -72,6 +73,12 @@ int kfsm_frames_send(int fd, const std::vector<std::string>& packets);
 // well-formed frame (short, truncated, wrong magic, version or length); or the errno of recv. With
 // `dontwait` a socket with nothing queued answers EAGAIN at once.
 int kfsm_frame_recv(int fd, kfsm_frame* out, bool dontwait = false);
+// Receives, in one call and without waiting, the packets queued now, at most `max` (and at most
+// KFSM_FRAMES_RECV_MAX), appending their frames to `out` in order. 0 when at least one came; EAGAIN
+// when none was queued; ECONNRESET at the end of the stream when nothing came before it; EPROTO for a
+// packet that is not a well-formed frame (the frames before it are in `out`); or the errno of recv.
+constexpr size_t KFSM_FRAMES_RECV_MAX = 16;
+int kfsm_frames_recv(int fd, std::deque<kfsm_frame>* out, size_t max);
 
 std::string kfsm_hello_body(uint32_t type, uint32_t pid);
 bool kfsm_parse_hello(const std::string& body, uint32_t* type, uint32_t* pid);

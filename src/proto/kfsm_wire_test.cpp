@@ -6,6 +6,7 @@
 
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <cstring>
 
@@ -74,12 +75,45 @@ TEST(KfsmWire, MalformedPacketsAreProtocolErrors) {
     ASSERT_EQ(send(p.fd[0], c.packet.data(), c.packet.size(), 0), ssize_t(c.packet.size()));
     kfsm_frame f;
     EXPECT_EQ(kfsm_frame_recv(p.fd[1], &f), EPROTO);
+    // Received in a batch behind a good frame: the good one is kept.
+    ASSERT_EQ(kfsm_frame_send(p.fd[0], KFSM_FRAME_MCB, 5, "ok"), 0);
+    ASSERT_EQ(send(p.fd[0], c.packet.data(), c.packet.size(), 0), ssize_t(c.packet.size()));
+    std::deque<kfsm_frame> got;
+    EXPECT_EQ(kfsm_frames_recv(p.fd[1], &got, 8), EPROTO);
+    ASSERT_EQ(got.size(), 1u);
+    EXPECT_EQ(got[0].seq, 5u);
   }
   Pair p;
   close(p.fd[0]);
   p.fd[0] = -1;
   kfsm_frame f;
   EXPECT_EQ(kfsm_frame_recv(p.fd[1], &f), ECONNRESET);
+  std::deque<kfsm_frame> got;
+  EXPECT_EQ(kfsm_frames_recv(p.fd[1], &got, 8), ECONNRESET);
+}
+
+// A batch takes what is queued, in order, never more than asked or than its limit, and never waits.
+TEST(KfsmWire, BatchesTakeWhatIsQueuedInOrder) {
+  Pair p;
+  std::deque<kfsm_frame> got;
+  EXPECT_EQ(kfsm_frames_recv(p.fd[1], &got, 8), EAGAIN);
+  for (uint32_t i = 1; i <= 20; i++) ASSERT_EQ(kfsm_frame_send(p.fd[0], KFSM_FRAME_MCB, i, std::to_string(i)), 0);
+  for (size_t ask : {size_t(32), size_t(3), size_t(0), size_t(8)}) {
+    const size_t had = got.size();
+    EXPECT_EQ(kfsm_frames_recv(p.fd[1], &got, ask), ask == 0 ? EAGAIN : 0);
+    EXPECT_EQ(got.size() - had, std::min({ask, KFSM_FRAMES_RECV_MAX, 20 - had})) << ask;
+  }
+  ASSERT_EQ(got.size(), 20u);
+  for (uint32_t i = 0; i < 20; i++) EXPECT_EQ(got[i].seq, i + 1);
+  EXPECT_EQ(got[19].body, "20");
+  // Frames before the end of the stream come first; the end shows at the next call.
+  got.clear();
+  ASSERT_EQ(kfsm_frame_send(p.fd[0], KFSM_FRAME_MCB, 21, ""), 0);
+  close(p.fd[0]);
+  p.fd[0] = -1;
+  EXPECT_EQ(kfsm_frames_recv(p.fd[1], &got, 8), 0);
+  EXPECT_EQ(got.size(), 1u);
+  EXPECT_EQ(kfsm_frames_recv(p.fd[1], &got, 8), ECONNRESET);
 }
 
 TEST(KfsmWire, LpcBodiesCheckTheirSizes) {
