@@ -10,6 +10,7 @@
 #include <cerrno>
 #include <cstdlib>
 #include <cstring>
+#include <memory>
 #include <vector>
 
 #include "proto/kfsm_records.h"
@@ -139,16 +140,17 @@ int kfsm_frame_recv(int fd, kfsm_frame* out, bool dontwait) {
 }
 
 int kfsm_frames_recv(int fd, std::deque<kfsm_frame>* out, size_t max) {
-  // The buffers are large, but only the bytes a packet brings are ever touched.
-  thread_local std::vector<char> buf;
+  // The buffers are large, but left uninitialised: only the bytes a packet brings are ever touched, so
+  // only those pages take memory.
+  thread_local std::unique_ptr<char[]> buf;
   max = std::min(max, KFSM_FRAMES_RECV_MAX);
   if (max == 0) return EAGAIN;
-  if (buf.empty()) buf.resize(KFSM_FRAMES_RECV_MAX * kPacketBuffer);
+  if (!buf) buf.reset(new char[KFSM_FRAMES_RECV_MAX * kPacketBuffer]);
   struct iovec iov[KFSM_FRAMES_RECV_MAX];
   struct mmsghdr msgs[KFSM_FRAMES_RECV_MAX];
   memset(msgs, 0, sizeof msgs);
   for (size_t i = 0; i < max; ++i) {
-    iov[i] = {buf.data() + i * kPacketBuffer, kPacketBuffer};
+    iov[i] = {buf.get() + i * kPacketBuffer, kPacketBuffer};
     msgs[i].msg_hdr.msg_iov = &iov[i];
     msgs[i].msg_hdr.msg_iovlen = 1;
   }
@@ -161,7 +163,7 @@ int kfsm_frames_recv(int fd, std::deque<kfsm_frame>* out, size_t max) {
     // An empty packet is the end of the stream (the peer's shutdown); what came before it is kept.
     if (msgs[i].msg_len == 0) return i == 0 ? ECONNRESET : 0;
     kfsm_frame f;
-    int e = frame_of_packet(buf.data() + size_t(i) * kPacketBuffer, msgs[i].msg_len, msgs[i].msg_hdr.msg_flags, &f);
+    int e = frame_of_packet(buf.get() + size_t(i) * kPacketBuffer, msgs[i].msg_len, msgs[i].msg_hdr.msg_flags, &f);
     if (e != 0) return e;
     out->push_back(std::move(f));
   }

@@ -237,9 +237,7 @@ TEST(DtOpen, EngineSettingsPlaceTheFiles) {
   ASSERT_EQ(rectest::open_db(t, db.path()), 0);
   EXPECT_FALSE(rectest::read_file(files.file("tavrel_db.d00")).empty());
   EXPECT_FALSE(rectest::read_file(files.file("tavrel_db.k14014")).empty());
-  const std::string tjf = rectest::read_file(taf.file("tavrel_db.tjf"));
-  ASSERT_GE(tjf.size(), 28u);
-  EXPECT_EQ(tjf.compare(8, 4, std::string("\x1c\0\0\0", 4)), 0) << "an empty journal (header length 28)";
+  EXPECT_EQ(rectest::read_file(taf.file("tavrel_db.tjf")).size(), 28u);
   EXPECT_FALSE(rectest::read_file(taf.file("tavrel_db.tcf")).empty());
   EXPECT_TRUE(rectest::read_file(db.file("tavrel_db.d00")).empty());
   dt_closetask(t);

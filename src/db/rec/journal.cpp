@@ -205,10 +205,13 @@ int Journal::change(uint16_t slot, uint64_t off, const uint8_t* data, size_t n) 
   return 0;
 }
 
-// Keep synced space ahead of the end of the journal, so that a commit's data sync overwrites blocks
-// that already exist and has no file-size or allocation change to make durable. New space is zeroed.
+// Keep zeroed, synced space ahead of the end of the journal, so that a commit's data sync overwrites
+// blocks that already exist and has no file-size or allocation change to make durable. With deferred
+// durability the commits' syncs run on the flusher, not on the committing thread, and the journal is
+// only appended to: zeroing ahead would add a MiB of writes and a sync to the committer every few
+// dozen commits, to spare the flusher's syncs a change of size.
 int Journal::reserve(uint64_t end) {
-  if (end <= alloc_) return 0;
+  if (deferred_ || end <= alloc_) return 0;
   uint64_t target = (end + kReserve) / kReserve * kReserve;
   static const std::vector<uint8_t> zeros(64 * 1024, 0);
   for (uint64_t at = alloc_; at < target; at += zeros.size()) {
@@ -267,17 +270,13 @@ int Journal::read(uint64_t off, uint8_t* buf, size_t n) { return io_read(fd_, bu
 int Journal::truncate() {
   // The checkpoint synced the data files, so no entry is needed any more; commits written but not yet
   // synced become durable through those files.
-  // Up to kKeep of the file's space stays, so that the transactions after the checkpoint rewrite blocks
-  // that exist instead of allocating, zeroing and syncing them again (1 MiB at a time, on the committing
-  // thread). What lies beyond the new end is old entries, which no reader reaches.
   len_ = kTjfHeader;
   int st = write_header();
   failpoint("checkpoint.after_header");
-  const uint64_t keep = std::max<uint64_t>(kTjfHeader, std::min<uint64_t>(alloc_, kKeep));
-  if (st == 0 && io_size(fd_) > keep) st = io_truncate(fd_, keep);
+  if (st == 0) st = io_truncate(fd_, kTjfHeader);
   if (st == 0) st = io_sync(fd_);
   if (st == 0 && sync_point_) sync_point_->mark_synced();
-  alloc_ = keep;
+  alloc_ = kTjfHeader;
   return st;
 }
 

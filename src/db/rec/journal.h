@@ -22,13 +22,13 @@
 // database file: u16 entry length, u16 file slot, u16 checksum (0x1eac + slot + name length + sum of name
 // bytes, cut to 16 bits), u16 name length, the file's base name, a pad byte to an even length.
 //
-// Space beyond the header length is kept allocated ahead of use (in 1 MiB steps, zeroed and synced once),
-// so a commit's sync rewrites existing blocks only; a checkpoint keeps up to 16 MiB of it. It may hold
-// entries of an earlier cycle: readers stop at the header length.
+// Space beyond the header length is kept zeroed ahead of use (in 1 MiB steps, synced once), so a
+// commit's sync rewrites existing blocks only; with deferred durability (below) the journal is appended
+// to instead. Readers stop at the header length.
 //
 // Protocol: commit appends COMMIT and makes the journal durable with one data sync; only then are the data
 // and key files written (through the OS, without a sync). A checkpoint syncs every file written since the
-// last one, then empties the journal (header length 28, the file cut to at most 16 MiB, sync). Roll-forward at open reapplies
+// last one, then empties the journal (header length 28, truncate, sync). Roll-forward at open reapplies
 // every CHANGE of every transaction that has a COMMIT, in journal order, which is idempotent.
 #pragma once
 
@@ -113,7 +113,7 @@ class Journal {
   int abort();
   // Read bytes back from the journal (spilled page images).
   int read(uint64_t off, uint8_t* buf, size_t n);
-  // Empty the journal: header length 28, the file cut to at most kKeep, sync.
+  // Empty the journal: header length 28, truncate to 28, sync.
   int truncate();
   int sync();
   int fd() const { return fd_; }
@@ -141,7 +141,6 @@ class Journal {
   uint64_t len_ = kTjfHeader;
   uint64_t alloc_ = kTjfHeader;  // file length: zeroed, synced space beyond len_
   static constexpr uint64_t kReserve = 1 << 20;
-  static constexpr uint64_t kKeep = 16 << 20;  // what a checkpoint leaves of the file
   uint32_t tx_ = 0;
   uint32_t cur_ = 0;
   bool active_ = false;
