@@ -4,7 +4,8 @@
 Usage: timed_update.py TAVREL VIEW OUT_JSON [--rss PID] [--lookups NAMES]
 
 The update log is followed by its size (one stat every 2 ms); only the bytes it gained are read, so the
-poll costs next to nothing however long the log grows, and a record's time is known to about 2 ms. With --rss the agent's VmRSS is read at each poll.
+poll costs next to nothing however long the log grows, and a record's time is known to about 2 ms. With
+--rss the agent's VmRSS is read at each poll.
 With --lookups, once 1,000 records are in, the kernel's caches are dropped and every path of NAMES is
 lstat'ed and timed (this load on the machine is the point of that run, so its rate is not reported).
 

@@ -34,7 +34,9 @@ bool Tavrel_Log_Base::append_line(const std::string& line) {
   std::lock_guard<Tavrel_Mutex> g(m_mutex);
   // Owner-only, and never through a symbolic link planted at the log's name. The log directory is made
   // when it is missing, but only inside a view directory that still exists.
-  auto open_log = [&] { return open(m_log_path.c_str(), O_WRONLY | O_APPEND | O_CREAT | O_CLOEXEC | O_NOFOLLOW, 0600); };
+  auto open_log = [&] {
+    return open(m_log_path.c_str(), O_WRONLY | O_APPEND | O_CREAT | O_CLOEXEC | O_NOFOLLOW, 0600);
+  };
   int fd = open_log();
   if (fd < 0 && errno == ENOENT) {
     struct stat st;

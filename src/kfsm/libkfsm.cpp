@@ -121,17 +121,19 @@ int receive_answer(Handle* h, uint32_t seq, uint16_t want, int timeout_ms, int w
 // outstanding, so a frame that answers no posted command stays on the socket). Otherwise EAGAIN
 // without `wait`, which leaves the handle as it is, and with it the wait of receive_answer.
 int take_answer(Handle* h, uint32_t seq, uint16_t want, bool wait, kfsm_frame* answer) {
-  int e = 0;
-  if (h->received.empty()) e = kfsm_frames_recv(h->fd, &h->received, h->posted.size());
-  if (!h->received.empty()) {
-    *answer = std::move(h->received.front());
-    h->received.pop_front();
-    e = 0;
-  } else if (e == EAGAIN) {
-    return wait ? receive_answer(h, seq, want, g_command_ms.load(), -1, answer) : EAGAIN;
+  if (h->received.empty()) {
+    int e = kfsm_frames_recv(h->fd, &h->received, h->posted.size());
+    if (e == EAGAIN) return wait ? receive_answer(h, seq, want, g_command_ms.load(), -1, answer) : EAGAIN;
+    if (e != 0) {
+      // A malformed packet was taken off the socket with the good ones before it: the handle breaks
+      // now, not later at an answer whose sequence number no longer matches.
+      h->received.clear();
+      return broke(h, e);
+    }
   }
-  if (e == 0 && (answer->type != want || answer->seq != seq)) e = EPROTO;
-  return e == 0 ? 0 : broke(h, e);
+  *answer = std::move(h->received.front());
+  h->received.pop_front();
+  return answer->type == want && answer->seq == seq ? 0 : broke(h, EPROTO);
 }
 
 // Sends a request frame and receives the frame that answers it. 0 or an errno; any failure breaks

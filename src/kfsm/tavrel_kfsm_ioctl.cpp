@@ -102,7 +102,7 @@ int Tavrel_KFSM_Ioctl::kept_command(kfsmcmd_block* block) {
       kfsm_mcb_post(m_handle, block, &err);
       if (err == EAGAIN && collect_one(true)) {
         // The window is full: the oldest answer was awaited; every other one that has come is taken
-        // without waiting (one recvmsg each), so the window fills again only after as many posts.
+        // without waiting, so the window fills again only after as many posts.
         while (collect_one(false)) {
         }
         if (m_handle != 0) kfsm_mcb_post(m_handle, block, &err);

@@ -7,8 +7,8 @@
 // keeps it until it is deleted, and asks the module for the view root once. Its invalidations are
 // posted (libkfsm.h): sent in batches without waiting for their answers, at most KFSM_MAX_POSTED at a
 // time, so they cost the sender no wait per command (drain() sends what waits in a batch); they give 0
-// when sent, and an answer that reports a failure later is traced and counted in posted_failures(). Any other command, drain() and the
-// destructor first wait for every outstanding answer. A handle whose transport failed is closed and
+// when sent, and an answer that reports a failure later is traced and counted in posted_failures().
+// Any other command, drain() and the destructor first wait for every outstanding answer. A handle whose transport failed is closed and
 // the command is sent once more on a new one, so a module daemon that restarted is found again (the
 // answers outstanding on the old handle count as failures); only idempotent commands (invalidations,
 // stat) should go through a kept handle. A kept object is used by one thread at a time.
