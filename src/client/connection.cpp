@@ -7,6 +7,7 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <chrono>
 #include <cstdio>
@@ -30,7 +31,18 @@ bool is_our_fifo(const std::string& path) {
   return lstat(path.c_str(), &st) == 0 && S_ISFIFO(st.st_mode) && st.st_uid == geteuid();
 }
 
-void pause_a_little() { std::this_thread::sleep_for(std::chrono::milliseconds(5)); }
+// The waits of one connect: the agent makes a connection's pipes and opens them within a fraction of
+// a millisecond when it is idle, so the first looks come soon; later ones back off to 5 ms apart.
+class Backoff {
+ public:
+  void pause() {
+    std::this_thread::sleep_for(std::chrono::microseconds(us_));
+    us_ = std::min(us_ * 2, 5000);
+  }
+
+ private:
+  int us_ = 50;
+};
 
 constexpr int kWantedPipeSize = 1 << 20;
 }  // namespace
@@ -62,12 +74,13 @@ Connection::Status Connection::connect(const std::string& storage, int timeout_m
 
   int lfd = -1;
   std::string line = m_id + "\n";
+  Backoff wait;
   for (;;) {
     lfd = open(listener.c_str(), O_WRONLY | O_NONBLOCK | O_CLOEXEC);
     if (lfd < 0) {
       if (errno != ENOENT && errno != ENXIO) return fail(kSystem, "cannot open " + listener + ": " + strerror(errno));
       if (ms_left(deadline) == 0) return fail(kTimeout, "the agent is not listening on " + listener);
-      pause_a_little();
+      wait.pause();
       continue;
     }
     if (write(lfd, line.data(), line.size()) == static_cast<ssize_t>(line.size())) break;
@@ -78,14 +91,14 @@ Connection::Status Connection::connect(const std::string& storage, int timeout_m
     lfd = -1;
     if (e != EPIPE && e != EAGAIN) return fail(kSystem, std::string("cannot announce the connection: ") + strerror(e));
     if (ms_left(deadline) == 0) return fail(kTimeout, "the agent is not listening on " + listener);
-    pause_a_little();
+    wait.pause();
   }
   while (!(is_our_fifo(req) && is_our_fifo(resp))) {
     if (ms_left(deadline) == 0) {
       ::close(lfd);
       return fail(kTimeout, "the agent made no pipes for this connection");
     }
-    pause_a_little();
+    wait.pause();
   }
   m_response_fd = open(resp.c_str(), O_RDONLY | O_NONBLOCK | O_CLOEXEC | O_NOFOLLOW);
   if (m_response_fd < 0) {
@@ -102,7 +115,7 @@ Connection::Status Connection::connect(const std::string& storage, int timeout_m
       close();
       return fail(e == ENXIO ? kTimeout : kSystem, "cannot open " + req + ": " + strerror(e));
     }
-    pause_a_little();
+    wait.pause();
   }
   ::close(lfd);
   int flags = fcntl(m_request_fd, F_GETFL);

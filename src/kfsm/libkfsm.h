@@ -53,8 +53,8 @@ void kfsm_mcb_cmd(int handle, kfsmcmd_block* block, int* err);
 // the sender until one of those. The first post of a batch on a handle whose daemon has gone fails at
 // once (ECONNRESET), as a send would have; the commands still waiting in the sender are lost with the
 // handle, and the failure of their send shows at the post or collect that makes it.
-constexpr int KFSM_MAX_POSTED = 32;
-constexpr int KFSM_POST_BATCH = 16;
+constexpr int KFSM_MAX_POSTED = 128;
+constexpr int KFSM_POST_BATCH = 64;
 void kfsm_mcb_post(int handle, kfsmcmd_block* block, int* err);
 // The oldest outstanding answer: 0 with its command's status in *status; EAGAIN when nothing is
 // outstanding, or when `wait` is false and that answer has not come yet; otherwise the failure of the

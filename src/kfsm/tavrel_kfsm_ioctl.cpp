@@ -1,11 +1,17 @@
 #include "kfsm/tavrel_kfsm_ioctl.h"
 
 #include <cerrno>
+#include <chrono>
+#include <condition_variable>
 #include <cstdlib>
 #include <cstring>
+#include <deque>
+#include <thread>
+#include <vector>
 
 #include "base/pfm.h"
 #include "base/sysutl.h"
+#include "base/tavrel_mutex.h"
 #include "core/tavrel_status.h"
 #include "core/tavrel_trace.h"
 #include "core/tavrel_view.h"
@@ -49,9 +55,115 @@ void print_mkview(const Tavrel_Trace& trace, const kfsm_mkviewtag_info& m) {
 
 }  // namespace
 
+// The sender thread of send_from_own_thread() and its queue.
+class Tavrel_KFSM_Ioctl::Sender {
+ public:
+  static constexpr size_t BATCH = 64;       // queued invalidations that wake the sender at once
+  static constexpr size_t MAX_QUEUED = 4096;
+  static constexpr std::chrono::milliseconds LINGER{2};  // the longest a smaller number waits
+
+  explicit Sender(Tavrel_KFSM_Ioctl* io) : m_io(io), m_thread([this] { run(); }) {}
+  ~Sender() {
+    {
+      std::lock_guard<Tavrel_Mutex> g(m_mutex);
+      m_stop = true;
+    }
+    m_wake.notify_all();
+    m_thread.join();
+  }
+
+  bool on_sender() const { return std::this_thread::get_id() == m_thread.get_id(); }
+
+  void push(const kfsm_inval_info& info) {
+    std::unique_lock<Tavrel_Mutex> g(m_mutex);
+    m_room.wait(g, [&] { return m_queue.size() < MAX_QUEUED; });
+    Item it;
+    it.info = info;
+    it.name = info.name.s ? std::string(info.name.s, info.name.l) : std::string();
+    it.has_name = info.name.s != nullptr;
+    m_queue.push_back(std::move(it));
+    if (m_sleeping && (m_queue.size() == 1 || m_queue.size() >= BATCH)) m_wake.notify_one();
+  }
+
+  // Until everything queued is sent and answered.
+  void wait_idle() {
+    std::unique_lock<Tavrel_Mutex> g(m_mutex);
+    if (m_queue.empty() && !m_busy) return;
+    m_flush = true;
+    m_wake.notify_one();
+    m_idle.wait(g, [&] { return m_queue.empty() && !m_busy; });
+    m_flush = false;
+  }
+
+ private:
+  struct Item {
+    kfsm_inval_info info;
+    std::string name;
+    bool has_name = false;
+  };
+
+  void run() {
+    std::unique_lock<Tavrel_Mutex> g(m_mutex);
+    std::vector<Item> batch;
+    for (;;) {
+      m_sleeping = true;
+      m_wake.wait(g, [&] { return m_stop || !m_queue.empty(); });
+      // A few invalidations wait a little for more, so that they leave together.
+      m_wake.wait_for(g, LINGER, [&] { return m_stop || m_flush || m_queue.size() >= BATCH; });
+      m_sleeping = false;
+      if (m_queue.empty()) {
+        if (m_stop) return;
+        continue;
+      }
+      batch.assign(std::make_move_iterator(m_queue.begin()), std::make_move_iterator(m_queue.end()));
+      m_queue.clear();
+      m_busy = true;
+      g.unlock();
+      m_room.notify_all();
+      for (Item& it : batch) {
+        it.info.name = it.has_name ? kfsm_strbuf_of(it.name.c_str()) : kfsm_strbuf{};
+        if (m_io->inval(&it.info) != 0) m_io->m_posted_failures++;
+      }
+      batch.clear();
+      g.lock();
+      if (m_queue.empty()) {
+        // Nothing more to send: what waits in the last batch leaves, and every answer is taken.
+        g.unlock();
+        m_io->drain_kept();
+        g.lock();
+        if (m_queue.empty()) {
+          m_busy = false;
+          m_idle.notify_all();
+        }
+      }
+    }
+  }
+
+  Tavrel_KFSM_Ioctl* m_io;
+  Tavrel_Mutex m_mutex{Tavrel_Lock_Rank::LEAF, "Tavrel_KFSM_Ioctl::Sender::m_mutex"};
+  std::condition_variable_any m_wake, m_room, m_idle;
+  std::deque<Item> m_queue;
+  bool m_sleeping = false, m_busy = false, m_flush = false, m_stop = false;
+  std::thread m_thread;  // last: starts once the rest is made
+};
+
+Tavrel_KFSM_Ioctl::Tavrel_KFSM_Ioctl(Tavrel_View* view) : m_view(view) {}
+
 Tavrel_KFSM_Ioctl::~Tavrel_KFSM_Ioctl() {
   drain();
+  m_sender.reset();
   close_kept();
+}
+
+void Tavrel_KFSM_Ioctl::send_from_own_thread() {
+  m_keep = true;
+  if (!m_sender) m_sender = std::make_unique<Sender>(this);
+}
+
+bool Tavrel_KFSM_Ioctl::queue_inval(const kfsm_inval_info& info) {
+  if (!m_sender || m_sender->on_sender()) return false;
+  m_sender->push(info);
+  return true;
 }
 
 void Tavrel_KFSM_Ioctl::close_kept() {
@@ -80,6 +192,11 @@ bool Tavrel_KFSM_Ioctl::collect_one(bool wait) {
 }
 
 void Tavrel_KFSM_Ioctl::drain() {
+  if (m_sender && !m_sender->on_sender()) m_sender->wait_idle();
+  drain_kept();
+}
+
+void Tavrel_KFSM_Ioctl::drain_kept() {
   if (m_handle == 0 || kfsm_mcb_outstanding(m_handle) == 0) return;  // the usual case: nothing to take
   pfm_inhibit();
   while (m_handle != 0 && kfsm_mcb_outstanding(m_handle) > 0 && collect_one(true)) {
@@ -129,6 +246,8 @@ int Tavrel_KFSM_Ioctl::kept_command(kfsmcmd_block* block) {
 
 int Tavrel_KFSM_Ioctl::kfsm_ioctl(kfsmcmd_block* block) {
   Tavrel_Trace trace(TAVREL_KFSM, "Tavrel_KFSM_Ioctl", "kfsm_ioctl");
+  // A command of the caller's own waits until the sender is done with the handle.
+  if (m_sender && !m_sender->on_sender()) m_sender->wait_idle();
   if (m_keep) {
     pfm_inhibit();
     int status = kept_command(block);
@@ -294,6 +413,7 @@ uint32_t Tavrel_KFSM_Ioctl::inval_kind(silo_op_t op) {
 
 int Tavrel_KFSM_Ioctl::inval(kfsm_inval_info* info) {
   Tavrel_Trace trace(TAVREL_KFSM, "Tavrel_KFSM_Ioctl", "inval");
+  if (queue_inval(*info)) return 0;
   char root[KFSM_VIEW_ROOT_MAX];
   if (m_keep && !m_root.empty()) {
     memcpy(root, m_root.c_str(), m_root.size() + 1);

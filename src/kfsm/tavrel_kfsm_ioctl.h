@@ -13,12 +13,26 @@
 // answers outstanding on the old handle count as failures); only idempotent commands (invalidations,
 // stat) should go through a kept handle. A kept object is used by one thread at a time.
 //
+// send_from_own_thread() goes one step further for a caller whose own time is what counts (the thread
+// that applies an update): invalidations are queued, and a sender thread of this object's own posts
+// them on the kept handle, in the order they were queued, while the caller goes on. An invalidation
+// then gives 0 once queued; one that fails later, the view root included, is counted in
+// posted_failures(). The sender wakes when 64 are queued, or 2 ms after the first of a smaller number,
+// so the caller pays a wake-up only once per batch; at most 4096 wait in the queue (the caller waits
+// for room beyond that). drain(), any other command and the destructor first wait until the sender
+// has sent everything queued and collected every answer; the other command then runs on the caller's
+// thread, on the same handle. The sender's mutex (rank LEAF) guards the queue and the sender's state;
+// the handle, the root and the counts are the sender's while it works and the caller's once drain()
+// has returned, never both at once.
+//
 // Statuses are of the 1000 range (tbs_status_t), except mount_silo and umount_silo, which give the
 // agent's own statuses: 0, 20046 (already mounted), 20047 (not mounted), or tbs_to_tavrel_status of
 // the module's answer.
 #pragma once
 
+#include <atomic>
 #include <cstdint>
+#include <memory>
 #include <string>
 
 #include "base/tbs.h"
@@ -31,13 +45,16 @@ typedef int silo_op_t;
 
 class Tavrel_KFSM_Ioctl {
  public:
-  explicit Tavrel_KFSM_Ioctl(Tavrel_View* view) : m_view(view) {}
+  explicit Tavrel_KFSM_Ioctl(Tavrel_View* view);
   virtual ~Tavrel_KFSM_Ioctl();
   Tavrel_KFSM_Ioctl(const Tavrel_KFSM_Ioctl&) = delete;
   Tavrel_KFSM_Ioctl& operator=(const Tavrel_KFSM_Ioctl&) = delete;
 
   // From now on one handle serves every command of this object (see above).
   void keep_open() { m_keep = true; }
+  // From now on invalidations are queued for a sender thread of this object (see above); implies
+  // keep_open().
+  void send_from_own_thread();
   // Waits for the answers of every posted command.
   void drain();
   // Posted commands whose answers reported a failure, or were lost with a broken handle.
@@ -86,10 +103,16 @@ class Tavrel_KFSM_Ioctl {
   // Takes the oldest outstanding answer (waiting for it when `wait`); false when there was none to take.
   bool collect_one(bool wait);
   void close_kept();
+  // Waits for every outstanding answer on the kept handle (the sender's work, or the caller's).
+  void drain_kept();
+  // Queues an invalidation for the sender; false when the caller is the sender itself.
+  bool queue_inval(const kfsm_inval_info& info);
 
+  class Sender;
   Tavrel_View* m_view;
   bool m_keep = false;
   int m_handle = 0;    // the kept handle, 0 while none is open
-  int m_posted_failures = 0;
+  std::atomic<int> m_posted_failures{0};
+  std::unique_ptr<Sender> m_sender;
   std::string m_root;  // the view root, once asked with a kept handle
 };

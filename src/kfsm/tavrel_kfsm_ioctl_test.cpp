@@ -141,38 +141,60 @@ TEST_F(KfsmIoctl, InvalidationsCarryKindAndRoot) {
   for (size_t i = before; i < peer->commands().size(); ++i) EXPECT_NE(peer->commands()[i].cmd, KFSM_CMD_INVAL);
 }
 
-// An update's stream of invalidations goes over one connection, and finds a daemon that started again.
+// An update's stream of invalidations goes over one connection, and finds a daemon that started again;
+// the same when a sender thread of the object's own posts them.
 TEST_F(KfsmIoctl, AKeptObjectSendsItsCommandsOverOneConnection) {
   tbs_uuid_s silo;
   memset(silo.bytes, 0x5A, 16);
-  tbs_oid_s obj = oid_n(3);
-  {
-    Tavrel_KFSM_Ioctl kept{&view};
-    kept.keep_open();
-    const int before = peer->accepted_connections();
-    // Posted, not awaited: a failure the module answers later is counted, in order.
-    for (int i = 0; i < 3; i++) peer->push_status(KFSM_CMD_INVAL, i == 2 ? TBS_ST_FAILURE : 0);
-    for (int i = 0; i < 50; i++) ASSERT_EQ(kept.view_inval_obj(&silo, &obj, 13), 0);
-    kept.drain();
-    EXPECT_EQ(kept.posted_failures(), 1);
-    const auto cmds = peer->commands();
-    EXPECT_EQ(std::count_if(cmds.begin(), cmds.end(), [](const kfsm_command& c) { return c.cmd == KFSM_CMD_INVAL; }), 50);
-    // One connection asked the root, one carried the fifty commands.
-    EXPECT_EQ(peer->accepted_connections() - before, 2);
-    // A command with outputs waits for the posted ones, then runs on the same handle.
-    EXPECT_EQ(kept.view_inval_view(), 0);
-    EXPECT_EQ(kept.view_get_xstat("/view/vtag/a", nullptr, nullptr, nullptr, nullptr, nullptr), 0);
-    EXPECT_EQ(peer->accepted_connections() - before, 2);
-    peer->stop();
-    peer = std::make_unique<Kfsm_Peer>(sock.path, "/view");
-    ASSERT_EQ(peer->start(), 0);
-    EXPECT_EQ(kept.view_inval_name(&silo, &obj, "a"), 0);
-    kept.drain();
-    EXPECT_EQ(peer->commands().size(), 1u);
-    EXPECT_EQ(kept.posted_failures(), 1);
+  for (bool own_thread : {false, true}) {
+    SCOPED_TRACE(own_thread ? "sent by its own thread" : "sent by the caller");
+    {
+      Tavrel_KFSM_Ioctl kept{&view};
+      if (own_thread) kept.send_from_own_thread();
+      else kept.keep_open();
+      const int before = peer->accepted_connections();
+      const size_t first = peer->commands().size();
+      // Posted, not awaited: a failure the module answers later is counted, in order.
+      for (int i = 0; i < 3; i++) peer->push_status(KFSM_CMD_INVAL, i == 2 ? TBS_ST_FAILURE : 0);
+      for (int i = 0; i < 50; i++) {
+        tbs_oid_s obj = oid_n(uint8_t(i));
+        ASSERT_EQ(kept.view_inval_obj(&silo, &obj, 13), 0);
+      }
+      kept.drain();
+      EXPECT_EQ(kept.posted_failures(), 1);
+      auto cmds = peer->commands();
+      std::vector<uint8_t> seen;  // the first byte of each object: the order they were sent in
+      for (size_t i = first; i < cmds.size(); ++i) {
+        kfsm_inval_args a;
+        if (cmds[i].cmd == KFSM_CMD_INVAL && kfsm_parse_inval(cmds[i], &a)) seen.push_back(a.obj.bytes[0]);
+      }
+      ASSERT_EQ(seen.size(), 50u);
+      for (int i = 0; i < 50; i++) EXPECT_EQ(seen[i], i);
+      // One connection asked the root, one carried the fifty commands.
+      EXPECT_EQ(peer->accepted_connections() - before, 2);
+      // A command with outputs waits for the posted ones, then runs on the same handle.
+      EXPECT_EQ(kept.view_inval_view(), 0);
+      EXPECT_EQ(kept.view_get_xstat("/view/vtag/a", nullptr, nullptr, nullptr, nullptr, nullptr), 0);
+      EXPECT_EQ(peer->accepted_connections() - before, 2);
+      cmds = peer->commands();
+      ASSERT_GE(cmds.size(), 2u);
+      EXPECT_EQ(cmds[cmds.size() - 2].cmd, uint32_t(KFSM_CMD_INVAL));
+      EXPECT_NE(cmds.back().cmd, uint32_t(KFSM_CMD_INVAL));
+      peer->stop();
+      peer = std::make_unique<Kfsm_Peer>(sock.path, "/view");
+      ASSERT_EQ(peer->start(), 0);
+      tbs_oid_s obj = oid_n(3);
+      EXPECT_EQ(kept.view_inval_name(&silo, &obj, "a"), 0);
+      kept.drain();
+      ASSERT_EQ(peer->commands().size(), 1u);
+      kfsm_inval_args a;
+      ASSERT_TRUE(kfsm_parse_inval(peer->commands()[0], &a));
+      EXPECT_EQ(a.name, "a");
+      EXPECT_EQ(kept.posted_failures(), 1);
+    }
+    // Deleting the object closes its handle.
+    EXPECT_TRUE(peer->wait_closed(1));
   }
-  // Deleting the object closes its handle.
-  EXPECT_TRUE(peer->wait_closed(1));
 }
 
 // What the answer carries reaches the caller through the real daemon (tests/e2e/kfsm); here the

@@ -126,7 +126,8 @@ bool Tavrel_View_db_listener::begin_operation(unsigned int gn) {
   new_gn = gn;
   trace.writeTrace(TRACE_LEVEL_4, "old gn %u new gn %u", old_gn, new_gn);
   m_ioctl = std::make_unique<Tavrel_KFSM_Ioctl>(update->get_update_view());
-  m_ioctl->keep_open();  // one or two invalidations per element: one connection for them all
+  // One or two invalidations per element: one connection for them all, sent by a thread of their own.
+  m_ioctl->send_from_own_thread();
   m_has_hijacks = Tavrel_Update_Hijack::view_has_hijacks();
   scope_names.clear();
   return true;
