@@ -156,21 +156,26 @@ TEST_F(KfsmIoctl, AKeptObjectSendsItsCommandsOverOneConnection) {
       const size_t first = peer->commands().size();
       // Posted, not awaited: a failure the module answers later is counted, in order.
       for (int i = 0; i < 3; i++) peer->push_status(KFSM_CMD_INVAL, i == 2 ? TBS_ST_FAILURE : 0);
-      for (int i = 0; i < 50; i++) {
-        tbs_oid_s obj = oid_n(uint8_t(i));
+      // More than the sender's queue holds, so that the caller also waits for room.
+      constexpr int kPosts = 5000;
+      for (int i = 0; i < kPosts; i++) {
+        tbs_oid_s obj = oid_n(0);
+        obj.bytes[0] = uint8_t(i);
+        obj.bytes[1] = uint8_t(i >> 8);
         ASSERT_EQ(kept.view_inval_obj(&silo, &obj, 13), 0);
       }
       kept.drain();
       EXPECT_EQ(kept.posted_failures(), 1);
       auto cmds = peer->commands();
-      std::vector<uint8_t> seen;  // the first byte of each object: the order they were sent in
+      std::vector<int> seen;  // the number each object carries: the order they were sent in
       for (size_t i = first; i < cmds.size(); ++i) {
         kfsm_inval_args a;
-        if (cmds[i].cmd == KFSM_CMD_INVAL && kfsm_parse_inval(cmds[i], &a)) seen.push_back(a.obj.bytes[0]);
+        if (cmds[i].cmd == KFSM_CMD_INVAL && kfsm_parse_inval(cmds[i], &a))
+          seen.push_back(a.obj.bytes[0] | a.obj.bytes[1] << 8);
       }
-      ASSERT_EQ(seen.size(), 50u);
-      for (int i = 0; i < 50; i++) EXPECT_EQ(seen[i], i);
-      // One connection asked the root, one carried the fifty commands.
+      ASSERT_EQ(seen.size(), size_t(kPosts));
+      for (int i = 0; i < kPosts; i++) ASSERT_EQ(seen[i], i);
+      // One connection asked the root, one carried all the commands.
       EXPECT_EQ(peer->accepted_connections() - before, 2);
       // A command with outputs waits for the posted ones, then runs on the same handle.
       EXPECT_EQ(kept.view_inval_view(), 0);
