@@ -31,7 +31,7 @@ bool is_our_fifo(const std::string& path) {
   return lstat(path.c_str(), &st) == 0 && S_ISFIFO(st.st_mode) && st.st_uid == geteuid();
 }
 
-// The waits of one connect: the agent makes a connection's pipes and opens them within a fraction of
+// The waits of one step of a connect: the agent makes a connection's pipes and opens them within a fraction of
 // a millisecond when it is idle, so the first looks come soon; later ones back off to 5 ms apart.
 class Backoff {
  public:
@@ -74,7 +74,7 @@ Connection::Status Connection::connect(const std::string& storage, int timeout_m
 
   int lfd = -1;
   std::string line = m_id + "\n";
-  Backoff wait;
+  Backoff wait;  // for the listener, then a fresh one for each of the pipes
   for (;;) {
     lfd = open(listener.c_str(), O_WRONLY | O_NONBLOCK | O_CLOEXEC);
     if (lfd < 0) {
@@ -93,6 +93,7 @@ Connection::Status Connection::connect(const std::string& storage, int timeout_m
     if (ms_left(deadline) == 0) return fail(kTimeout, "the agent is not listening on " + listener);
     wait.pause();
   }
+  wait = Backoff();
   while (!(is_our_fifo(req) && is_our_fifo(resp))) {
     if (ms_left(deadline) == 0) {
       ::close(lfd);
@@ -106,6 +107,7 @@ Connection::Status Connection::connect(const std::string& storage, int timeout_m
     ::close(lfd);
     return fail(kSystem, "cannot open " + resp + ": " + strerror(e));
   }
+  wait = Backoff();
   while (m_request_fd < 0) {
     m_request_fd = open(req.c_str(), O_WRONLY | O_NONBLOCK | O_CLOEXEC | O_NOFOLLOW);
     if (m_request_fd >= 0) break;

@@ -6,6 +6,7 @@
 #include <cstdlib>
 #include <cstring>
 #include <deque>
+#include <system_error>
 #include <thread>
 #include <vector>
 
@@ -58,7 +59,7 @@ void print_mkview(const Tavrel_Trace& trace, const kfsm_mkviewtag_info& m) {
 // The sender thread of send_from_own_thread() and its queue.
 class Tavrel_KFSM_Ioctl::Sender {
  public:
-  static constexpr size_t BATCH = 64;       // queued invalidations that wake the sender at once
+  static constexpr size_t BATCH = KFSM_POST_BATCH;  // queued invalidations that wake the sender at once
   static constexpr size_t MAX_QUEUED = 4096;
   static constexpr std::chrono::milliseconds LINGER{2};  // the longest a smaller number waits
 
@@ -120,11 +121,11 @@ class Tavrel_KFSM_Ioctl::Sender {
       m_busy = true;
       g.unlock();
       m_room.notify_all();
-      for (Item& it : batch) {
-        it.info.name = it.has_name ? kfsm_strbuf_of(it.name.c_str()) : kfsm_strbuf{};
-        if (m_io->inval(&it.info) != 0) m_io->m_posted_failures++;
-      }
+      for (Item& it : batch) send(it);
       batch.clear();
+      // What the last post left waiting in the handle leaves now, and the answers that came are taken.
+      while (m_io->collect_one(false)) {
+      }
       g.lock();
       if (m_queue.empty()) {
         // Nothing more to send: what waits in the last batch leaves, and every answer is taken.
@@ -137,6 +138,20 @@ class Tavrel_KFSM_Ioctl::Sender {
         }
       }
     }
+  }
+
+  void send(Item& it) {
+    it.info.name = it.has_name ? kfsm_strbuf_of(it.name.c_str()) : kfsm_strbuf{};
+    int st = 0;
+    try {
+      st = m_io->inval(&it.info);
+    } catch (const std::exception&) {  // nothing may leave the thread; the caller sees a failure
+      st = TBS_ST_FAILURE;
+    }
+    if (st == 0) return;
+    m_io->m_posted_failures++;
+    Tavrel_Trace trace(TAVREL_KFSM, "Tavrel_KFSM_Ioctl::Sender", "send");
+    trace.writeTrace(TRACE_LEVEL_2, "a queued invalidation failed: %d", st);
   }
 
   Tavrel_KFSM_Ioctl* m_io;
@@ -157,7 +172,14 @@ Tavrel_KFSM_Ioctl::~Tavrel_KFSM_Ioctl() {
 
 void Tavrel_KFSM_Ioctl::send_from_own_thread() {
   m_keep = true;
-  if (!m_sender) m_sender = std::make_unique<Sender>(this);
+  if (m_sender) return;
+  try {
+    m_sender = std::make_unique<Sender>(this);
+  } catch (const std::system_error& e) {
+    // No thread to be had: the caller sends its invalidations itself, as keep_open() has it.
+    Tavrel_Trace trace(TAVREL_KFSM, "Tavrel_KFSM_Ioctl", "send_from_own_thread");
+    trace.writeTrace(TRACE_LEVEL_2, "no sender thread (%s): invalidations are sent by the caller", e.what());
+  }
 }
 
 bool Tavrel_KFSM_Ioctl::queue_inval(const kfsm_inval_info& info) {

@@ -16,18 +16,18 @@
 // send_from_own_thread() goes one step further for a caller whose own time is what counts (the thread
 // that applies an update): invalidations are queued, and a sender thread of this object's own posts
 // them on the kept handle, in the order they were queued, while the caller goes on. An invalidation
-// then gives 0 once queued; one that fails later, the view root included, is counted in
-// posted_failures(). The sender wakes when 64 are queued, or 2 ms after the first of a smaller number,
-// so the caller pays a wake-up only once per batch; at most 4096 wait in the queue (the caller waits
-// for room beyond that). drain(), any other command and the destructor first wait until the sender
-// has sent everything queued and collected every answer; the other command then runs on the caller's
-// thread, on the same handle. The sender's mutex (rank LEAF) guards the queue and the sender's state;
-// the handle, the root and the counts are the sender's while it works and the caller's once drain()
-// has returned, never both at once.
-//
-// Statuses are of the 1000 range (tbs_status_t), except mount_silo and umount_silo, which give the
-// agent's own statuses: 0, 20046 (already mounted), 20047 (not mounted), or tbs_to_tavrel_status of
-// the module's answer.
+// then gives 0 once queued; one that fails later, the view root included, is traced and counted in
+// posted_failures(). The first invalidation queued wakes the sender, which waits up to 2 ms for
+// KFSM_POST_BATCH (64) to gather (the caller wakes it again when they have), posts all that are queued,
+// sends what the last post left waiting in the handle and takes the answers that have come; so an
+// invalidation waits about 2 ms at most, plus the posting of those queued before it, and the caller
+// pays at most two wake-ups per batch. At most 4096 wait in the queue (the caller waits for room beyond
+// that). drain(), any other command and the destructor first wait until the sender has sent
+// everything queued and collected every answer; the other command then runs on the caller's thread,
+// on the same handle. When no thread can be had, the caller sends them itself, as with keep_open().
+// The sender's mutex (rank LEAF: the caller holds no LEAF lock when it queues or waits) guards the
+// queue and the sender's state; the handle, the root and the counts are the sender's while it works
+// and the caller's once drain() has returned, never both at once.
 #pragma once
 
 #include <atomic>

@@ -156,7 +156,7 @@ TEST_F(KfsmIoctl, AKeptObjectSendsItsCommandsOverOneConnection) {
       const size_t first = peer->commands().size();
       // Posted, not awaited: a failure the module answers later is counted, in order.
       for (int i = 0; i < 3; i++) peer->push_status(KFSM_CMD_INVAL, i == 2 ? TBS_ST_FAILURE : 0);
-      // More than the sender's queue holds, so that the caller also waits for room.
+      // More than the sender's queue holds.
       constexpr int kPosts = 5000;
       for (int i = 0; i < kPosts; i++) {
         tbs_oid_s obj = oid_n(0);
@@ -200,6 +200,36 @@ TEST_F(KfsmIoctl, AKeptObjectSendsItsCommandsOverOneConnection) {
     // Deleting the object closes its handle.
     EXPECT_TRUE(peer->wait_closed(1));
   }
+}
+
+// A sender thread sends a few invalidations soon without being asked, and an object deleted with
+// invalidations still queued sends them all first.
+TEST_F(KfsmIoctl, ASenderThreadSendsWhatWaitsWithoutBeingAsked) {
+  tbs_uuid_s silo;
+  memset(silo.bytes, 0x5A, 16);
+  const size_t first = peer->commands().size();
+  {
+    Tavrel_KFSM_Ioctl kept{&view};
+    kept.send_from_own_thread();
+    for (int i = 0; i < 3; i++) {
+      tbs_oid_s obj = oid_n(uint8_t(i));
+      ASSERT_EQ(kept.view_inval_obj(&silo, &obj, 13), 0);
+    }
+    // Fewer than a batch, and no drain: they leave once the sender has waited for more. The root is
+    // asked first.
+    ASSERT_TRUE(peer->wait_commands(first + 4));
+    for (int i = 3; i < 300; i++) {
+      tbs_oid_s obj = oid_n(uint8_t(i));
+      ASSERT_EQ(kept.view_inval_obj(&silo, &obj, 13), 0);
+    }
+  }
+  std::vector<int> seen;
+  for (const kfsm_command& c : peer->commands()) {
+    kfsm_inval_args a;
+    if (c.cmd == KFSM_CMD_INVAL && kfsm_parse_inval(c, &a)) seen.push_back(a.obj.bytes[0]);
+  }
+  ASSERT_EQ(seen.size(), 300u);
+  for (int i = 0; i < 300; i++) ASSERT_EQ(seen[i], uint8_t(i));
 }
 
 // What the answer carries reaches the caller through the real daemon (tests/e2e/kfsm); here the
