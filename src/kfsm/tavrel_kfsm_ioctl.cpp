@@ -128,7 +128,7 @@ class Tavrel_KFSM_Ioctl::Sender {
       }
       g.lock();
       if (m_queue.empty()) {
-        // Nothing more to send: what waits in the last batch leaves, and every answer is taken.
+        // Nothing more to send: every outstanding answer is taken before the sender says it is idle.
         g.unlock();
         m_io->drain_kept();
         g.lock();

@@ -28,6 +28,10 @@
 // The sender's mutex (rank LEAF: the caller holds no LEAF lock when it queues or waits) guards the
 // queue and the sender's state; the handle, the root and the counts are the sender's while it works
 // and the caller's once drain() has returned, never both at once.
+//
+// Statuses are of the 1000 range (tbs_status_t), except mount_silo and umount_silo, which give the
+// agent's own statuses: 0, 20046 (already mounted), 20047 (not mounted), or tbs_to_tavrel_status of
+// the module's answer.
 #pragma once
 
 #include <atomic>
